@@ -1,0 +1,34 @@
+// Child processes with a time limit.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace lumo {
+
+// A command line split into words: white space separates, '...' and "..." hold words together, a backslash takes the
+// next character as it is (not within '...'). No variables, no globbing, no shell.
+class ArgV {
+ public:
+  explicit ArgV(const std::string& text);
+  // The program, the first word; empty when there is none.
+  const char* cmd() const { return m_words.empty() ? "" : m_words.front().c_str(); }
+  // Null-terminated, in the form that exec takes; valid as long as the object.
+  char** argv() { return m_pointers.data(); }
+  const std::vector<std::string>& words() const { return m_words; }
+
+ private:
+  std::vector<std::string> m_words;
+  std::vector<char*> m_pointers;
+};
+
+}  // namespace lumo
+
+// Starts a program and waits for it. `flags` is 0. The child gets the `fdCount` descriptors of `fds` as its descriptors
+// 0, 1,
+// ... and no other; -1 in `fds` means /dev/null. `timeout` in seconds; -1 (any negative number) waits without limit. On
+// time-out the child's process group gets TERM and, a second later, KILL. `newGroup` puts the child into a process
+// group of its own, `resetSignals` gives it default signal dispositions and an empty mask. Returns the wait status, or
+// -1 with errno set, ETIMEDOUT on time-out; no zombie stays. Any thread.
+int spawnfv_time(int flags, int fdCount, const int* fds, const char* cmd, char** argv, int timeout, int newGroup,
+                 int resetSignals);

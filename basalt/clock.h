@@ -1,0 +1,23 @@
+// The seam of time: what the system reads of the clock and how it sleeps.
+#pragma once
+
+#include <chrono>
+
+namespace lumo {
+
+// Any thread.
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  virtual std::chrono::system_clock::time_point now() = 0;
+  virtual std::chrono::steady_clock::time_point steadyNow() = 0;
+  virtual void sleepFor(std::chrono::milliseconds duration) = 0;
+
+  // The clock in force: the system's own, or the one that a test put in its place.
+  static Clock& getInstance();
+  // Puts another clock in place; null puts the system's own back. The caller keeps ownership. Only while one thread
+  // runs.
+  static void setInstance(Clock* clock);
+};
+
+}  // namespace lumo

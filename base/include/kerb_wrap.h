@@ -1,0 +1,56 @@
+// The owner of one krb5_context, and the error side of all Kerberos work.
+#pragma once
+
+#include <krb5.h>
+
+#include <string>
+
+#include "base/include/exceptions.h"
+#include "base/include/mutex.h"
+
+// The slot of the agent's time-sync scheduler that a clock error writes to.
+class TimeSyncScheduler {
+ public:
+  // Holder of `gScheduler`, zero until somebody schedules.
+  static long& getScheduler();
+};
+
+// A Kerberos failure; rc() is the Kerberos code. A code that says the clocks disagree also sets the scheduler's slot to
+// 0.
+class KerberosException : public BASALTException {
+ public:
+  KerberosException(int rc, const char* message, const char* file, int line,
+                    const char* className = "KerberosException");
+};
+
+// `what`, ": ", and the library's text for rc.
+std::string KerbMessage(int rc, const char* what);
+
+// One krb5_context, made so that a damaged configuration file does not stop the host: the file is moved aside to its
+// name with ".bad" behind it and an empty profile is used. Throws KerberosException when there is still no context. A
+// context serves one thread at a time; the lock is for users who share one.
+class KerberosContext : private lumo::Mutex {
+ public:
+  KerberosContext();
+  ~KerberosContext();
+  KerberosContext(const KerberosContext&) = delete;
+  KerberosContext& operator=(const KerberosContext&) = delete;
+
+  krb5_context get() const noexcept { return m_context; }
+  lumo::Mutex& lock() noexcept { return *this; }
+
+  // An independent context with the same profile and weak-crypto setting; the caller frees it with krb5_free_context.
+  // Throws KerberosException. Defined by the platform library.
+  krb5_context clone() const;
+
+  // Brings the profile up to date with the settings: the joined domain becomes the default realm where the profile
+  // names none. Defined by the platform library.
+  void profileUpdate();
+
+ private:
+  krb5_context m_context = nullptr;
+};
+
+// Trace callback of every context: Kerberos trace lines go to "base.kerberos.wrap" at level 1. Defined by the platform
+// library.
+void mvd_krb5_trace_cb(krb5_context context, const krb5_trace_info* info, void* data);

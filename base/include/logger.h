@@ -1,0 +1,71 @@
+// Logger handles: a name, two thresholds and a parent. The sinks belong to the platform library.
+#pragma once
+
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <string>
+
+namespace lumo {
+
+class Properties;
+
+// One named logger. A record passes when its level is at or above either threshold: the first is that of the system
+// log, the second that of the log file. A threshold of -1 is not set here: it is taken from the nearest ancestor that
+// has one and then cached; the root always has both. Names form a tree at their dots ("cloud.proxy" is below "cloud").
+class Logger {
+ public:
+  // Higher is more severe: 0 full response bodies, 1 debug and progress, 2 information, 3 warning, 4 error,
+  // 5 what an administrator must see. OFF lets nothing through.
+  using LogLevel = int;
+  static constexpr LogLevel OFF = 6;
+  static constexpr int SINKS = 2;
+
+  Logger(std::string name, boost::shared_ptr<Logger> parent) : m_name(std::move(name)), m_parent(std::move(parent)) {}
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  // The logger of that name for the calling thread, made when needed. Never throws for want of a sink or of settings:
+  // settings that cannot be read leave the defaults in force.
+  static boost::shared_ptr<Logger> GetThreadPrivateLogger(const std::string& name);
+
+  // Rereads the thresholds of all loggers, of every thread, from the settings `log` and `log.NAME`. Any thread.
+  static void ReconfigureLevels(Properties& settings);
+
+  bool isLevelEnabled(LogLevel level) const { return level >= threshold(0) || level >= threshold(1); }
+
+  // Writes one record, filled printf-style, to each sink whose threshold lets the level through. A trailing newline of
+  // the format stays in the text. Callers test isLevelEnabled first. Never throws; a sink that fails loses the record.
+  void log(LogLevel level, const char* file, int line, const char* function, const char* format, ...)
+      __attribute__((format(printf, 6, 7)));
+
+  // The effective threshold of a sink (0 system log, 1 file).
+  LogLevel threshold(int sink) const {
+    LogLevel own = m_thresholds[sink].load(std::memory_order_relaxed);
+    if (own == -1) {
+      own = m_parent ? m_parent->threshold(sink) : OFF;
+      m_thresholds[sink].store(own, std::memory_order_relaxed);
+    }
+    return own;
+  }
+  void setThreshold(int sink, LogLevel level) { m_thresholds[sink].store(level, std::memory_order_relaxed); }
+  const std::string& name() const { return m_name; }
+
+ private:
+  std::string m_name;
+  mutable std::atomic<LogLevel> m_thresholds[SINKS] = {{-1}, {-1}};
+  boost::shared_ptr<Logger> m_parent;
+};
+
+}  // namespace lumo
+
+// The calling thread's logger of that name; with diag true the name gets "diag." in front.
+boost::shared_ptr<lumo::Logger> getLogger(const char* name, bool diag);
+
+// Logs at a level only when the level is open, with the place of the call; arguments are not evaluated otherwise.
+#define LUMO_LOG(logger, level, ...)                                        \
+  do {                                                                      \
+    const auto& lumoLogger_ = (logger);                                     \
+    if (lumoLogger_->isLevelEnabled(level)) {                               \
+      lumoLogger_->log((level), __FILE__, __LINE__, __func__, __VA_ARGS__); \
+    }                                                                       \
+  } while (false)

@@ -1,0 +1,35 @@
+// Names of the parameters of the configuration file, and other texts that name things outside the process.
+#pragma once
+
+namespace lumo::PN {
+
+inline constexpr char CLOUD_PROXY_SERVER[] = "ferrod.cloud.proxy.server";
+inline constexpr char CLOUD_PROXY_AUTH_REQUIRED[] = "ferrod.cloud.proxy.auth.required";
+inline constexpr char CLOUD_PROXY_AUTH_TYPE[] = "ferrod.cloud.proxy.auth.type";
+inline constexpr char FERROD_CLOUD_SKIP_CERT_VERIFICATION[] = "ferrod.cloud.skip.cert.verification";
+inline constexpr char FERROD_CLOUD_CERT_STORE[] = "ferrod.cloud.cert.store";
+inline constexpr char LUMOD_SOCKET[] = "lumod.socket";
+inline constexpr char ROOT_LOGGER_NAME[] = "log";
+inline constexpr char LOG_FILE[] = "logging.file";
+inline constexpr char KRB5_CONFFILE_NAME[] = "krb5.conf.file";
+inline constexpr char KRB5_ALLOW_WEAK_CRYPTO[] = "krb5.allow.weak.crypto";
+inline constexpr char CLI_HOOK_PREFIX[] = "cli.hook.";
+inline constexpr char CLI_HOOK_TIMEOUT[] = "cli.hook.timeout";
+inline constexpr char FIPS_MODE_ENABLE[] = "fips.mode.enable";
+
+}  // namespace lumo::PN
+
+// A user name that means the machine account: the well-known SID of the local system.
+inline constexpr char MACHINE_MARKER[] = "S-1-5-18";
+
+namespace lumo::path {
+
+inline constexpr char CONFIGURATION[] = "/etc/morvand/morvand.conf";
+inline constexpr char STATE_FOLDER[] = "/var/morvand/";
+inline constexpr char AGENT_SOCKET[] = "/var/morvand/daemon";
+inline constexpr char AGENT_LOCK[] = "/var/run/ferrod.lock";
+inline constexpr char SETTINGS_STORE[] = "/var/morvand/kset/";
+inline constexpr char MACHINE_KEYTAB[] = "/etc/krb5.keytab";
+inline constexpr char MACHINE_CCACHE[] = "/var/morvand/machine.ccache";
+
+}  // namespace lumo::path

@@ -1,0 +1,62 @@
+// The command-line tool: options, commands and their handlers.
+#pragma once
+
+#include <string>
+
+#include "base/include/logger.h"
+#include "base/include/parameter_names.h"
+#include "base/include/shredder.h"
+
+// The parsed options of one run. An empty string means not given; the clear flags say that an option was given with an
+// empty argument.
+struct CommandOptions {
+  int command = -1;  // the last letter from the command table
+  bool verbose = false;
+  std::string username;  // or MACHINE_MARKER
+  lumo::Shredder2 password;
+  std::string server;  // host:port
+  bool clearServer = false;
+  std::string authRequired;  // "true" or "false"
+  bool clearAuthRequired = false;
+  std::string authType;  // a name of proxyAuthTypes
+  bool clearAuthType = false;
+  int keyVersion = 0;
+  int encType = 0;
+  std::string opxUrl;
+};
+
+// cli_ferrogate.cpp: the entry. Both return the exit status. argv is writable: a password in it is overwritten once
+// read.
+int guardedMain(int argc, char** argv);  // the body of main: main2 inside the exception guard
+int main2(int argc, char** argv);
+void printUsage();
+
+// cli_ferrogate_report.cpp: logs the text at the level with the place of the call, then writes it and one newline to
+// standard error.
+void reportAt(int level, const char* file, int line, const char* function, const std::string& text);
+#define FERRO_REPORT(level, text) reportAt((level), __FILE__, __LINE__, __func__, (text))
+
+// cli_ferrogate_options.cpp: each takes one result of getopt_long (and optarg). 0 taken, 7 refused, -1 not mine.
+int parseCommonOption(int ch, CommandOptions& record);
+int parseSetCommandOption(int ch, CommandOptions& record);
+int parseTestCommandOption(int ch, CommandOptions& record);
+// 0 for HOST:PORT with both non-empty, else 7 after a report.
+int checkServerNameSyntax(const std::string& value);
+// Does this process believe the same of FIPS mode as the running agent? True when no agent runs.
+bool fipsModeConsistent();
+
+// cli_ferrogate_credential.cpp: the credential file's two doors. Mask bits of getCredential: what is copied into the
+// record.
+inline constexpr int CredentialUser = 1;
+inline constexpr int CredentialPassword = 2;
+inline constexpr int CredentialKey = 4;
+inline constexpr char CREDENTIAL_NAME[] = "httpproxy";
+int getCredential(CommandOptions& record, int mask);  // 0, 158 or 159
+int storeCredential(const CommandOptions& record);    // 0 or 160
+
+// The commands; each returns a result code.
+int handleSetCommand(CommandOptions& record);
+int handleDeleteCommand(CommandOptions& record);
+int handleListCommand(CommandOptions& record);
+int handleTestCommand(CommandOptions& record);
+int handleCredentialCommand(int ch);

@@ -1,0 +1,119 @@
+// One HTTP connection over libcurl: its options, headers, buffers and proxy state.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/include/exceptions.h"
+#include "base/include/shredder.h"
+#include "cloud/curl_gsssetup.h"
+
+namespace lumo {
+
+// Always with the class name "CurlException" and result code -1.
+LUMO_DECLARE_EXCEPTION(CurlException, Base_Exception);
+
+}  // namespace lumo
+
+// Four options that a distribution's libcurl does not have. setOpt and clearOpt take them like any other; the object
+// keeps their values and does itself what they ask for: a Negotiate exchange for a given service name, with a given
+// credential, after a given function was called.
+inline constexpr int CURLOPT_PROXY_GSS_SPN = 10035;
+inline constexpr int CURLOPT_PROXY_GSS_CRED = 10055;
+inline constexpr int CURLOPT_PROXY_GSS_SETUP_FUNCTION = 20066;
+inline constexpr int CURLOPT_PROXY_GSS_SETUP_DATA = 10067;
+
+// Lower-case name of a proxy authentication type -> libcurl bit mask: "" 0, "negotiate" 4, "ntlm" 8, "digest" 2,
+// "basic" 1, "anyauth" -17. Never changes; any thread.
+extern const std::map<std::string, long> proxyAuthTypes;
+
+class NegotiateLayer;
+
+// Owner of one libcurl easy handle. One thread at a time; the owner sees to that. Built once and used for many
+// requests: options, `headers` and cookies stay until somebody changes them. Whenever proxy, mask, user, credential or
+// service name change, connections made under the former identity are no longer used.
+class CurlObject {
+ public:
+  using ReadFunction = size_t (*)(char*, size_t, size_t, void*);
+  using DebugFunction = int (*)(CURL*, curl_infotype, char*, size_t, void*);
+
+  // Cookie engine on, no signals, certificate checks on, 30 seconds for a transfer. Throws CurlException "Failed to
+  // create curl context".
+  CurlObject();
+  ~CurlObject();
+  CurlObject(const CurlObject&) = delete;
+  CurlObject& operator=(const CurlObject&) = delete;
+
+  // Sets an option and records its number. Throws CurlException "curl error occurred in curl_easy_setopt: %s (%d)" and
+  // does not record it when libcurl refuses.
+  void setOpt(int option, long value);
+  void setOpt(int option, int value) { setOpt(option, static_cast<long>(value)); }
+  void setOpt(int option, const char* value);
+  void setOpt(int option, const std::string& value) { setOpt(option, value.c_str()); }
+  void setOpt(int option, void* object);
+  void setOpt(int option, ReadFunction callback);  // also write and header callbacks
+  void setOpt(int option, DebugFunction callback);
+  void setOpt(int option, gss_cred_id_t credential);
+  void setOpt(int option, GssSetupFunction callback);
+  void setOpt(int option, ProxyGssCallbacks* block);
+
+  // Takes a recorded option away; one that is not recorded leaves the handle alone. Throws CurlException "curl error
+  // occurred in curl_easy_setopt to clear option: %s (%d)"; the number is no longer recorded then.
+  void clearOpt(int option);
+
+  // An empty proxy means a direct connection. `authType` is a name of proxyAuthTypes in any case, an unknown one counts
+  // as "anyauth", an empty one sets no authentication. Throws CurlException, and what canonicalizeSpn throws.
+  void setProxy(const std::string& proxy, const std::string& authType, const std::string& user,
+                const lumo::Shredder2& password);
+  void clearProxy(bool clearUserCache);
+
+  // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
+  // any status counts as success. The body ends at its first zero byte. Throws CurlException "curl error occurred in
+  // curl_easy_perform: %s (%d)".
+  std::pair<long, std::string> perform(const std::string& url, const std::string& body, int post);
+
+  // Sends the cookie with the following requests, in place of a session cookie that an earlier reply left.
+  void setCookie(const std::string& cookie);
+
+  // The callback for CURLOPT_DEBUGFUNCTION; its data (CURLOPT_DEBUGDATA) is the object.
+  static int debugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* object);
+
+  const std::set<int>& recordedOptions() const { return options; }
+  const std::vector<std::string>& lastHeaderLines() const { return headerLines; }
+
+  CURL* handle = nullptr;
+  std::map<std::string, std::string> headers;
+  std::vector<std::string> debugLines;
+
+ private:
+  friend class NegotiateLayer;
+
+  std::set<int> options;
+  std::string requestBody;
+  std::string responseBody;
+  const char* readPosition = nullptr;
+  size_t readLeft = 0;
+  char* writeBuffer = nullptr;
+  size_t writeLength = 0;
+  std::vector<std::string> headerLines;
+  std::vector<std::string> headerStrings;
+  curl_slist* headerList = nullptr;
+  CurlProxyNegotiateHelper negotiate;
+
+ public:
+  // For Negotiate at the web server; filled by the sign-in code, zero until then.
+  ProxyGssCallbacks serverGssCallbacks;
+
+ private:
+  // What a callback threw; carried past libcurl's frames and rethrown after the transfer.
+  std::exception_ptr callbackFailure;
+  // The four own options and what is done in their name.
+  std::unique_ptr<NegotiateLayer> layer;
+};

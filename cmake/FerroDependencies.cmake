@@ -1,0 +1,15 @@
+# What the tree links against. ARCHITECTURE.md says why each is there.
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(Boost REQUIRED)
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+pkg_check_modules(KRB5 REQUIRED IMPORTED_TARGET krb5 krb5-gssapi)
+pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap lber)
+pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
+pkg_check_modules(BSD REQUIRED IMPORTED_TARGET libbsd)
+pkg_check_modules(SPDLOG REQUIRED IMPORTED_TARGET spdlog)
+find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
+if(FERRO_TESTS)
+  find_package(GTest REQUIRED)
+endif()

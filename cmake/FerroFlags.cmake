@@ -1,0 +1,43 @@
+# Compiler and linker flags of every target of the tree, as one interface library.
+
+option(FERRO_TESTS "Build the tests" ON)
+option(FERRO_BENCH "Build the benchmarks" OFF)
+option(FERRO_FUZZ "Build the fuzz targets (clang only)" OFF)
+option(FERRO_COVERAGE "Instrument for line coverage" OFF)
+set(FERRO_SANITIZE "" CACHE STRING "Sanitizers, comma separated: address,undefined or thread")
+
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE_PROGRAM}")
+endif()
+
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(ferro_flags INTERFACE)
+target_include_directories(ferro_flags INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(ferro_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  -fstack-protector-strong -fstack-clash-protection
+  # File names in exceptions and log records are relative to the tree, wherever it was built.
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+target_link_options(ferro_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
+if(FERRO_SANITIZE)
+  target_compile_options(ferro_flags INTERFACE "-fsanitize=${FERRO_SANITIZE}" -fno-omit-frame-pointer
+                         -fno-sanitize-recover=all)
+  target_link_options(ferro_flags INTERFACE "-fsanitize=${FERRO_SANITIZE}")
+else()
+  # _FORTIFY_SOURCE and the sanitizers' interceptors do not go together.
+  target_compile_definitions(ferro_flags INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+endif()
+
+if(FERRO_COVERAGE)
+  target_compile_options(ferro_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(ferro_flags INTERFACE --coverage)
+endif()
+
+if(FERRO_FUZZ)
+  target_compile_options(ferro_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()

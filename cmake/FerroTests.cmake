@@ -1,0 +1,38 @@
+# Tests of a room, told apart by the end of their file name:
+#   NAME_test.cpp           label unit      no root, no network
+#   NAME_loopback_test.cpp  label loopback  real libcurl, sockets on loopback, port 0
+#   NAME_root_test.cpp      label root      uid 0; every test in a private mount and network namespace
+#   NAME_lab_test.cpp       label lab       the private domain; one lab for all tests of the room
+# One executable per room and label.
+
+include(GoogleTest)
+
+function(ferro_room_tests room)
+  if(NOT FERRO_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+  file(GLOB all CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*_test.cpp")
+  foreach(label unit loopback root lab)
+    set(sources ${all})
+    if(label STREQUAL "unit")
+      list(FILTER sources EXCLUDE REGEX "_(loopback|root|lab)_test\\.cpp$")
+    else()
+      list(FILTER sources INCLUDE REGEX "_${label}_test\\.cpp$")
+    endif()
+    if(sources)
+      ferro_test_executable(${room}_${label}_test ${label} "${sources}" "${ARG_LIBS}")
+    endif()
+  endforeach()
+endfunction()
+
+function(ferro_test_executable name label sources libs)
+  add_executable(${name} ${sources})
+  target_link_libraries(${name} PRIVATE ${libs} ferro_testsupport_${label} GTest::gmock GTest::gtest)
+  if(label STREQUAL "lab")
+    add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/lab/lab" run --with=mit -- $<TARGET_FILE:${name}>)
+    set_tests_properties(${name} PROPERTIES LABELS lab TIMEOUT 600)
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)
+  endif()
+endfunction()

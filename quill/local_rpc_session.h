@@ -1,0 +1,41 @@
+// Client of the agent's local RPC: JSON-RPC 2.0 in length-prefixed frames over a Unix socket.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "basalt/directory.h"
+
+namespace lumo {
+
+enum UserLookup { UNIX_ONLY = 1 };
+
+// One session. One thread at a time. Every call has a deadline of 10 seconds. Each operation but the constructor throws
+// IPCException when the request fails: an error reply, a broken frame, the agent gone, the deadline passed.
+class LocalRpcSession {
+ public:
+  // Connects to the agent. Both bools are false in every call of this system. Throws IOException when there is nobody
+  // there.
+  LocalRpcSession(const std::string& path, bool, bool);
+  ~LocalRpcSession();
+  LocalRpcSession(const LocalRpcSession&) = delete;
+  LocalRpcSession& operator=(const LocalRpcSession&) = delete;
+
+  // Proves this process to the agent (the peer credentials of the socket).
+  void authenticateProcess();
+  // The object of a user; null when unknown.
+  ADObjectPtr getUserObj(const std::string& name, UserLookup lookup);
+  // The object at dn; null when there is none. `base` is empty, `attributes` null (all) and `flags` 0 in this system.
+  ADObjectPtr ldapFetch(const std::string& base, const std::string& dn, const std::vector<std::string>* attributes,
+                        int flags);
+  // The agent's FIPS state, comparable with FIPSHelper::isStarted() as an integer.
+  int getFipsMode();
+  void close();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace lumo

@@ -1,0 +1,22 @@
+// A host of the test's own: the files of the machine stay as they are, whatever the test writes.
+#pragma once
+
+#include <string>
+
+namespace testsupport {
+
+// Moves this process into namespaces of its own (mounts, network, IPC, host name): /etc and /var are copies on write,
+// /run, /etc/morvand, /var/morvand and /var/tmp empty, loopback is up, no keytab and no Kerberos configuration of the
+// machine's. Needs uid 0. Throws std::system_error naming what is not allowed.
+void enterPrivateHost();
+
+// Everything that a test may have left in the private host goes: /etc/morvand, /var/morvand, /run and the keytab.
+void cleanPrivateHost();
+
+// Mounts a tmpfs of `kilobytes` on the folder (made when missing), e.g. to run out of space; unmounted by
+// cleanPrivateHost.
+void mountSmall(const std::string& folder, int kilobytes);
+// Makes a folder's file system read-only until cleanPrivateHost.
+void mountReadOnly(const std::string& folder);
+
+}  // namespace testsupport

@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""Fails on an include that points the wrong way.
+
+usage: check_includes.py [ROOT]
+Rooms may include themselves and what stands behind their arrow; the headers of some libraries are known to few units."""
+import pathlib
+import re
+import sys
+
+ROOMS = {
+    "base": set(),
+    "basalt": {"base"},
+    "quill": {"basalt", "base"},
+    "cloud": {"basalt", "base"},
+    "cli": {"cloud", "quill", "basalt", "base"},
+}
+# What a room's code may not know, told by the header's name: the files that may.
+GUARDED = [
+    (re.compile(r"^curl/"), re.compile(r"^cloud/(include/)?curl_")),
+    (re.compile(r"^(ldap|lber)\.h$"), re.compile(r"^basalt/directory")),
+    (re.compile(r"^(krb5|gssapi|gssapi/.*|krb5/.*|com_err|et/com_err|profile)(\.h)?$"),
+     re.compile(r"^(base/(include/)?kerb_wrap|basalt/kerberos|cloud/curl_gsssetup)")),
+    (re.compile(r"^sodium"), re.compile(r"^basalt/locked_memory")),
+    (re.compile(r"^spdlog/"), re.compile(r"^basalt/logging")),
+    (re.compile(r"^rapidjson/"), re.compile(r"^(quill|cloud)/")),
+]
+# Protocol versions know one another by inheritance alone: this file may include that header.
+INHERITANCE = {"cloud/cloud_auth_v1s.h": {"cloud/cloud_auth_v1.h"}}
+VERSION = re.compile(r"^cloud/cloud_auth_(v\w+)\.h$")
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
+
+
+def faults_of(path, name):
+    room = name.split("/")[0]
+    is_test = "/tests/" in name
+    for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
+        match = INCLUDE.match(line)
+        if not match:
+            continue
+        quoted, header = match.group(1) == '"', match.group(2)
+        where = f"{name}:{number}: "
+        target = header.split("/")[0]
+        if quoted and target == "testsupport":
+            if not is_test:
+                yield where + f"{header}: only tests include testsupport"
+        elif quoted:
+            if target not in ROOMS:
+                yield where + f'"{header}" is not named from the root of the tree'
+            elif target != room and target not in ROOMS[room]:
+                yield where + f"{room} must not include {target} ({header})"
+        if is_test:
+            continue
+        for headers, users in GUARDED:
+            if headers.search(header) and not users.search(name):
+                yield where + f"<{header}> is not known to this unit"
+        if VERSION.match(header) and VERSION.match(name) and header != name and header not in INHERITANCE.get(name, ()):
+            yield where + f"a protocol version includes another's header ({header})"
+
+
+def main():
+    root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ".")
+    files = [p for room in ROOMS for p in sorted((root / room).rglob("*")) if p.suffix in (".h", ".cpp")]
+    if not files:
+        sys.exit(f"{root}: no sources found")
+    faults = [fault for path in files for fault in faults_of(path, str(path.relative_to(root)))]
+    print("\n".join(faults) if faults else f"{len(files)} files, every include points the right way")
+    sys.exit(1 if faults else 0)
+
+
+if __name__ == "__main__":
+    main()

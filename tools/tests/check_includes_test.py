@@ -1,0 +1,68 @@
+#!/usr/bin/env python3
+"""The include check finds each kind of wrong arrow, and passes over right ones."""
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+CHECK = pathlib.Path(__file__).parent.parent / "check_includes.py"
+
+
+def check(files):
+    with tempfile.TemporaryDirectory() as folder:
+        for name, text in files.items():
+            path = pathlib.Path(folder) / name
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_text(text)
+        done = subprocess.run([sys.executable, CHECK, folder], capture_output=True, text=True, check=False)
+        return done.returncode, done.stdout
+
+
+class IncludeCheck(unittest.TestCase):
+    def refused(self, name, line, words):
+        status, out = check({name: line + "\n"})
+        self.assertEqual(status, 1, out)
+        self.assertIn(words, out)
+
+    def test_right_arrows_pass(self):
+        status, out = check({
+            "cli/a.cpp": '#include "cloud/b.h"\n#include "quill/c.h"\n#include <vector>\n',
+            "cloud/include/curl_x.h": "#include <curl/curl.h>\n",
+            "cloud/tests/t_test.cpp": '#include "testsupport/process.h"\n#include <krb5.h>\n',
+        })
+        self.assertEqual((status, out), (0, "3 files, every include points the right way\n"))
+
+    def test_rooms(self):
+        self.refused("base/a.h", '#include "basalt/b.h"', "base must not include basalt")
+        self.refused("basalt/a.h", '#include "cloud/b.h"', "basalt must not include cloud")
+        self.refused("quill/a.h", '#include "cloud/b.h"', "quill must not include cloud")
+        self.refused("cloud/a.h", '#include "cli/b.h"', "cloud must not include cli")
+        self.refused("cloud/a.h", '#include "quill/b.h"', "cloud must not include quill")
+
+    def test_guarded_headers(self):
+        self.refused("cli/a.cpp", "#include <curl/curl.h>", "<curl/curl.h> is not known")
+        self.refused("cloud/a.cpp", "#include <ldap.h>", "<ldap.h> is not known")
+        self.refused("cli/a.cpp", "#include <krb5.h>", "<krb5.h> is not known")
+        self.refused("cloud/curl_object.cpp", "#include <gssapi/gssapi.h>", "is not known")
+        self.refused("cli/a.cpp", "#include <rapidjson/document.h>", "is not known")
+
+    def test_tests_only(self):
+        self.refused("cli/a.cpp", '#include "testsupport/process.h"', "only tests include testsupport")
+
+    def test_protocol_versions(self):
+        self.refused("cloud/cloud_auth_v1.h", '#include "cloud/cloud_auth_v0.h"', "a protocol version includes")
+        status, _ = check({"cloud/cloud_auth_v1s.h": '#include "cloud/cloud_auth_v1.h"\n'})
+        self.assertEqual(status, 0)
+
+    def test_folder_relative_name(self):
+        self.refused("cli/a.cpp", '#include "b.h"', "is not named from the root")
+
+    def test_empty_tree_is_no_success(self):
+        with tempfile.TemporaryDirectory() as folder:
+            done = subprocess.run([sys.executable, CHECK, folder], capture_output=True, text=True, check=False)
+            self.assertNotEqual(done.returncode, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -8,6 +8,9 @@
 
 #include "base/include/logger.h"
 
+// What a hook came to, in words: `status` and `error` are the result of spawnfv_time and errno behind it.
+std::string hookOutcome(const char* program, int status, int error);
+
 // Runs the hooks when it is destroyed, so that they come last on every way out of a command. One thread.
 class PostCommandHook {
  public:
@@ -28,6 +31,8 @@ class PostCommandHook {
   int timeout() const { return timeoutSeconds; }
 
  private:
+  void report(const std::string& text) const;
+
   bool hookEnabled = false;
   int timeoutSeconds = 30;
   std::string hookCommand;

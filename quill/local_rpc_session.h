@@ -1,6 +1,7 @@
 // Client of the agent's local RPC: JSON-RPC 2.0 in length-prefixed frames over a Unix socket.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,13 +12,15 @@ namespace lumo {
 
 enum UserLookup { UNIX_ONLY = 1 };
 
-// One session. One thread at a time. Every call has a deadline of 10 seconds. Each operation but the constructor throws
-// IPCException when the request fails: an error reply, a broken frame, the agent gone, the deadline passed.
+// One session. One thread at a time. Every call, the connecting included, has a deadline: `limit`, 10 seconds. Each
+// operation but the constructor throws IPCException when the request fails: an error reply (its code is rc(); the
+// session stays usable), a broken frame, the agent gone, the deadline passed (the session is then of no more use).
+// docs/rpc.md tells the wire format.
 class LocalRpcSession {
  public:
   // Connects to the agent. Both bools are false in every call of this system. Throws IOException when there is nobody
-  // there.
-  LocalRpcSession(const std::string& path, bool, bool);
+  // there: no socket, nobody behind it, or no answer within the limit. Any other failure is a SystemException.
+  LocalRpcSession(const std::string& path, bool, bool, std::chrono::milliseconds limit = std::chrono::seconds(10));
   ~LocalRpcSession();
   LocalRpcSession(const LocalRpcSession&) = delete;
   LocalRpcSession& operator=(const LocalRpcSession&) = delete;
@@ -35,6 +38,7 @@ class LocalRpcSession {
 
  private:
   class Impl;
+  Impl& open();
   std::unique_ptr<Impl> m_impl;
 };
 

@@ -17,6 +17,8 @@ class RpcFrameReader {
   void feed(const char* bytes, std::size_t size);
   // The next whole frame's content, empty when none is complete yet.
   std::optional<std::string> next();
+  // Is nothing waiting, not even the beginning of a frame?
+  bool empty() const { return m_buffer.empty(); }
 
  private:
   std::string m_buffer;

@@ -16,13 +16,16 @@ class KerberosCredentialSource {
   virtual ~KerberosCredentialSource() = default;
 
   // Ticket-granting ticket for a principal by password. The lifetime is in seconds. Returns 0 and fills creds, whose
-  // contents the caller frees with krb5_free_cred_contents, or the Kerberos code and a text.
+  // contents the caller frees with krb5_free_cred_contents, or the Kerberos code and, when errorText is not null, a
+  // text. A realm that is not empty takes the place of the principal's. Nobody is ever asked for anything: an empty
+  // password is KRB5_PREAUTH_FAILED, an expired one KRB5KDC_ERR_KEY_EXP. KRB5_KDC_UNREACH after 30 seconds at most.
   virtual krb5_error_code ticketByPassword(krb5_context context, krb5_principal principal,
                                            const lumo::Shredder& password, const std::string& realm, int lifetime,
                                            krb5_creds* creds, std::string* errorText) = 0;
 
-  // The name of a credential cache of the machine account with at least ten minutes left. Throws KerberosException or
-  // another LUMOException with words that say what to do.
+  // The name of a credential cache of the machine account. A ticket with less than ten minutes left is renewed; while
+  // that fails it is used to its last minute. Throws KerberosException or another LUMOException with words that say
+  // what to do.
   virtual std::string machineCache() = 0;
 
   static KerberosCredentialSource& getInstance();
@@ -101,16 +104,27 @@ class ADHelper {
 unsigned krb5_enctypes_length();
 
 // Fills the list with the encryption types allowed for the realm (permitted_enctypes of the profile without weak ones
-// unless these are allowed); at most `capacity`. Returns the count. The list is not terminated.
+// unless these are allowed); at most `capacity`. Returns the count. The list is not terminated. Throws
+// KerberosException.
 unsigned getKrb5EncList(int* list, unsigned capacity, const std::string& realm);
 
-// The agent's KDC locator, the first word of a set-up block. Answers the KDCs of a realm from the directory's
-// knowledge.
+// A KDC as the name service announces it.
+struct KdcAddress {
+  std::string host;
+  unsigned short port = 0;
+};
+
+// The agent's KDC locator, the first word of a set-up block. Finds the KDCs of a realm by their SRV records, those of
+// the directory's domain controllers first, in the order in which they are to be tried; `data` is null or a
+// std::vector<KdcAddress>* that takes them. Returns 0 when there is at least one, else KRB5_REALM_CANT_RESOLVE. Ends
+// within seconds when no name server answers. Does not throw. Any thread.
 extern "C" int krb5_dc_locator_callback(const char* realm, void* data);
 
 // Installs the locator for the GSS exchange about to start on this thread: with a locator in place the KDCs of the
-// realm are looked up ahead of the exchange. A null locator leaves the library's own look-up. Returns GSS_S_COMPLETE or
-// a failure.
+// joined realm are looked up ahead of the exchange, so that the name service is asked, and its silence noticed and
+// logged, before a connection waits for it. A null locator leaves the library's own look-up. Returns GSS_S_COMPLETE,
+// minor 0: an exchange whose KDC is not found fails by itself.
 OM_uint32 gss_init_server_locator(OM_uint32* minor, void* first, void* second, void* locator, void* block);
-// Installs the initial-credentials callback; a null callback installs nothing. Returns GSS_S_COMPLETE or a failure.
+// Installs the initial-credentials callback; a null callback, all that this system gives, installs nothing and is
+// GSS_S_COMPLETE. The stock library has no place for another one: GSS_S_UNAVAILABLE.
 OM_uint32 gss_init_gic_callback(OM_uint32* minor, void* first, void* second, void* callback, void* data);

@@ -11,10 +11,10 @@ namespace lumo {
 // The file is /var/morvand/NAME.cred. One thread at a time. A user string of any bytes and an empty secret are valid.
 //
 // File format, all numbers big-endian: "MVPC" (4 bytes), format version 1 (1 byte), key version (4), encryption type
-// (4), then the output of krb5_c_encrypt over user length (4), user, secret length (4), secret. The header's twelve
-// further bytes are repeated inside the encrypted part, so that no field can be changed unseen. The key is that of the
-// machine account in /etc/krb5.keytab: newest key version, strongest permitted type; a file under an older version
-// opens as long as the keytab holds that version.
+// (4): a header of 13 bytes; then the output of krb5_c_encrypt over the header once more, user length (4), user, secret
+// length (4), secret, so that no field can be changed unseen. The key is that of the machine account in
+// /etc/krb5.keytab: newest key version, strongest permitted type; a file under an older version opens as long as the
+// keytab holds that version.
 class ProtectedCredential {
  public:
   explicit ProtectedCredential(const std::string& credentialName)

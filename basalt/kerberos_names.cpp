@@ -1,0 +1,25 @@
+#include "basalt/kerberos_names.h"
+
+#include <vector>
+
+#include "basalt/kerberos_handles.h"
+#include "basalt/kerberos_keytab.h"
+#include "base/include/exceptions.h"
+
+std::optional<std::string> krb5EncTypeName(int encType) {
+  char name[80] = {};
+  if (krb5_enctype_to_string(encType, name, sizeof name) != 0) return std::nullopt;
+  return name;
+}
+
+std::optional<std::string> machinePrincipal(const std::string& path) {
+  try {
+    const lumo::BareKerberosContext context;
+    const std::vector<lumo::MachineKey> keys = lumo::readMachineKeys(context.get(), path);
+    const lumo::MachineKey* newest = lumo::newestKey(keys);
+    if (newest != nullptr) return newest->principal();
+  } catch (const LUMOException&) {
+    // A keytab that cannot be read is one without an account.
+  }
+  return std::nullopt;
+}

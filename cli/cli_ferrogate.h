@@ -7,6 +7,12 @@
 #include "base/include/parameter_names.h"
 #include "base/include/shredder.h"
 
+// The logger of the whole tool.
+inline constexpr char LOGGER_NAME[] = "cli.ferrogate";
+
+// The proxy user where only a password is given.
+inline constexpr char DEFAULT_USER[] = "Administrator";
+
 // The parsed options of one run. An empty string means not given; the clear flags say that an option was given with an
 // empty argument.
 struct CommandOptions {
@@ -35,15 +41,28 @@ void printUsage();
 // standard error.
 void reportAt(int level, const char* file, int line, const char* function, const std::string& text);
 #define FERRO_REPORT(level, text) reportAt((level), __FILE__, __LINE__, __func__, (text))
+// Logs the text at level 1; where `console` is set, also writes it and one newline to standard error.
+void noteAt(bool console, const char* file, int line, const char* function, const std::string& text);
+#define FERRO_NOTE(console, text) noteAt((console), __FILE__, __LINE__, __func__, (text))
+// Writes the text to standard output at once, so that it keeps its place among the lines of standard error. A stream
+// that takes nothing is no failure.
+void printOut(const std::string& text);
 
-// cli_ferrogate_options.cpp: each takes one result of getopt_long (and optarg). 0 taken, 7 refused, -1 not mine.
+// cli_ferrogate_options.cpp: each takes one result of getopt_long (and optarg). 0 taken, 7 refused, -1 not mine. A
+// password is overwritten in optarg once it is read, also one inside a URL.
 int parseCommonOption(int ch, CommandOptions& record);
 int parseSetCommandOption(int ch, CommandOptions& record);
 int parseTestCommandOption(int ch, CommandOptions& record);
 // 0 for HOST:PORT with both non-empty, else 7 after a report.
 int checkServerNameSyntax(const std::string& value);
+// Is the authentication type one of those that FIPS mode rules out?
+bool isBarredByFips(const std::string& authType);
 // Does this process believe the same of FIPS mode as the running agent? True when no agent runs.
 bool fipsModeConsistent();
+// The warning for a false answer.
+inline constexpr char FIPS_INCONSISTENT[] =
+    "Did you restart ferrod after change fips.mode.enable in morvand.conf?\nYou may need to restart ferrod, or else "
+    "ferrod would not be able to connect to proxy server.\n";
 
 // cli_ferrogate_credential.cpp: the credential file's two doors. Mask bits of getCredential: what is copied into the
 // record.
@@ -53,6 +72,8 @@ inline constexpr int CredentialKey = 4;
 inline constexpr char CREDENTIAL_NAME[] = "httpproxy";
 int getCredential(CommandOptions& record, int mask);  // 0, 158 or 159
 int storeCredential(const CommandOptions& record);    // 0 or 160
+// Asks for the password at the terminal; an empty answer is an answer. False, after a report, when nobody can be asked.
+bool promptPassword(CommandOptions& record);
 
 // The commands; each returns a result code.
 int handleSetCommand(CommandOptions& record);

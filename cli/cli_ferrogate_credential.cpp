@@ -1,0 +1,67 @@
+// The two doors of the proxy's credential file, the hidden command that shows it, and the prompt.
+#include <cstdio>
+#include <string_view>
+
+#include "basalt/prompt.h"
+#include "basalt/protected_credential.h"
+#include "base/include/exceptions.h"
+#include "cli/cli_common.h"
+#include "cli/cli_ferrogate.h"
+
+int getCredential(CommandOptions& record, int mask) {
+  try {
+    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    credential.loadFromFile(true);
+    if (!credential.isLoaded()) return result::NoCredential;
+    if ((mask & CredentialUser) != 0) record.username = credential.getUser();
+    if ((mask & CredentialPassword) != 0) credential.getSecret(record.password);
+    if ((mask & CredentialKey) != 0) {
+      record.keyVersion = credential.getKeyVersion();
+      record.encType = credential.getEncType();
+    }
+    return result::Success;
+  } catch (const lumo::FileSecurityException& failure) {
+    FERRO_NOTE(record.verbose, std::string("A file security problem: ") + failure.what());
+    return result::NoCredential;
+  } catch (const LUMOException& failure) {
+    FERRO_NOTE(record.verbose, std::string(failure.what()) + ".");
+    return result::GetCredentialFailed;
+  }
+}
+
+int storeCredential(const CommandOptions& record) {
+  try {
+    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    credential.setCred(record.username, record.password);
+    credential.storeToFile();
+    return result::Success;
+  } catch (const LUMOException& failure) {
+    FERRO_NOTE(record.verbose, std::string(failure.what()) + ".");
+    return result::SetCredentialFailed;
+  }
+}
+
+bool promptPassword(CommandOptions& record) {
+  std::fflush(stdout);
+  const char* const typed = mvd_getpass("Password:");
+  if (typed == nullptr) {
+    // An empty password in place of the missing one would be stored or sent without anybody having wanted it.
+    FERRO_REPORT(4, "Cannot read the password from the terminal. Supply it with the --password option.\n");
+    return false;
+  }
+  record.password = lumo::Shredder2(typed);
+  mvd_wipepass();
+  return true;
+}
+
+int handleCredentialCommand(int ch) {
+  if (ch != 'u' && ch != 'p') return result::Usage;
+  CommandOptions record;
+  const int code = getCredential(record, ch == 'p' ? CredentialPassword : CredentialUser);
+  if (code != result::Success) return code;
+  const std::string_view text =
+      ch == 'p' ? std::string_view(record.password.data(), record.password.size()) : std::string_view(record.username);
+  // The callers of this command read the bare text from standard error.
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  return result::Success;
+}

@@ -1,0 +1,86 @@
+// --set, --delete and --list.
+#include "basalt/kerberos_names.h"
+#include "basalt/protected_credential.h"
+#include "base/include/exceptions.h"
+#include "base/include/properties.h"
+#include "base/include/string_helpers.h"
+#include "cli/cli_common.h"
+#include "cli/cli_ferrogate.h"
+
+namespace {
+
+bool namesNoSetting(const CommandOptions& record) {
+  return !record.clearServer && !record.clearAuthRequired && !record.clearAuthType && record.server.empty() &&
+         record.authRequired.empty() && record.authType.empty();
+}
+
+// The credential's part of --set: whose it is, its password, its file.
+int setCredential(CommandOptions& record) {
+  if (record.username.empty()) {
+    if (namesNoSetting(record)) {
+      FERRO_REPORT(4, "Must provide either of --username, --machine, --server or --authreq option.\n");
+      return result::Usage;
+    }
+    if (record.password.empty()) return result::Success;
+    record.username = DEFAULT_USER;
+    FERRO_NOTE(record.verbose, VS("Username is set to '%s' as default", DEFAULT_USER));
+  } else if (record.username != MACHINE_MARKER && record.password.empty() && !promptPassword(record)) {
+    return result::SetCredentialFailed;
+  }
+  return storeCredential(record);
+}
+
+void applySetting(lumo::Properties& settings, const char* name, bool clear, const std::string& value) {
+  if (clear) {
+    settings.eraseProperty(name);
+  } else if (!value.empty()) {
+    settings.setProperty(name, value);
+  }
+}
+
+}  // namespace
+
+int handleSetCommand(CommandOptions& record) {
+  if (const int code = setCredential(record); code != result::Success) return code;
+  lumo::Properties& settings = lumo::Props(false, false);
+  applySetting(settings, lumo::PN::CLOUD_PROXY_SERVER, record.clearServer, record.server);
+  applySetting(settings, lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, record.clearAuthRequired, record.authRequired);
+  if (record.username == MACHINE_MARKER) {
+    record.authType = "negotiate";
+    FERRO_NOTE(record.verbose, VS("Using machine credential, set %s to 'negotiate'.", lumo::PN::CLOUD_PROXY_AUTH_TYPE));
+  }
+  applySetting(settings, lumo::PN::CLOUD_PROXY_AUTH_TYPE, record.clearAuthType, record.authType);
+  settings.saveProperty(lumo::path::CONFIGURATION);
+  FERRO_REPORT(1,
+               "Set the HTTP Proxy configuration successfully.\n"
+               "You may want to run ferrokick to make the new configuration effective.");
+  return result::Success;
+}
+
+int handleDeleteCommand(CommandOptions& record) {
+  try {
+    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    credential.cleanup();
+    return result::Success;
+  } catch (const LUMOException& failure) {
+    FERRO_NOTE(record.verbose, std::string(failure.what()) + ".");
+    return result::ClearCredentialFailed;
+  }
+}
+
+int handleListCommand(CommandOptions& record) {
+  const lumo::Properties& settings = lumo::Props(false, false);
+  printOut("Proxy Server: " + settings.getProperty(lumo::PN::CLOUD_PROXY_SERVER) + "\n" +
+           "Proxy Auth Required: " + settings.getProperty(lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, "false") + "\n" +
+           "Proxy Auth Type: " + lower(settings.getProperty(lumo::PN::CLOUD_PROXY_AUTH_TYPE, "AnyAuth")) + "\n");
+  if (const int code = getCredential(record, CredentialUser | CredentialKey); code != result::Success) return code;
+  if (record.username == MACHINE_MARKER) {
+    printOut("Proxy Account: Machine Account\n");
+    return result::Success;
+  }
+  printOut("Proxy Account: " + record.username + "\n" +
+           VS("Credential Encrypted with Key Version: %d\n", record.keyVersion));
+  printOut("Credential Encryption Type: " + krb5EncTypeName(record.encType).value_or(VS("0x%04x", record.encType)) +
+           "\n");
+  return result::Success;
+}

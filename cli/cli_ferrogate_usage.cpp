@@ -1,0 +1,67 @@
+// The help text.
+#include <cstdio>
+
+#include "cli/cli_ferrogate.h"
+
+namespace {
+
+constexpr char HELP[] =
+    "usage:\n"
+    " ferrogate -S [optional params]\n"
+    " ferrogate -T [optional params] -c <opx url>\n"
+    " ferrogate -D\n"
+    " ferrogate -L\n"
+    "Commands:\n"
+    "  --set, -S             Set the HTTP Proxy Credential and HTTP Proxy \n"
+    "                        Server locally.\n"
+    "                          optional params: username password machine server authreq authtype\n"
+    "\n"
+    "  --test, -T            Test the HTTP Proxy Credential using \n"
+    "                        the configured or supplied settings.\n"
+    "                          required params: opx\n"
+    "                          optional params: username password machine server\n"
+    "\n"
+    "  --delete, -D          Delete HTTP Proxy Credential from local machine.\n"
+    "\n"
+    "  --list, -L            List out the HTTP Proxy username and the \n"
+    "                        HTTP Proxy Server configured locally. \n"
+    "\n"
+    "Parameters:\n"
+    "  --username,-u <username>          Proxy username.\n"
+    "                                    When use with -S and -T commands, if username \n"
+    "                                    is not supplied but --password is supplied,\n"
+    "                                    username will be default to %s.\n"
+    "                                    When use with -T command, if username and \n"
+    "                                    password are not supplied, will get the username\n"
+    "                                    and password from proxy credential file.\n"
+    "  --password,-p <password>          Proxy user's password.\n"
+    "                                    When use with -S command, will be prompted \n"
+    "                                    if none is supplied.\n"
+    "                                    When use with -T command, will be prompted if\n"
+    "                                    none is supplied but username is provided.\n"
+    "                                    If both username and password are not supplied, \n"
+    "                                    get it from proxy credential file.\n"
+    "  --machine,-m                      Use local machine account for proxy \n"
+    "                                    authentication, and negotiate auth type is \n"
+    "                                    used. Cannot used this option along with -u/-p/-t.\n"
+    "  --server,-s <servername:port|\"\">  Specify HTTP Proxy Server.\n"
+    "                                    When use with -S command, the value will be set\n"
+    "                                    to morvand.conf. Empty string unsets the value.\n"
+    "                                    Can use individually or with other options.\n"
+    "                                    When use with -T command, get the value from \n"
+    "                                    morvand.conf if none is supplied.\n"
+    "  --authreq,-r <true|false|\"\">      Specify if HTTP Proxy authentication \n"
+    "                                    is required in morvand.conf. \n"
+    "  --authtype,-t <basic|digest       Specify HTTP Proxy authentication type in \n"
+    "                |ntlm|negotiate     morvand.conf.\n"
+    "                |anyauth|\"\">        The ntlm|digest are not allowed in FIPS mode.\n"
+    "  --opx,-c <opx url>                Specify the URL of the Cloud Identity Platform.\n"
+    "  --version,-v                      Print version information and exit.\n"
+    "  --help,-h,                        Shows this help text and exit.\n"
+    "  --verbose,-V                      When use with above commands, print debug \n"
+    "                                    information for each operation.\n"
+    "\n";
+
+}  // namespace
+
+void printUsage() { std::printf(HELP, DEFAULT_USER); }

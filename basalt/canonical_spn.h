@@ -2,12 +2,13 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "basalt/directory.h"
 
 namespace lumo {
 
-// service/host[:port][@realm]. One thread.
+// service/host[:port][@realm]; an IPv6 address as host stands in brackets. One thread.
 class CanonicalSpn {
  public:
   using Lookup = ADBind* (*)(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*));
@@ -15,14 +16,18 @@ class CanonicalSpn {
   explicit CanonicalSpn(const std::string& spn);
   bool valid() const { return m_valid; }
 
-  // Looks the account up by servicePrincipalName in the catalogue and writes service/host[:port]@REALM, the realm that
+  // Looks the account up by servicePrincipalName in the catalogue: by the name as it stands, without its port, and, for
+  // a host without a domain, with the binding's domain behind it. Writes service/host[:port]@REALM, the realm that
   // account's domain in upper case, to `out`. A name with a realm keeps it. Names that differ in case only are one
   // name; the spelling of the account's own value is used. False, and `out` empty, when no account or more than one
-  // holds the name. Throws what the bindings throw. `lookup` opens a binding to a further domain when the catalogue
-  // alone cannot tell.
+  // holds the name. Throws what the bindings throw. `lookup` opens a binding to the account's domain when the
+  // catalogue does not show how the account spells the name; null when there is no such function.
   bool canonicalize(std::string& out, ADBind& binding, ADBind& catalogue, Lookup lookup) const;
 
  private:
+  // The names to look for, in order.
+  std::vector<std::string> candidates(const std::string& domain) const;
+
   bool m_valid = false;
   std::string m_service, m_host, m_port, m_realm;
 };

@@ -26,7 +26,7 @@ class ADAttribute {
   // The first value, empty when there is none.
   std::string toString() const { return m_values.empty() ? std::string() : m_values.front(); }
   operator std::string() const { return toString(); }
-  // The first value read as a decimal number; 0 when it is none.
+  // The first value read as a decimal number; 0 when it is none or does not fit.
   int toInt() const;
 
  private:
@@ -94,6 +94,7 @@ class DirectoryConnector {
     std::string domain;  // DNS name
     bool globalCatalog = false;
     std::string server;      // a given server, empty: found by SRV records, next one when one fails
+    std::string site;        // the site whose servers come first, empty: the one that an LDAP ping tells
     std::string ccacheName;  // whose identity
   };
   virtual ~DirectoryConnector() = default;
@@ -142,7 +143,8 @@ class ADBinding : public ADBind {
 // A text with the characters that an LDAP filter gives a meaning to escaped (RFC 4515).
 std::string escapeFilterValue(const std::string& value);
 
-// The DNS domain that a distinguished name belongs to: its DC components joined by dots, lower case.
+// The DNS domain that a distinguished name (RFC 4514) belongs to: the DC components at its end joined by dots, lower
+// case. Empty when there are none, or when the text is no distinguished name.
 class DN {
  public:
   static std::string domainFromDN(const std::string& dn);

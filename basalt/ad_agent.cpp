@@ -1,0 +1,25 @@
+#include "basalt/ad_agent.h"
+
+#include <memory>
+
+#include "base/include/exceptions.h"
+#include "base/include/string_helpers.h"
+
+// No process starts an agent yet.
+ADAgent* ADAgent::GetADAgent(bool, bool) { return nullptr; }
+
+ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
+  *deleter = nullptr;
+  if (lower(domain) == lower(binding.domain())) return &binding;
+  auto* const own = dynamic_cast<ADBinding*>(&binding);
+  if (own == nullptr) {
+    LUMO_THROW(lumo::BadDataException, 2,
+               "Failed to downcast ADBind to ADBinding, incorrect binding type was supplied!");
+  }
+  auto further = std::make_unique<ADBinding>(domain, *own);
+  further->connect("", "", 0);
+  *deleter = [](ADBind* opened) {
+    if (opened != nullptr) static_cast<ADBinding*>(opened)->release();
+  };
+  return further.release();
+}

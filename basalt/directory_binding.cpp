@@ -1,0 +1,46 @@
+#include <atomic>
+
+#include "basalt/directory.h"
+#include "basalt/directory_ldap.h"
+#include "base/include/exceptions.h"
+
+namespace {
+
+std::atomic<DirectoryConnector*> g_connector{nullptr};
+
+}  // namespace
+
+DirectoryConnector& DirectoryConnector::getInstance() {
+  DirectoryConnector* wired = g_connector.load();
+  return wired != nullptr ? *wired : ldapDirectoryConnector();
+}
+
+void DirectoryConnector::setInstance(DirectoryConnector* connector) { g_connector.store(connector); }
+
+ADBinding::ADBinding(const std::string& domain, const std::string& ccacheName, bool globalCatalog,
+                     const std::string& server, const std::string& site, void*)
+    : m_target{domain, globalCatalog, server, site, ccacheName} {}
+
+ADBinding::ADBinding(const std::string& domain, const ADBinding& other)
+    : m_target{domain, false, {}, {}, other.m_target.ccacheName} {}
+
+ADBinding::~ADBinding() = default;
+
+void ADBinding::connect(const std::string&, const std::string&, int) {
+  m_connection.reset();
+  m_connection = DirectoryConnector::getInstance().open(m_target);
+}
+
+void ADBinding::release() { delete this; }
+
+std::vector<ADObjectPtr> ADBinding::search(const DirectorySearch& what) {
+  if (!m_connection) {
+    LUMO_THROW(lumo::IOException, -1, "The directory binding to '%s' is not connected", m_target.domain.c_str());
+  }
+  return m_connection->search(what);
+}
+
+ADObjectPtr ADBinding::fetch(const std::string& dn, const std::vector<std::string>& attributes) {
+  const auto found = search({dn, SearchScope::Base, "(objectClass=*)", attributes});
+  return found.empty() ? nullptr : found.front();
+}

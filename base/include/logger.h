@@ -24,17 +24,25 @@ class Logger {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // The logger of that name for the calling thread, made when needed. Never throws for want of a sink or of settings:
-  // settings that cannot be read leave the defaults in force.
+  // The logger of that name for the calling thread, made when needed; the name of the root is that of its parameter,
+  // "log". Never throws for want of a sink or of settings: settings that cannot be read leave the defaults in force.
   static boost::shared_ptr<Logger> GetThreadPrivateLogger(const std::string& name);
 
-  // Rereads the thresholds of all loggers, of every thread, from the settings `log` and `log.NAME`. Any thread.
+  // Rereads the thresholds of all loggers, of every thread, from the settings `log` and `log.NAME`, and opens the log
+  // file that `logging.file` names (an absolute path; made with mode 0600, a symbolic link is refused). Level names are
+  // TRACE, DEBUG, INFO, WARN, ERROR, FATAL and OFF, without case; a setting with another name is an error in the log
+  // and counts as not set. The root stands at INFO where nothing sets it; its second threshold is OFF without a log
+  // file. Never throws. Any thread.
   static void ReconfigureLevels(Properties& settings);
 
   bool isLevelEnabled(LogLevel level) const { return level >= threshold(0) || level >= threshold(1); }
 
-  // Writes one record, filled printf-style, to each sink whose threshold lets the level through. A trailing newline of
-  // the format stays in the text. Callers test isLevelEnabled first. Never throws; a sink that fails loses the record.
+  // Writes one record, filled printf-style, to each sink whose threshold lets the level through. A record is one line:
+  // newlines at the end of the text are the line's own, control characters within it come out as \n, \t, \x1b and so
+  // on. Callers test isLevelEnabled first. Never throws, leaves errno alone; a sink that fails loses the record. Any
+  // thread. The lines, in the system log (facility authpriv, ident the program's name) and in the file:
+  //   LEVEL NAME: TEXT [FILE:LINE FUNCTION]
+  //   2026-03-01T09:30:00.123+0100 PROGRAM[PID] LEVEL NAME: TEXT [FILE:LINE FUNCTION]
   void log(LogLevel level, const char* file, int line, const char* function, const char* format, ...)
       __attribute__((format(printf, 6, 7)));
 
@@ -42,8 +50,9 @@ class Logger {
   LogLevel threshold(int sink) const {
     LogLevel own = m_thresholds[sink].load(std::memory_order_relaxed);
     if (own == -1) {
-      own = m_parent ? m_parent->threshold(sink) : OFF;
-      m_thresholds[sink].store(own, std::memory_order_relaxed);
+      const LogLevel inherited = m_parent ? m_parent->threshold(sink) : OFF;
+      // A value that was set in the meantime stands.
+      if (m_thresholds[sink].compare_exchange_strong(own, inherited, std::memory_order_relaxed)) return inherited;
     }
     return own;
   }

@@ -7,8 +7,11 @@
 #include <new>
 #include <string>
 
-// Locked, guarded memory that never goes to swap and is wiped when it is given back. Throws std::bad_alloc when there
-// is none. Never null for size 0. Defined by the platform library.
+// Locked, guarded memory that never goes to swap, is left out of core dumps and is wiped when it is given back. Aligned
+// for every type. Throws std::bad_alloc when there is no memory; never null, not for size 0 either. Where the system
+// refuses to lock (RLIMIT_MEMLOCK; root is not bound by it), the soft limit is raised to the hard one; if that is not
+// enough, the run goes on with memory that is guarded and wiped but may reach swap, and one warning in the log says so.
+// Any thread. Defined by the platform library.
 void* mlock_malloc(std::size_t size);
 // Gives back what mlock_malloc gave; null is fine.
 void mlock_free(void* memory) noexcept;
@@ -62,8 +65,10 @@ class Shredder2 {
   // Does another object share this buffer?
   bool shared() const noexcept;
 
+  // Throw std::logic_error for a null pointer, std::length_error past max_size(); the text is then unchanged. `data`
+  // may be part of this text.
   Shredder2& append(const char* data, std::size_t length);
-  Shredder2& operator+=(const char* text) { return append(text, std::strlen(text)); }
+  Shredder2& operator+=(const char* text);
   Shredder2& operator+=(const Shredder2& other) { return append(other.data(), other.size()); }
   Shredder2& operator+=(char c) { return append(&c, 1); }
   // Lets go of the text, wiping it when nobody else holds it.

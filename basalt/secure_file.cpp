@@ -141,7 +141,6 @@ std::string readAll(int fd, const std::string& path, std::size_t limit) {
     }
     content.append(buffer, static_cast<std::size_t>(got));
   }
-  explicit_bzero(buffer, sizeof buffer);
   return content;
 }
 

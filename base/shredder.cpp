@@ -41,7 +41,7 @@ void Shredder2::release(Rep* rep) noexcept {
   mlock_free(rep);
 }
 
-Shredder2::Shredder2(const char* text) : Shredder2(required(text), std::strlen(text)) {}
+Shredder2::Shredder2(const char* text) : Shredder2(text, std::strlen(required(text))) {}
 
 Shredder2::Shredder2(const char* data, std::size_t length) {
   if (length == 0) return;
@@ -102,7 +102,7 @@ Shredder2& Shredder2::append(const char* data, std::size_t length) {
   return *this;
 }
 
-Shredder2& Shredder2::operator+=(const char* text) { return append(required(text), std::strlen(text)); }
+Shredder2& Shredder2::operator+=(const char* text) { return append(text, std::strlen(required(text))); }
 
 void Shredder2::clear() noexcept {
   release(m_rep);

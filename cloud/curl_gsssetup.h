@@ -70,6 +70,9 @@ class CurlProxyNegotiateHelper {
  private:
   using SpnLookup = ADBind* (*)(const std::string&, ADBind&, void (**)(ADBind*));
 
+  std::string requestTicket();
+  void releaseSpnBindings();
+
   MemoryCCache* userCCache = nullptr;
   krb5_context krbContext = nullptr;
   std::string ccacheName;

@@ -35,6 +35,7 @@ inline constexpr int CURLOPT_PROXY_GSS_SETUP_DATA = 10067;
 extern const std::map<std::string, long> proxyAuthTypes;
 
 class NegotiateLayer;
+struct CurlCallbacks;
 
 // Owner of one libcurl easy handle. One thread at a time; the owner sees to that. Built once and used for many
 // requests: options, `headers` and cookies stay until somebody changes them. Whenever proxy, mask, user, credential or
@@ -94,6 +95,20 @@ class CurlObject {
 
  private:
   friend class NegotiateLayer;
+  friend struct CurlCallbacks;
+
+  template <class Value>
+  void giveOwnOrCurl(int option, Value value);
+  void clearProxyOptions();
+  void clearCredentialOptions();
+  void setCredentialOptions();
+  void setProxyAuthentication(const std::string& proxy, long mask, const std::string& user,
+                              const lumo::Shredder2& password);
+  void prepareAttempt(const std::string& url, const std::string& body, int post);
+  void rewindAttempt();
+  void setTransportDefaults();
+  void buildHeaderList();
+  struct CurlCallbacks;
 
   std::set<int> options;
   std::string requestBody;

@@ -1,0 +1,143 @@
+#include "cloud/include/curl_object.h"
+
+#include <cstdlib>
+#include <sstream>
+
+#include "cloud/curl_object_internal.h"
+#include "cloud/curl_object_layer.h"
+
+const std::map<std::string, long> proxyAuthTypes = {
+    {"", static_cast<long>(CURLAUTH_NONE)},       {"negotiate", static_cast<long>(CURLAUTH_GSSNEGOTIATE)},
+    {"ntlm", static_cast<long>(CURLAUTH_NTLM)},   {"digest", static_cast<long>(CURLAUTH_DIGEST)},
+    {"basic", static_cast<long>(CURLAUTH_BASIC)}, {"anyauth", static_cast<long>(CURLAUTH_ANY)},
+};
+
+namespace {
+
+constexpr long TRANSFER_SECONDS = 30;
+
+// One line of libcurl's cookie list: seven fields, written with tabs.
+struct CookieLine {
+  std::string domain, tailMatch, path, secure, expiry, name, value;
+
+  bool parse(const char* line) {
+    std::istringstream in(line);
+    return static_cast<bool>(in >> domain >> tailMatch >> path >> secure >> expiry >> name >> value);
+  }
+  std::string expired() const {
+    std::string line = domain;
+    for (const std::string& field : {tailMatch, path, secure, std::string("1"), name, value}) line += '\t' + field;
+    return line;
+  }
+};
+
+}  // namespace
+
+void throwSetOptFailure(CURLcode code) {
+  LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_setopt: %s (%d)", curl_easy_strerror(code),
+             static_cast<int>(code));
+}
+
+void requireNtlm(long mask, int features) {
+  if (mask == static_cast<long>(CURLAUTH_NTLM) && (features & CURL_VERSION_NTLM) == 0) {
+    LUMO_THROW(lumo::CurlException, -1,
+               "The authentication type 'ntlm' cannot be used: the libcurl of this host is built without NTLM. "
+               "Configure another type.");
+  }
+}
+
+CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
+  static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+  CurlHandle created(initialised == CURLE_OK ? curl_easy_init() : nullptr);
+  if (!created) LUMO_THROW(lumo::CurlException, -1, "Failed to create curl context");
+  handle = created.get();
+  setOpt(CURLOPT_COOKIEFILE, "");
+  setOpt(CURLOPT_NOSIGNAL, 1);
+  setOpt(CURLOPT_SSL_VERIFYPEER, 1);
+  setOpt(CURLOPT_SSL_VERIFYHOST, 2);
+  clearOpt(CURLOPT_CAINFO);
+  clearOpt(CURLOPT_CAPATH);
+  setOpt(CURLOPT_TIMEOUT, TRANSFER_SECONDS);
+  created.release();
+}
+
+CurlObject::~CurlObject() {
+  curl_easy_cleanup(handle);
+  std::free(writeBuffer);
+  curl_slist_free_all(headerList);
+}
+
+template <class Value>
+void CurlObject::giveOwnOrCurl(int option, Value value) {
+  if (!NegotiateLayer::owns(option)) {
+    setCurl(handle, option, value);
+  } else if (!layer->keep(option, value)) {
+    throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  }
+  options.insert(option);
+}
+
+void CurlObject::setOpt(int option, long value) {
+  if (NegotiateLayer::owns(option)) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  if (option == CURLOPT_PROXYAUTH || option == CURLOPT_HTTPAUTH) {
+    requireNtlm(value, curl_version_info(CURLVERSION_NOW)->features);
+  }
+  setCurl(handle, option, layer->maskForCurl(option, value));
+  layer->keep(option, value);
+  options.insert(option);
+}
+
+void CurlObject::setOpt(int option, const char* value) {
+  if (NegotiateLayer::owns(option) && option != CURLOPT_PROXY_GSS_SPN) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  if (option != CURLOPT_PROXY_GSS_SPN && !layer->withholds(option)) setCurl(handle, option, value);
+  layer->keep(option, value);
+  options.insert(option);
+}
+
+void CurlObject::setOpt(int option, void* object) {
+  if (NegotiateLayer::owns(option)) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  setCurl(handle, option, object);
+  options.insert(option);
+}
+
+void CurlObject::setOpt(int option, ReadFunction callback) {
+  if (NegotiateLayer::owns(option)) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  setCurl(handle, option, callback);
+  options.insert(option);
+}
+
+void CurlObject::setOpt(int option, DebugFunction callback) {
+  if (NegotiateLayer::owns(option)) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  setCurl(handle, option, callback);
+  options.insert(option);
+}
+
+void CurlObject::setOpt(int option, gss_cred_id_t credential) { giveOwnOrCurl(option, credential); }
+
+void CurlObject::setOpt(int option, GssSetupFunction callback) { giveOwnOrCurl(option, callback); }
+
+void CurlObject::setOpt(int option, ProxyGssCallbacks* block) { giveOwnOrCurl(option, block); }
+
+void CurlObject::clearOpt(int option) {
+  if (options.erase(option) == 0) return;
+  layer->forget(option);
+  if (NegotiateLayer::owns(option)) return;
+  const CURLcode code = curl_easy_setopt(handle, static_cast<CURLoption>(option), nullptr);
+  if (code != CURLE_OK) {
+    LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_setopt to clear option: %s (%d)",
+               curl_easy_strerror(code), static_cast<int>(code));
+  }
+}
+
+void CurlObject::setCookie(const std::string& cookie) {
+  curl_slist* list = nullptr;
+  const bool known = curl_easy_getinfo(handle, CURLINFO_COOKIELIST, &list) == CURLE_OK;
+  const CurlList owned(list);
+  for (const curl_slist* node = known ? list : nullptr; node != nullptr; node = node->next) {
+    CookieLine line;
+    if (!line.parse(node->data) || line.name != ".ASPXAUTH") continue;
+    setOpt(CURLOPT_COOKIELIST, line.expired());
+    break;
+  }
+  setOpt(CURLOPT_COOKIE, cookie);
+}

@@ -1,0 +1,95 @@
+#include "cloud/curl_object_callbacks.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr size_t MAX_HEADER_LINE = 102400;
+
+// The mark in front of a trace line, 0 for a type that is not traced.
+char traceMark(curl_infotype type) {
+  switch (type) {
+    case CURLINFO_TEXT:
+      return '*';
+    case CURLINFO_HEADER_IN:
+    case CURLINFO_DATA_IN:
+    case CURLINFO_SSL_DATA_IN:
+      return '<';
+    case CURLINFO_HEADER_OUT:
+    case CURLINFO_DATA_OUT:
+    case CURLINFO_SSL_DATA_OUT:
+      return '>';
+    default:
+      return 0;
+  }
+}
+
+}  // namespace
+
+size_t CurlCallbacks::read(char* buffer, size_t size, size_t count, void* object) noexcept {
+  auto* self = static_cast<CurlObject*>(object);
+  const size_t handed = std::min(size * count, self->readLeft);
+  if (handed != 0) std::memcpy(buffer, self->readPosition, handed);
+  self->readPosition += handed;
+  self->readLeft -= handed;
+  return handed;
+}
+
+int CurlCallbacks::seek(void* object, curl_off_t offset, int origin) noexcept {
+  auto* self = static_cast<CurlObject*>(object);
+  if (origin != SEEK_SET || offset < 0 || static_cast<size_t>(offset) > self->requestBody.size()) {
+    return CURL_SEEKFUNC_FAIL;
+  }
+  self->readPosition = self->requestBody.data() + offset;
+  self->readLeft = self->requestBody.size() - static_cast<size_t>(offset);
+  return CURL_SEEKFUNC_OK;
+}
+
+size_t CurlCallbacks::write(char* data, size_t size, size_t count, void* object) noexcept {
+  auto* self = static_cast<CurlObject*>(object);
+  const size_t length = size * count;
+  try {
+    auto* grown = static_cast<char*>(std::realloc(self->writeBuffer, self->writeLength + length + 1));
+    if (grown == nullptr) {
+      // What has come so far is of no use; giving it back makes room for the report.
+      std::free(self->writeBuffer);
+      self->writeBuffer = nullptr;
+      self->writeLength = 0;
+      LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
+    }
+    std::memcpy(grown + self->writeLength, data, length);
+    self->writeBuffer = grown;
+    self->writeLength += length;
+    grown[self->writeLength] = '\0';
+    return length;
+  } catch (...) {
+    self->callbackFailure = std::current_exception();
+    return length == 0 ? 1 : 0;
+  }
+}
+
+size_t CurlCallbacks::header(char* data, size_t size, size_t count, void* object) noexcept {
+  auto* self = static_cast<CurlObject*>(object);
+  const size_t length = size * count;
+  if (data == nullptr || self == nullptr || length > MAX_HEADER_LINE) return length;
+  try {
+    self->headerLines.emplace_back(data, length);
+  } catch (...) {
+    self->callbackFailure = std::current_exception();
+  }
+  return length;
+}
+
+int CurlObject::debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* object) {
+  auto* self = static_cast<CurlObject*>(object);
+  const char mark = traceMark(type);
+  if (self == nullptr || data == nullptr || mark == 0) return 0;
+  try {
+    self->debugLines.push_back(mark + std::string(data, strnlen(data, size)));
+  } catch (...) {
+    self->callbackFailure = std::current_exception();
+  }
+  return 0;
+}

@@ -1,0 +1,16 @@
+// The functions that libcurl calls during a transfer; their data is the CurlObject. No exception crosses libcurl: it is
+// kept in the object and thrown by perform.
+#pragma once
+
+#include "cloud/include/curl_object.h"
+
+struct CurlCallbacks {
+  // Hands out the next bytes of the request body.
+  static size_t read(char* buffer, size_t size, size_t count, void* object) noexcept;
+  // Sets the place in the request body from which to send again.
+  static int seek(void* object, curl_off_t offset, int origin) noexcept;
+  // Appends to the response buffer.
+  static size_t write(char* data, size_t size, size_t count, void* object) noexcept;
+  // Keeps a header line with its line ending; one longer than 102400 bytes is dropped. Never stops the transfer.
+  static size_t header(char* data, size_t size, size_t count, void* object) noexcept;
+};

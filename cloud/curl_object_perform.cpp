@@ -1,0 +1,106 @@
+#include <cstdlib>
+#include <utility>
+
+#include "cloud/curl_object_callbacks.h"
+#include "cloud/curl_object_internal.h"
+#include "cloud/curl_object_layer.h"
+
+namespace {
+
+// From here on libcurl would wait for "100 Continue", which many proxies never send.
+constexpr size_t EXPECT_THRESHOLD = 1024 * 1024;
+
+void append(curl_slist*& list, const char* line) {
+  if (curl_slist* longer = curl_slist_append(list, line)) list = longer;
+}
+
+}  // namespace
+
+void CurlObject::rewindAttempt() {
+  headerLines.clear();
+  readPosition = requestBody.data();
+  readLeft = requestBody.size();
+  std::free(writeBuffer);
+  writeLength = 0;
+  writeBuffer = static_cast<char*>(std::calloc(1, 1));
+  if (writeBuffer == nullptr) LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
+}
+
+void CurlObject::buildHeaderList() {
+  curl_slist_free_all(headerList);
+  headerList = nullptr;
+  headerStrings.resize(headers.size());
+  std::string authorization = layer->authorizationLine();
+  size_t next = 0;
+  for (const auto& [name, value] : headers) {
+    if (!authorization.empty() && name > "Authorization") {
+      append(headerList, authorization.c_str());
+      authorization.clear();
+    }
+    headerStrings[next] = name + ": " + value;
+    append(headerList, headerStrings[next].c_str());
+    ++next;
+  }
+  if (requestBody.size() >= EXPECT_THRESHOLD && headers.count("Expect") == 0) append(headerList, "Expect:");
+  setOpt(CURLOPT_HTTPHEADER, static_cast<void*>(headerList));
+}
+
+void CurlObject::prepareAttempt(const std::string& url, const std::string& body, int post) {
+  setOpt(CURLOPT_POST, post);
+  debugLines.clear();
+  headerLines.clear();
+  setOpt(CURLOPT_HEADERDATA, static_cast<void*>(this));
+  setOpt(CURLOPT_HEADERFUNCTION, &CurlCallbacks::header);
+  requestBody = body;
+  rewindAttempt();
+  headers["Content-Length"] = std::to_string(requestBody.size());
+  setOpt(CURLOPT_URL, url);
+  setOpt(CURLOPT_READFUNCTION, &CurlCallbacks::read);
+  setOpt(CURLOPT_WRITEFUNCTION, &CurlCallbacks::write);
+  setOpt(CURLOPT_READDATA, static_cast<void*>(this));
+  setOpt(CURLOPT_WRITEDATA, static_cast<void*>(this));
+  setTransportDefaults();
+  buildHeaderList();
+}
+
+// Not in the ledger: nobody takes these away, and later code must not find options that it never set.
+void CurlObject::setTransportDefaults() {
+  // The length keeps libcurl from chunking, the seek function lets it send the body again when a kept connection turns
+  // out to be dead.
+  setCurl(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(requestBody.size()));
+  setCurl(handle, CURLOPT_SEEKFUNCTION, &CurlCallbacks::seek);
+  setCurl(handle, CURLOPT_SEEKDATA, static_cast<void*>(this));
+  // Request headers are for the server alone.
+  setCurl(handle, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
+  setCurl(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 0L);
+  // The settings decide about the proxy; http_proxy and no_proxy of the environment never do.
+  if (options.count(CURLOPT_NOPROXY) == 0) {
+    setCurl(handle, CURLOPT_NOPROXY, options.count(CURLOPT_PROXY) == 0 ? "*" : "");
+  }
+}
+
+std::pair<long, std::string> CurlObject::perform(const std::string& url, const std::string& body, int post) {
+  for (bool first = true;; first = false) {
+    prepareAttempt(url, body, post);
+    callbackFailure = nullptr;
+    const CURLcode code = layer->exchange();
+    if (callbackFailure) {
+      layer->leaveConnections();
+      std::rethrow_exception(std::exchange(callbackFailure, nullptr));
+    }
+    if (code == CURLE_OK) {
+      long status = 0;
+      curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+      responseBody = writeBuffer == nullptr ? "" : writeBuffer;
+      return {status, responseBody};
+    }
+    if (options.count(CURLOPT_PROXYAUTH) == 0 || !first || !negotiate.handleKrb5CCache(headerLines)) {
+      LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_perform: %s (%d)", curl_easy_strerror(code),
+                 static_cast<int>(code));
+    }
+    clearCredentialOptions();
+    negotiate.clearGSSCredential(false);
+    negotiate.initGSSCredential();
+    setCredentialOptions();
+  }
+}

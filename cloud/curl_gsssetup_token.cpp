@@ -2,7 +2,9 @@
 
 #include <gssapi/gssapi_ext.h>
 #include <gssapi/gssapi_krb5.h>
-#include <sodium.h>
+
+#include <cstdint>
+#include <cstring>
 
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
@@ -58,22 +60,39 @@ std::string statusText(OM_uint32 major, OM_uint32 minor) {
   return text;
 }
 
+constexpr char BASE64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 std::string toBase64(const gss_buffer_desc& bytes) {
-  std::string text(sodium_base64_ENCODED_LEN(bytes.length, sodium_base64_VARIANT_ORIGINAL), '\0');
-  sodium_bin2base64(text.data(), text.size(), static_cast<const unsigned char*>(bytes.value), bytes.length,
-                    sodium_base64_VARIANT_ORIGINAL);
-  text.pop_back();  // the terminator
+  const auto* data = static_cast<const unsigned char*>(bytes.value);
+  std::string text;
+  text.reserve((bytes.length + 2) / 3 * 4);
+  for (size_t at = 0; at < bytes.length; at += 3) {
+    const size_t left = bytes.length - at;
+    std::uint32_t group = std::uint32_t{data[at]} << 16;
+    if (left > 1) group |= std::uint32_t{data[at + 1]} << 8;
+    if (left > 2) group |= data[at + 2];
+    text += BASE64[group >> 18];
+    text += BASE64[group >> 12 & 63];
+    text += left > 1 ? BASE64[group >> 6 & 63] : '=';
+    text += left > 2 ? BASE64[group & 63] : '=';
+  }
   return text;
 }
 
 std::optional<std::string> fromBase64(const std::string& text) {
-  std::string bytes(text.size(), '\0');
-  size_t length = 0;
-  if (sodium_base642bin(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), text.data(), text.size(), nullptr,
-                        &length, nullptr, sodium_base64_VARIANT_ORIGINAL) != 0) {
-    return std::nullopt;
+  if (text.size() % 4 != 0) return std::nullopt;
+  const size_t digits = text.find_last_not_of('=') + 1;
+  if (text.size() - digits > 2) return std::nullopt;
+  std::string bytes;
+  std::uint32_t group = 0;
+  for (size_t at = 0; at < digits; ++at) {
+    const char* digit = text[at] == '\0' ? nullptr : std::strchr(BASE64, text[at]);
+    if (digit == nullptr) return std::nullopt;
+    group = group << 6 | static_cast<std::uint32_t>(digit - BASE64);
+    // Four digits carry three bytes: one is whole behind the second, the third and the fourth digit.
+    const size_t place = at % 4;
+    if (place != 0) bytes += static_cast<char>(group >> (6 - 2 * place) & 255);
   }
-  bytes.resize(length);
   return bytes;
 }
 

@@ -108,7 +108,6 @@ class CurlObject {
   void rewindAttempt();
   void setTransportDefaults();
   void buildHeaderList();
-  struct CurlCallbacks;
 
   std::set<int> options;
   std::string requestBody;

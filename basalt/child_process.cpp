@@ -1,10 +1,14 @@
 #include "basalt/child_process.h"
 
+// This header of glibc 2.36 declares no linkage of its own.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <gssapi/gssapi.h>
-#include <krb5.h>
 
 #include <string>
 #include <vector>
 
+#include "base/include/kerb_wrap.h"
 #include "base/include/shredder.h"
 
 // The seam of credentials: password requests to the KDC and the machine's cache. Any thread; a context serves one

@@ -1,7 +1,5 @@
 #include "cloud/curl_gsssetup.h"
 
-#include <et/com_err.h>
-
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -9,7 +7,6 @@
 #include "basalt/ad_agent.h"
 #include "basalt/canonical_spn.h"
 #include "basalt/settings_store.h"
-#include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gssapi/gssapi.h>
-#include <krb5.h>
 
 #include <memory>
 #include <string>
@@ -10,6 +9,7 @@
 
 #include "basalt/directory.h"
 #include "basalt/kerberos_credentials.h"
+#include "base/include/kerb_wrap.h"
 #include "base/include/shredder.h"
 
 class CurlProxyNegotiateHelper;

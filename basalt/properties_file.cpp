@@ -18,7 +18,7 @@
 namespace lumo {
 namespace {
 
-constexpr std::size_t largestFile = 16U << 20U;
+constexpr std::size_t largestFile = 1U << 20U;
 constexpr int error = 4;
 
 // A configuration file as it was found.

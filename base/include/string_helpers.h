@@ -24,7 +24,7 @@ std::string trimWhiteSpace(const std::string& s);
 // Fills parts with the pieces of s between each separator; empty pieces are kept, and "" gives one empty piece.
 void StringSplit(char separator, const std::string& s, std::vector<std::string>& parts);
 
-// The number in text to the base 2 to 36, lower-case digits.
+// The number in text to the base 2 to 36, lower-case digits; empty for any other base.
 std::string itoa(long long value, int base);
 std::string uitoa(unsigned long long value, int base);
 

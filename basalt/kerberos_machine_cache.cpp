@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "basalt/clock.h"
 #include "basalt/kerberos_handles.h"
 #include "basalt/kerberos_keytab.h"
 #include "basalt/kerberos_request.h"
+#include "basalt/posix_file.h"
 #include "basalt/secure_file.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
@@ -25,51 +27,29 @@ namespace {
 
 using std::chrono::seconds;
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) noexcept : m_fd(fd) {}
-  ~Descriptor() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const noexcept { return m_fd; }
-
- private:
-  int m_fd;
-};
-
 // The lock that lets one process renew. The file stays: removing it would let two hold the lock.
 class RenewalLock {
  public:
   explicit RenewalLock(const std::string& path)
-      : m_file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)) {
-    if (m_file.get() < 0) {
-      LUMO_THROW(SystemException, errno, "Cannot open the lock %s: %s", path.c_str(), std::strerror(errno));
-    }
+      : m_file(openRegular(path, O_RDWR | O_CREAT, 0600, "Cannot lock", false)) {
     // A holder is busy for one request to the KDC at most.
     const auto deadline = std::chrono::steady_clock::now() + 2 * KDC_LIMIT;
     while (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) {
-      if (errno != EWOULDBLOCK && errno != EINTR) {
-        LUMO_THROW(SystemException, errno, "Cannot lock %s: %s", path.c_str(), std::strerror(errno));
-      }
-      if (std::chrono::steady_clock::now() > deadline) {
-        LUMO_THROW(SystemException, ETIMEDOUT,
-                   "Another process has held the lock %s for too long; end it and try again", path.c_str());
-      }
-      usleep(20000);
+      if (errno != EWOULDBLOCK && errno != EINTR) throwSystem("Cannot lock", path, errno);
+      if (std::chrono::steady_clock::now() > deadline) throwSystem("Cannot lock", path, ETIMEDOUT);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
   }
 
  private:
-  Descriptor m_file;  // closing it gives the lock back
+  FileDescriptor m_file;  // closing it gives the lock back
 };
 
 // Nobody but this user may have written or read the file.
 bool isOurs(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
-  return file.get() >= 0 && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+  return file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
          (status.st_mode & 077U) == 0;
 }
 

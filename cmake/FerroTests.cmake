@@ -36,3 +36,11 @@ function(ferro_test_executable name label sources libs)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)
   endif()
 endfunction()
+
+# A test in Python: unit, no root, no network. The script gets the root of the tree and the further arguments.
+function(ferro_python_test name script)
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+  add_test(NAME ${name}
+           COMMAND ${Python3_EXECUTABLE} -B "${CMAKE_CURRENT_SOURCE_DIR}/${script}" "${PROJECT_SOURCE_DIR}" ${ARGN})
+  set_tests_properties(${name} PROPERTIES LABELS unit TIMEOUT 120)
+endfunction()

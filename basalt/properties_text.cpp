@@ -65,8 +65,9 @@ class Lines {
 void requireOneLine(const std::string& key, const std::optional<std::string>& value) {
   constexpr std::string_view breaks("\n\r\0", 3);
   // A key must come back as it was when its line is read.
+  const std::string text = key + ":";
   Line line;
-  interpret(key + ":", line);
+  interpret(text, line);
   if (line.kind != Line::Kind::Setting || line.key != key || key.find_first_of(breaks) != std::string::npos) {
     LUMO_THROW(BadDataException, -1, "'%s' cannot be the name of a setting", key.c_str());
   }

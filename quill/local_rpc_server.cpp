@@ -45,13 +45,13 @@ class Event {
   }
 
  private:
-  Descriptor m_fd;
+  FileDescriptor m_fd;
 };
 
 // One client's dialogue, from the accepted socket to its end.
 class Conversation {
  public:
-  Conversation(LocalRpcHandler& handler, const LocalRpcServerOptions& options, Descriptor socket,
+  Conversation(LocalRpcHandler& handler, const LocalRpcServerOptions& options, FileDescriptor socket,
                const RpcCaller& caller, int stopFd)
       : m_handler(handler), m_options(options), m_channel(std::move(socket), stopFd), m_caller(caller) {}
 
@@ -176,7 +176,7 @@ class LocalRpcServer::Impl {
 
   // False when the system had no room for another client.
   bool acceptOne() {
-    Descriptor socket(accept4(m_socket->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    FileDescriptor socket(accept4(m_socket->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket) return errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS;
     const auto caller = callerOf(socket.get());
     if (!caller) return true;

@@ -52,9 +52,9 @@ int connectWithin(int fd, const sockaddr_un& address, steady_clock::time_point d
   }
 }
 
-Descriptor connected(const std::string& path, std::chrono::milliseconds limit) {
+FileDescriptor connected(const std::string& path, std::chrono::milliseconds limit) {
   const sockaddr_un address = addressOf(path);
-  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) LUMO_THROW(SystemException, errno, "Cannot make a socket: %s", strerror(errno));
   const int error = connectWithin(socket.get(), address, steady_clock::now() + limit);
   if (error == 0) return socket;

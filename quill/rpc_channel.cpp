@@ -23,7 +23,7 @@ bool mayRetry(int error) { return error == EINTR || error == EAGAIN || error == 
 
 }  // namespace
 
-RpcChannel::RpcChannel(Descriptor socket, int stopFd) : m_socket(std::move(socket)), m_stopFd(stopFd) {}
+RpcChannel::RpcChannel(FileDescriptor socket, int stopFd) : m_socket(std::move(socket)), m_stopFd(stopFd) {}
 
 RpcChannel::Wait RpcChannel::wait(short events, Deadline deadline) const {
   for (;;) {

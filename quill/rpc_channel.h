@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "quill/descriptor.h"
+#include "basalt/posix_file.h"
 #include "quill/rpc_frame.h"
 
 namespace lumo {
@@ -17,7 +17,7 @@ class RpcChannel {
   using Deadline = std::chrono::steady_clock::time_point;
 
   // Takes a connected stream socket. A `stopFd` that becomes readable ends every wait; -1: there is none.
-  explicit RpcChannel(Descriptor socket, int stopFd = -1);
+  explicit RpcChannel(FileDescriptor socket, int stopFd = -1);
 
   // Sends one frame. Throws IPCException when the peer is gone, the deadline passes or the stop comes, BadDataException
   // for a content that fits no frame.
@@ -33,7 +33,7 @@ class RpcChannel {
   Wait wait(short events, Deadline deadline) const;
   bool readSome();
 
-  Descriptor m_socket;
+  FileDescriptor m_socket;
   int m_stopFd;
   RpcFrameReader m_reader;
 };

@@ -24,16 +24,23 @@ constexpr int BACKLOG = 64;
   LUMO_THROW(IOException, EADDRINUSE, "Another process serves %s already", path.c_str());
 }
 
+// What a new socket is called until it is complete.
+constexpr char UNFINISHED[] = ".new";
+
+const std::string& checkedLength(const std::string& path) {
+  if (path.size() + sizeof UNFINISHED > sizeof(sockaddr_un::sun_path)) fail(path, ENAMETOOLONG);
+  return path;
+}
+
 sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) fail(path, ENAMETOOLONG);
   std::memcpy(address.sun_path, path.data(), path.size());
   return address;
 }
 
-Descriptor unixSocket(const std::string& path) {
-  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+FileDescriptor unixSocket(const std::string& path) {
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket) fail(path, errno);
   return socket;
 }
@@ -50,7 +57,7 @@ void requireFree(const std::string& path) {
                path.c_str());
   }
   const sockaddr_un address = addressOf(path);
-  const Descriptor probe = unixSocket(path);
+  const FileDescriptor probe = unixSocket(path);
   if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN) {
     failServed(path);
   }
@@ -77,10 +84,10 @@ RpcSocketFile::PathLock::PathLock(const std::string& path) {
 RpcSocketFile::PathLock::~PathLock() { MvdUnlock(m_handle); }
 
 RpcSocketFile::RpcSocketFile(const std::string& path, mode_t mode)
-    : m_path(path), m_lock(path), m_socket(unixSocket(path)) {
+    : m_path(checkedLength(path)), m_lock(path), m_socket(unixSocket(path)) {
   requireFree(path);
   // Made and opened to its callers under another name, then moved into place: nobody meets it half-made.
-  const std::string temporary = path + ".new";
+  const std::string temporary = path + UNFINISHED;
   const sockaddr_un address = addressOf(temporary);
   if (unlink(temporary.c_str()) != 0 && errno != ENOENT) fail(path, errno);
   // The file's mode is that of the unbound socket; until chmod below it is closed to all but the owner.

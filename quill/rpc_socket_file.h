@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "quill/descriptor.h"
+#include "basalt/posix_file.h"
 
 namespace lumo {
 
@@ -39,7 +39,7 @@ class RpcSocketFile {
 
   std::string m_path;
   PathLock m_lock;
-  Descriptor m_socket;
+  FileDescriptor m_socket;
   dev_t m_device = 0;
   ino_t m_inode = 0;
 };

@@ -3,32 +3,41 @@
 #include <rapidjson/encodings.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/stringbuffer.h>
-#include <sodium.h>
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace lumo::rpc {
 namespace {
 
-constexpr char BASE64[] = "base64";
+constexpr char HEX[] = "hex";
+constexpr char DIGITS[] = "0123456789abcdef";
 
 std::string encoded(const std::string& bytes) {
-  std::string text(sodium_base64_encoded_len(bytes.size(), sodium_base64_VARIANT_ORIGINAL), '\0');
-  sodium_bin2base64(text.data(), text.size(), reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
-                    sodium_base64_VARIANT_ORIGINAL);
-  text.pop_back();  // the terminating zero
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text += DIGITS[byte >> 4U];
+    text += DIGITS[byte & 0xfU];
+  }
   return text;
 }
 
-std::optional<std::string> decoded(const char* text, std::size_t size) {
-  std::string bytes(size / 4 * 3 + 3, '\0');
-  std::size_t length = 0;
-  if (sodium_base642bin(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size(), text, size, nullptr, &length,
-                        nullptr, sodium_base64_VARIANT_ORIGINAL) != 0) {
-    return std::nullopt;
+// The value of a lower-case digit, 16 for any other character.
+std::size_t digit(char c) { return std::min<std::size_t>(std::string_view(DIGITS).find(c), 16); }
+
+std::optional<std::string> decoded(std::string_view text) {
+  if (text.size() % 2 != 0) return std::nullopt;
+  std::string bytes;
+  bytes.reserve(text.size() / 2);
+  for (std::size_t i = 0; i < text.size(); i += 2) {
+    const std::size_t high = digit(text[i]);
+    const std::size_t low = digit(text[i + 1]);
+    if (high == 16 || low == 16) return std::nullopt;
+    bytes += static_cast<char>(high << 4U | low);
   }
-  bytes.resize(length);
   return bytes;
 }
 
@@ -57,7 +66,7 @@ rapidjson::Value toJson(const std::string& bytes, rapidjson::Document::Allocator
   };
   if (isUtf8(bytes)) return string(bytes);
   rapidjson::Value value(rapidjson::kObjectType);
-  value.AddMember(BASE64, string(encoded(bytes)), allocator);
+  value.AddMember(HEX, string(encoded(bytes)), allocator);
   return value;
 }
 
@@ -65,8 +74,8 @@ std::optional<std::string> bytesFrom(const rapidjson::Value& value) {
   if (value.IsString()) return std::string(value.GetString(), value.GetStringLength());
   if (!value.IsObject() || value.MemberCount() != 1) return std::nullopt;
   const auto& only = *value.MemberBegin();
-  if (std::strcmp(only.name.GetString(), BASE64) != 0 || !only.value.IsString()) return std::nullopt;
-  return decoded(only.value.GetString(), only.value.GetStringLength());
+  if (std::strcmp(only.name.GetString(), HEX) != 0 || !only.value.IsString()) return std::nullopt;
+  return decoded({only.value.GetString(), only.value.GetStringLength()});
 }
 
 }  // namespace lumo::rpc

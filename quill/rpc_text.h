@@ -8,7 +8,7 @@
 
 namespace lumo::rpc {
 
-// A JSON string where the bytes are UTF-8, else {"base64": "..."}: what the directory holds survives byte by byte.
+// A JSON string where the bytes are UTF-8, else {"hex": "..."}: what the directory holds survives byte by byte.
 rapidjson::Value toJson(const std::string& bytes, rapidjson::Document::AllocatorType& allocator);
 // Empty when the value is neither form.
 std::optional<std::string> bytesFrom(const rapidjson::Value& value);

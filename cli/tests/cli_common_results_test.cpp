@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "cli/cli_common.h"
+
+namespace {
+
+// Written down apart from the program's own tables: scripts rely on these numbers and texts.
+const std::map<int, std::string> TEXTS{
+    {6, "Other misc errors"},
+    {7, "Usage error"},
+    {8, "Operation/command aborted by user"},
+    {9, "Root privilege is required for the operation"},
+    {10, "Machine is not joined to any domain"},
+    {11, "Machine has joined"},
+    {12, "Machine has joined to another domain"},
+    {13, "ferrod is not running/not available"},
+    {14, "ferrod is running in disconnected mode"},
+    {15, "failed to start ferrod"},
+    {16, "DNS Server May be down"},
+    {17, "Generic DNS Problem"},
+    {18, "Active Directory Domain name is incorrect or not found in DNS"},
+    {19, "Username or password is incorrect"},
+    {20, "Account has been disabled"},
+    {21, "Account has expired"},
+    {22, "Account already exists"},
+    {23, "Account(user/machine)not found"},
+    {24, "Account password has expired"},
+    {25, "Unable to find zone."},
+    {26, "Invalid container"},
+    {27, "Permission denied"},
+    {28, "Clock skew error between host and Active Directory"},
+    {29, "Invalid computer account"},
+    {30, "invalid credentials"},
+    {31, "Service ticket not valid"},
+    {32, "Policy not matched"},
+    {33, "Password change rejected"},
+    {34, "Workstation denied"},
+    {35, "Active Directory user not found"},
+    {36, "Active Directory group not found"},
+    {38, "Unable to stop ferrod"},
+    {39, "The user has exceeded his join quota."},
+    {40, "Open file failed"},
+    {41, "Cannot read file"},
+    {42, "Cannot copy file"},
+    {43, "Fetch distinguish name failed"},
+    {44, "Bind to domain failed"},
+    {45, "Credentials not found"},
+    {46, "Credentials has expired."},
+    {47, "SAM (pre-Win 2K) user names must be 20 characters or less"},
+    {48, "SAM (pre-Win 2K) computer names must be 15 characters or less"},
+    {49, "Network not ready"},
+    {50,
+     "Invalid server name is encountered, which could be due to the supplied name is an IP address or is not an FQDN "
+     "name or the server is neither a Global Catalog nor a writable domain controller."},
+    {52, "User not found in zone"},
+    {53, "Group not found in zone"},
+    {54, "Cannot find a read-write domain controller"},
+    {55, "Kerberos Policy Error (FAST Not Supported)"},
+    {56,
+     "Principal's TGT revoked by Domain Controller, while getting service ticket, this could be due to machine is "
+     "located in RODC site. "},
+    {57, "The SPN violates Active Directory contraint."},
+    {58, "Unable to connect to domain controller."},
+    {59, "Operation is in progress."},
+    {60, "IO exception."},
+    {156, "Failed to get FQDN from ip"},
+    {157, "Invalid server port"},
+    {158, "No credential data available"},
+    {159, "Failed to get credential data"},
+    {160, "Failed to set credential data"},
+    {161, "Failed to clear credential data"},
+    {162, "Connection test failed"},
+    {163, "No proxy server available"},
+    {164, "Proxy authtype configuration invalid"},
+};
+
+TEST(ResultMessage, HasEveryRowAndNoOther) {
+  for (int code = -10; code <= 400; ++code) {
+    const auto row = TEXTS.find(code);
+    EXPECT_EQ(resultMessage(code), row != TEXTS.end() ? row->second : "Unknown error <" + std::to_string(code) + ">");
+  }
+}
+
+TEST(ResultMessage, BelowSixNamesTheCodeAlsoForZeroAndNegatives) {
+  EXPECT_EQ(resultMessage(5), "Unknown error <5>");
+  EXPECT_EQ(resultMessage(6), "Other misc errors");
+  EXPECT_EQ(resultMessage(0), "Unknown error <0>");
+  EXPECT_EQ(resultMessage(-1), "Unknown error <-1>");
+  EXPECT_EQ(resultMessage(-2147483647 - 1), "Unknown error <-2147483648>");
+}
+
+TEST(ResultMessage, TheToolsOwnTableBeginsAt156) {
+  EXPECT_EQ(resultMessage(155), "Unknown error <155>");
+  EXPECT_EQ(resultMessage(156), "Failed to get FQDN from ip");
+  EXPECT_EQ(resultMessage(164), "Proxy authtype configuration invalid");
+  EXPECT_EQ(resultMessage(165), "Unknown error <165>");
+}
+
+TEST(ResultMessage, Row56KeepsItsBlank) { EXPECT_EQ(resultMessage(56).back(), ' '); }
+
+TEST(ResultMessage, NamedCodesHaveTheirNumbers) {
+  using namespace result;
+  EXPECT_EQ((std::vector<int>{Success, MiscError, Usage, NotRoot, NotJoined, NoCredential, GetCredentialFailed,
+                              SetCredentialFailed, ClearCredentialFailed, ConnectionTestFailed, NoProxyServer,
+                              AuthTypeInvalid}),
+            (std::vector<int>{0, 6, 7, 9, 10, 158, 159, 160, 161, 162, 163, 164}));
+}
+
+}  // namespace

@@ -194,7 +194,16 @@ void HttpServer::acceptAll() {
 }
 
 void HttpServer::serve(int fd, int number) {
-  Stream stream(fd, m_stop);
+  {
+    Stream stream(fd, m_stop);
+    answerAll(stream, number);
+  }
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  ++m_ended;
+  m_changed.notify_all();
+}
+
+void HttpServer::answerAll(Stream& stream, int number) {
   for (int index = 0;; ++index) {
     HttpRequest request;
     request.connection = number;
@@ -251,6 +260,11 @@ int HttpServer::connections() const {
 bool HttpServer::waitForRequests(size_t count, std::chrono::milliseconds limit) const {
   std::unique_lock<std::mutex> lock(m_mutex);
   return m_changed.wait_for(lock, limit, [&] { return m_requests.size() >= count; });
+}
+
+bool HttpServer::waitForEnds(size_t count, std::chrono::milliseconds limit) const {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_changed.wait_for(lock, limit, [&] { return m_ended >= count; });
 }
 
 }  // namespace testsupport

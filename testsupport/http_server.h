@@ -76,12 +76,15 @@ class HttpServer {
   int connections() const;
   // Waits until so many requests have come; false after the time.
   bool waitForRequests(size_t count, std::chrono::milliseconds limit) const;
+  // Waits until so many connections are over, hung up by the client or closed here; false after the time.
+  bool waitForEnds(size_t count, std::chrono::milliseconds limit) const;
 
  private:
   class Stream;
 
   void acceptAll();
   void serve(int fd, int number);
+  void answerAll(Stream& stream, int number);
   bool answer(Stream& stream, HttpRequest& request);
 
   Handler m_handler;
@@ -94,6 +97,7 @@ class HttpServer {
   mutable std::condition_variable m_changed;
   std::vector<HttpRequest> m_requests;
   int m_connections = 0;
+  size_t m_ended = 0;
   std::vector<std::thread> m_clients;  // of the accepting thread, and of the destructor after it
   std::thread m_acceptor;
 };

@@ -1,0 +1,67 @@
+#include "cloud/curl_object_callbacks.h"
+
+#include "cloud/tests/curl_object_fixture.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+size_t giveHeader(CurlObject& object, std::string line) {
+  return CurlCallbacks::header(line.data(), 1, line.size(), &object);
+}
+
+}  // namespace
+
+TEST_F(CurlObjectTest, HeaderLinesAreKeptWithTheirLineEnding) {
+  CurlObject object;
+  std::string line = "Set-Cookie: a=b\r\n";
+  EXPECT_EQ(CurlCallbacks::header(line.data(), line.size(), 1, &object), line.size());
+  EXPECT_THAT(object.lastHeaderLines(), ElementsAre(line));
+}
+
+TEST_F(CurlObjectTest, HeaderLineOverTheLimitIsDroppedSilently) {
+  CurlObject object;
+  EXPECT_EQ(giveHeader(object, std::string(102401, 'x')), 102401u);
+  EXPECT_THAT(object.lastHeaderLines(), IsEmpty());
+  EXPECT_EQ(giveHeader(object, std::string(102400, 'x')), 102400u);
+  EXPECT_THAT(object.lastHeaderLines(), ElementsAre(std::string(102400, 'x')));
+}
+
+TEST_F(CurlObjectTest, HeaderCallbackWithoutDataOrObjectStopsNothing) {
+  CurlObject object;
+  std::string line = "x";
+  EXPECT_EQ(CurlCallbacks::header(nullptr, 2, 3, &object), 6u);
+  EXPECT_EQ(CurlCallbacks::header(line.data(), 1, 1, nullptr), 1u);
+  EXPECT_THAT(object.lastHeaderLines(), IsEmpty());
+}
+
+TEST_F(CurlObjectTest, DebugCallbackMarksDirections) {
+  CurlObject object;
+  std::string text = "some text\n";
+  for (int type = CURLINFO_TEXT; type < CURLINFO_END; ++type) {
+    EXPECT_EQ(
+        CurlObject::debugCallback(object.handle, static_cast<curl_infotype>(type), text.data(), text.size(), &object),
+        0);
+  }
+  EXPECT_THAT(object.debugLines, ElementsAre("*some text\n", "<some text\n", ">some text\n", "<some text\n",
+                                             ">some text\n", "<some text\n", ">some text\n"));
+}
+
+TEST_F(CurlObjectTest, DebugCallbackIgnoresOtherTypesAndMissingData) {
+  CurlObject object;
+  std::string text = "x";
+  EXPECT_EQ(CurlObject::debugCallback(object.handle, CURLINFO_END, text.data(), 1, &object), 0);
+  EXPECT_EQ(CurlObject::debugCallback(object.handle, CURLINFO_TEXT, nullptr, 1, &object), 0);
+  EXPECT_EQ(CurlObject::debugCallback(object.handle, CURLINFO_TEXT, text.data(), 1, nullptr), 0);
+  EXPECT_THAT(object.debugLines, IsEmpty());
+}
+
+TEST_F(CurlObjectTest, DebugTextEndsAtItsFirstZeroByteAndNeverBehindItsSize) {
+  CurlObject object;
+  std::string text("ab\0cd", 5);
+  CurlObject::debugCallback(object.handle, CURLINFO_TEXT, text.data(), 5, &object);
+  std::vector<char> unterminated = {'x', 'y', 'z'};
+  CurlObject::debugCallback(object.handle, CURLINFO_TEXT, unterminated.data(), 3, &object);
+  EXPECT_THAT(object.debugLines, ElementsAre("*ab", "*xyz"));
+}

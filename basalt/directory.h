@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/include/exceptions.h"
 #include "base/include/properties.h"
 
 inline constexpr char AD_DN[] = "distinguishedName";
@@ -76,12 +77,16 @@ struct DirectorySearch {
   std::vector<std::string> attributes;  // empty: all
 };
 
+// Does the exception mean that the server cannot be reached, went away, is too busy or did not answer in time?
+bool isServerUnavailable(const LDAPException& failure);
+
 // The seam of the directory: one open connection to a server. One thread at a time.
 class DirectoryConnection {
  public:
   virtual ~DirectoryConnection() = default;
   // All objects that match, results paged below. A base that does not exist gives none. Throws LDAPException with the
-  // server's words, or lumo::IOException when the server is gone or silent.
+  // server's words and the LDAP result code as rc(); isServerUnavailable tells when the server is gone or silent, and
+  // the connection is then of no more use.
   virtual std::vector<ADObjectPtr> search(const DirectorySearch& what) = 0;
   // Attributes of the server's root object.
   virtual ADObjectPtr rootDse() = 0;
@@ -128,12 +133,14 @@ class ADBinding : public ADBind {
 
   // Opens it. The arguments are "", "" and 0 in every call. Throws as DirectoryConnector::open.
   void connect(const std::string& user, const std::string& password, int flags);
-  // The binding's own release operation: closes it and deletes the object.
-  void release();
-
+  // As DirectoryConnection. A connection that was lost since the last use (servers end idle ones) is opened anew once,
+  // with another server where need be.
   std::vector<ADObjectPtr> search(const DirectorySearch& what) override;
   ADObjectPtr fetch(const std::string& dn, const std::vector<std::string>& attributes) override;
   const std::string& domain() const override { return m_target.domain; }
+
+  // The binding's own release operation: closes it and deletes the object.
+  void release();
 
  private:
   DirectoryConnector::Target m_target;

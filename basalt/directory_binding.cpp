@@ -1,3 +1,5 @@
+#include <ldap.h>
+
 #include <atomic>
 
 #include "basalt/directory.h"
@@ -8,7 +10,23 @@ namespace {
 
 std::atomic<DirectoryConnector*> g_connector{nullptr};
 
+// A server that is silent or busy is not asked a second time: that would double the wait.
+bool connectionLost(const LDAPException& failure) { return failure.rc() == LDAP_SERVER_DOWN; }
+
 }  // namespace
+
+bool isServerUnavailable(const LDAPException& failure) {
+  switch (failure.rc()) {
+    case LDAP_SERVER_DOWN:
+    case LDAP_TIMEOUT:
+    case LDAP_CONNECT_ERROR:
+    case LDAP_BUSY:
+    case LDAP_UNAVAILABLE:
+      return true;
+    default:
+      return false;
+  }
+}
 
 DirectoryConnector& DirectoryConnector::getInstance() {
   DirectoryConnector* wired = g_connector.load();
@@ -37,6 +55,12 @@ std::vector<ADObjectPtr> ADBinding::search(const DirectorySearch& what) {
   if (!m_connection) {
     LUMO_THROW(lumo::IOException, -1, "The directory binding to '%s' is not connected", m_target.domain.c_str());
   }
+  try {
+    return m_connection->search(what);
+  } catch (const LDAPException& failure) {
+    if (!connectionLost(failure)) throw;
+  }
+  connect("", "", 0);
   return m_connection->search(what);
 }
 

@@ -1,0 +1,69 @@
+#include <gtest/gtest.h>
+
+#include "basalt/directory.h"
+
+namespace {
+
+struct NameCase {
+  const char* dn;
+  const char* domain;
+};
+
+class DomainOfName : public testing::TestWithParam<NameCase> {};
+
+TEST_P(DomainOfName, IsTheDomainComponentsAtItsEnd) {
+  EXPECT_EQ(DN::domainFromDN(GetParam().dn), GetParam().domain) << GetParam().dn;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Plain, DomainOfName,
+    testing::Values(NameCase{"CN=HOST1,CN=Computers,DC=corp,DC=example,DC=test", "corp.example.test"},
+                    NameCase{"DC=corp,DC=example,DC=test", "corp.example.test"},
+                    NameCase{"dc=CORP,Dc=Example", "corp.example"},
+                    NameCase{"CN=a , OU=b , DC = corp , DC=test ", "corp.test"},
+                    NameCase{"0.9.2342.19200300.100.1.25=corp,DC=test", "corp.test"}, NameCase{"DC=test", "test"},
+                    NameCase{"CN=schema,CN=configuration", ""}, NameCase{"", ""}));
+
+INSTANTIATE_TEST_SUITE_P(Escaped, DomainOfName,
+                         testing::Values(NameCase{"CN=Smith\\, DC\\=evil,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=Smith\\2CDC=evil,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=a\\\\,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=\\#a\\ ,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=L\\C4\\8Di\\C4\\87,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=\xC4\x8D,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=x,DC=c\\6Frp,DC=test", "corp.test"},
+                                         NameCase{"CN=#04024869,DC=#0c04636f7270,DC=test", "corp.test"},
+                                         NameCase{"CN=x,DC=#0c8104636f7270,DC=test", "corp.test"}));
+
+// A component of a name inside a zone, or one that shares its level, does not belong to the domain's own name.
+INSTANTIATE_TEST_SUITE_P(Levels, DomainOfName,
+                         testing::Values(NameCase{"DC=www,DC=zone.test,CN=MicrosoftDNS,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=a+DC=evil,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=a+OU=b,DC=corp,DC=test", "corp.test"},
+                                         NameCase{"CN=x,DC=corp+OU=y,DC=test", "test"}));
+
+INSTANTIATE_TEST_SUITE_P(NoNames, DomainOfName,
+                         testing::Values(NameCase{"corp.test", ""}, NameCase{"CN=a,,DC=corp,DC=test", ""},
+                                         NameCase{"CN=a,DC=corp,DC=test,", ""}, NameCase{"=a,DC=test", ""},
+                                         NameCase{"CN=a\\", ""}, NameCase{"CN=a\\zz,DC=test", ""},
+                                         NameCase{"CN=\"a\",DC=test", ""}, NameCase{"CN=a;DC=test", ""},
+                                         NameCase{"CN=#zz,DC=test", ""}, NameCase{"CN=#0405aa,DC=test", ""},
+                                         NameCase{"CN=#0,DC=test", ""}, NameCase{"CN=#,DC=test", ""},
+                                         NameCase{"CN=#048205,DC=test", ""}, NameCase{"DC=,DC=test", "test"},
+                                         NameCase{"<SID=S-1-5-18>", ""}));
+
+TEST(FilterValue, LeavesPlainTextAlone) {
+  EXPECT_EQ(escapeFilterValue("HTTP/proxy.corp.test:3128"), "HTTP/proxy.corp.test:3128");
+  EXPECT_EQ(escapeFilterValue(""), "");
+}
+
+TEST(FilterValue, EscapesWhatAFilterGivesAMeaningTo) {
+  EXPECT_EQ(escapeFilterValue("a*b(c)d\\e"), "a\\2ab\\28c\\29d\\5ce");
+  EXPECT_EQ(escapeFilterValue("x)(cn=*"), "x\\29\\28cn=\\2a");
+}
+
+TEST(FilterValue, EscapesBytesThatAreNoAscii) {
+  EXPECT_EQ(escapeFilterValue(std::string("\x00\x7f\x80\xff", 4)), "\\00\x7f\\80\\ff");
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+"""The lab's accounts in the directory's database.
+
+usage: accounts.py SMB_CONF fill                       users, services and their keytabs, once after provisioning
+       accounts.py SMB_CONF set-enctypes ACCOUNT BITS  msDS-SupportedEncryptionTypes of an account
+
+A program of its own: it works on the database itself, with or without the controller, and Samba's modules load slowly.
+"""
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+
+from ferrolab import names  # noqa: E402
+
+import ldb  # noqa: E402
+import samba.dckeytab  # noqa: E402,F401  (adds export_keytab to Net)
+from samba.auth import system_session  # noqa: E402
+from samba.net import Net  # noqa: E402
+from samba.param import LoadParm  # noqa: E402
+from samba.samdb import SamDB  # noqa: E402
+
+AES_AND_RC4 = "28"
+ACCOUNT_DISABLED = 0x2
+NEVER = "-9223372036854775808"
+LONG_AGO = "130000000000000000"  # 2012, in the directory's count of 100 ns since 1601
+
+
+def open_directory(smb_conf):
+    parameters = LoadParm()
+    parameters.load(smb_conf)
+    return SamDB(session_info=system_session(), lp=parameters), parameters
+
+
+def change(directory, account, **values):
+    """Replaces attributes of the account of this name."""
+    found = directory.search(directory.domain_dn(), ldb.SCOPE_SUBTREE,
+                             f"(sAMAccountName={ldb.binary_encode(account)})", ["userAccountControl"])
+    if len(found) != 1:
+        raise SystemExit(f"there is no account {account}")
+    message = ldb.Message(found[0].dn)
+    for name, value in values.items():
+        attribute = name.replace("_", "-")
+        message[attribute] = ldb.MessageElement(value, ldb.FLAG_MOD_REPLACE, attribute)
+    directory.modify(message)
+
+
+def add_users(directory):
+    directory.set_pwdProperties("0")
+    directory.set_minPwdLength("1")
+    policy = ldb.Message(ldb.Dn(directory, directory.domain_dn()))
+    policy["maxPwdAge"] = ldb.MessageElement(NEVER, ldb.FLAG_MOD_REPLACE, "maxPwdAge")
+    directory.modify(policy)
+    for account in names.USERS:
+        directory.newuser(account.name, account.password, force_password_change_at_next_login_req=account.state == "stale")
+        if account.state == "disabled":
+            change(directory, account.name, userAccountControl=str(0x200 | ACCOUNT_DISABLED))
+        if account.state == "expired":
+            change(directory, account.name, accountExpires=LONG_AGO)
+
+
+def add_services(directory, parameters):
+    for account, keytabs in names.SERVICES.items():
+        directory.newuser(account, f"{account}-Secret1")
+        change(directory, account, servicePrincipalName=list(keytabs), msDS_SupportedEncryptionTypes=AES_AND_RC4)
+        for principal, keytab in keytabs.items():
+            Net(None, parameters).export_keytab(keytab=str(keytab), principal=principal)
+
+
+def add_controller_services(directory):
+    """The names that the controller's own update service would add some time after the start."""
+    host, short = names.DC, names.DC.partition(".")[0].upper()
+    services = ["ldap/" + rest for rest in (short, host, f"{host}/{names.DOMAIN}", f"{host}/{names.NETBIOS}")]
+    services += [f"GC/{host}/{names.DOMAIN}", f"HOST/{host}/{names.DOMAIN}"]
+    found = directory.search(directory.domain_dn(), ldb.SCOPE_SUBTREE, f"(sAMAccountName={short}$)", ["servicePrincipalName"])
+    have = {str(value).lower() for value in found[0]["servicePrincipalName"]}
+    message = ldb.Message(found[0].dn)
+    missing = [service for service in services if service.lower() not in have]
+    message["add"] = ldb.MessageElement(missing, ldb.FLAG_MOD_ADD, "servicePrincipalName")
+    directory.modify(message)
+
+
+def add_site_subnet(directory):
+    """Every address of the lab lies in its site."""
+    site = f"CN={names.SITE},CN=Sites,CN=Configuration,{names.BASE_DN}"
+    directory.add({"dn": f"CN=127.0.0.0/8,CN=Subnets,CN=Sites,CN=Configuration,{names.BASE_DN}",
+                   "objectClass": "subnet", "siteObject": site})
+
+
+def fill(directory, parameters):
+    directory.transaction_start()
+    add_users(directory)
+    add_site_subnet(directory)
+    add_controller_services(directory)
+    directory.transaction_commit()
+    add_services(directory, parameters)
+
+
+def main(smb_conf, command, *arguments):
+    directory, parameters = open_directory(smb_conf)
+    if command == "fill":
+        fill(directory, parameters)
+    else:
+        account, bits = arguments
+        change(directory, account, msDS_SupportedEncryptionTypes=bits)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

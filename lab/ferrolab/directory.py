@@ -1,0 +1,43 @@
+"""The domain controller: Samba AD, provisioned anew for each lab."""
+import shutil
+import sys
+from pathlib import Path
+
+from ferrolab import names
+from ferrolab.daemons import Daemon, accepts, listens, run
+
+FOLDER = names.STATE / "dc"
+SMB_CONF = FOLDER / "etc" / "smb.conf"
+WINBIND = Path("/run/samba/winbindd")  # built into its clients
+PRIVILEGED = FOLDER / "state" / "winbindd_privileged"
+SERVICES = "rpc ldap cldap kdc dns winbindd"
+
+
+def provision():
+    WINBIND.parent.mkdir(exist_ok=True)
+    run(["samba-tool", "domain", "provision", "--server-role=dc", "--dns-backend=SAMBA_INTERNAL", "--use-rfc2307",
+         f"--realm={names.REALM}", f"--domain={names.NETBIOS}", "--host-name=DC1", f"--host-ip={names.DC_ADDRESS}",
+         f"--site={names.SITE}", f"--adminpass={names.ADMIN_PASSWORD}", f"--targetdir={FOLDER}",
+         f"--option=interfaces={names.DC_ADDRESS}/8", "--option=bind interfaces only=yes",
+         f"--option=posix:eadb={FOLDER}/eadb.tdb", f"--option=server services={SERVICES}",
+         f"--option=log file={FOLDER}/log", "--option=prefork children=1",
+         "--option=tls enabled=no",
+         "--option=dns forwarder="], "provisioning the domain")
+    (names.STATE / "keytabs").mkdir(exist_ok=True)
+    accounts("fill")
+
+
+def accounts(*arguments):
+    run([sys.executable, "-I", Path(__file__).with_name("accounts.py"), SMB_CONF, *arguments], "changing the accounts")
+
+
+def admit_ntlm_helper():
+    """The proxies' NTLM helper may ask winbind to check passwords."""
+    shutil.chown(PRIVILEGED, group="proxy")
+
+
+def controller():
+    probes = [listens(names.DC_ADDRESS, port) for port in (53, 88, 389, 464, 3268)]
+    probes += [accepts(WINBIND / "pipe"), accepts(PRIVILEGED / "pipe")]
+    return Daemon("dc", ["samba", "--foreground", "--no-process-group", "--configfile", SMB_CONF], probes,
+                  logs=[FOLDER / "log"])

@@ -1,0 +1,147 @@
+"""Names, addresses, ports and accounts of the lab: the one place that knows them."""
+from dataclasses import dataclass
+from pathlib import Path
+
+DOMAIN = "corp.ferro.test"
+REALM = DOMAIN.upper()
+NETBIOS = "CORP"
+SITE = "LabSite"
+BASE_DN = ",".join("DC=" + label for label in DOMAIN.split("."))
+
+MIT_DOMAIN = "mit.ferro.test"
+MIT_REALM = MIT_DOMAIN.upper()
+
+DC = f"dc1.{DOMAIN}"
+HOST = f"host1.{DOMAIN}"
+CONNECTOR = f"connector.{DOMAIN}"
+PLATFORM = f"platform.{DOMAIN}"
+MIT_KDC = f"kdc.{MIT_DOMAIN}"
+COMPUTER = "HOST1"
+
+DC_ADDRESS = "127.0.0.2"
+HOST_ADDRESS = "127.0.0.3"
+PROXY_ADDRESS = "127.0.0.4"
+CONNECTOR_ADDRESS = "127.0.0.5"
+PLATFORM_ADDRESS = "127.0.0.6"
+MIT_KDC_ADDRESS = "127.0.0.7"
+ADDRESSES = (DC_ADDRESS, HOST_ADDRESS, PROXY_ADDRESS, CONNECTOR_ADDRESS, PLATFORM_ADDRESS, MIT_KDC_ADDRESS)
+
+# What the platform stand-in shows on each port of its address.
+PLATFORM_PORTS = {"good": 443, "foreign": 8443, "expired": 8444, "wrongname": 8445}
+
+STATE = Path("/run/ferrolab")
+CA_FILE = STATE / "tls" / "ca.crt"
+CA_FOLDER = STATE / "tls" / "trusted"
+SYSTEM_BUNDLE = Path("/etc/ssl/certs/ca-certificates.crt")
+HOST_KEYTAB = Path("/etc/krb5.keytab")
+FEATURES = ("mit", "trust")
+
+ADMIN = "Administrator"
+ADMIN_PASSWORD = "Lab-Adm1n-Pass"
+
+
+@dataclass(frozen=True)
+class Account:
+    """A user of the domain; `state` is one of enabled, disabled, expired (account), stale (password)."""
+    name: str
+    password: str
+    state: str = "enabled"
+
+
+USERS = (
+    Account("alice", "Wonder-Land7"),
+    Account("bob", "Build-It-8"),
+    Account("odd", "%41:\"'%%ü€:x"),
+    Account("disabled", "Locked-Out9", "disabled"),
+    Account("expired", "Long-Gone10", "expired"),
+    Account("stale", "Old-Secret11", "stale"),
+)
+MIT_USER = Account("carol", "Second-Realm12")
+
+
+@dataclass(frozen=True)
+class Proxy:
+    """A Squid: its schemes in the order in which it offers them, and the realm of its Kerberos key."""
+    name: str
+    port: int
+    schemes: tuple
+    domain: str = DOMAIN
+
+    @property
+    def host(self):
+        return f"{self.name}.{self.domain}"
+
+    @property
+    def folder(self):
+        return STATE / f"squid-{self.name}"
+
+    @property
+    def access_log(self):
+        return self.folder / "access.log"
+
+    @property
+    def keytab(self):
+        return STATE / "keytabs" / f"{self.name}.keytab"
+
+
+# The first one is what a look-up of 127.0.0.4 gives.
+PROXIES = (
+    Proxy("negotiate", 3131, ("negotiate",)),
+    Proxy("basic", 3128, ("basic",)),
+    Proxy("digest", 3129, ("digest",)),
+    Proxy("ntlm", 3130, ("ntlm",)),
+    Proxy("negbasic", 3132, ("negotiate", "basic")),
+    Proxy("open", 3133, ()),
+)
+MIT_PROXY = Proxy("mitneg", 3134, ("negotiate",), MIT_DOMAIN)
+CONNECTOR_KEYTAB = STATE / "keytabs" / "connector.keytab"
+
+# Accounts that hold service principal names, and the keytabs that are exported for them.
+SERVICES = {
+    "svc-proxy": {f"HTTP/{p.host}": p.keytab for p in PROXIES if "negotiate" in p.schemes},
+    "svc-connector": {f"HTTP/{CONNECTOR}": CONNECTOR_KEYTAB},
+}
+
+
+def proxies(features):
+    return PROXIES + ((MIT_PROXY,) if "mit" in features else ())
+
+
+def environment(features, tool):
+    """The variables that describe the lab to the command that runs in it."""
+    variables = {
+        "FERRO_LAB": str(STATE),
+        "FERRO_LAB_TOOL": str(tool),
+        "FERRO_LAB_WITH": ",".join(features),
+        "FERRO_LAB_DOMAIN": DOMAIN,
+        "FERRO_LAB_REALM": REALM,
+        "FERRO_LAB_SITE": SITE,
+        "FERRO_LAB_BASE_DN": BASE_DN,
+        "FERRO_LAB_DC": DC,
+        "FERRO_LAB_HOST": HOST,
+        "FERRO_LAB_MACHINE": f"{COMPUTER}$",
+        "FERRO_LAB_ADMIN": ADMIN,
+        "FERRO_LAB_ADMIN_PASSWORD": ADMIN_PASSWORD,
+        "FERRO_LAB_CA": str(CA_FILE),
+        "FERRO_LAB_CA_FOLDER": str(CA_FOLDER),
+        "FERRO_LAB_CONNECTOR": CONNECTOR,
+        "FERRO_LAB_CONNECTOR_URL": f"https://{CONNECTOR}/",
+        "FERRO_LAB_CONNECTOR_HTTP_URL": f"http://{CONNECTOR}/",
+        "FERRO_LAB_CONNECTOR_SPN": f"HTTP/{CONNECTOR}@{REALM}",
+        "FERRO_LAB_CONNECTOR_LOG": str(STATE / "apache" / "connector.log"),
+        "FERRO_LAB_PLATFORM": PLATFORM,
+        "FERRO_LAB_PLATFORM_HTTP_URL": f"http://{PLATFORM}/",
+        "FERRO_LAB_PLATFORM_LOG": str(STATE / "apache" / "platform.log"),
+    }
+    for kind, port in PLATFORM_PORTS.items():
+        suffix = "" if kind == "good" else "_" + kind.upper()
+        variables[f"FERRO_LAB_PLATFORM{suffix}_URL"] = f"https://{PLATFORM}{'' if port == 443 else f':{port}'}/"
+    for account in USERS + ((MIT_USER,) if "mit" in features else ()):
+        variables[f"FERRO_LAB_PASSWORD_{account.name.upper()}"] = account.password
+    for proxy in proxies(features):
+        variables[f"FERRO_LAB_PROXY_{proxy.name.upper()}"] = f"{proxy.host}:{proxy.port}"
+        variables[f"FERRO_LAB_LOG_{proxy.name.upper()}"] = str(proxy.access_log)
+    if "mit" in features:
+        variables["FERRO_LAB_MIT_REALM"] = MIT_REALM
+        variables["FERRO_LAB_MIT_DOMAIN"] = MIT_DOMAIN
+    return variables

@@ -17,9 +17,10 @@ bool isComputerAccount(krb5_const_principal principal) {
 }
 
 [[noreturn]] void throwUnreadable(krb5_context context, krb5_error_code code, const std::string& path) {
-  const char* advice = code == ENOENT ? "join the machine to the domain" : "repair it or join the machine again";
   const std::string text =
-      exceptionMessage("Cannot read the keytab %s: %s; %s", path.c_str(), krbErrorText(context, code).c_str(), advice);
+      code == ENOENT ? exceptionMessage("The keytab %s is missing; join the machine to the domain", path.c_str())
+                     : exceptionMessage("Cannot read the keytab %s: %s; repair it or join the machine again",
+                                        path.c_str(), krbErrorText(context, code).c_str());
   throw KerberosException(code, text.c_str(), __FILE__, __LINE__);
 }
 

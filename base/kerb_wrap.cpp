@@ -37,8 +37,11 @@ std::optional<std::string> setting(const char* key, const std::string& defaultVa
 }
 
 void moveAside(const std::string& file) {
+  static std::mutex oneMover;
+  const std::lock_guard<std::mutex> held(oneMover);
   const std::string bad = file + ".bad";
-  unlink(bad.c_str());
+  // A thread that comes second must not remove what the first has just saved.
+  if (access(file.c_str(), F_OK) == 0) unlink(bad.c_str());
   if (std::rename(file.c_str(), bad.c_str()) != 0) {
     const int reason = errno;
     LUMO_LOG(logger(), 1, "Failed to move bad %s aside(errno=%d)", file.c_str(), reason);

@@ -1,10 +1,6 @@
 // What one connection needs to pass an HTTP proxy that asks for Negotiate.
 #pragma once
 
-// com_err.h declares no linkage of its own, and krb5.h includes it outside its extern "C".
-extern "C" {
-#include <et/com_err.h>
-}
 #include <gssapi/gssapi.h>
 
 #include <memory>

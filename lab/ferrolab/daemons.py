@@ -26,14 +26,21 @@ def tail(path, lines=25):
         return f"({failure})"
 
 
-def run(argv, what, **options):
-    """Runs a set-up command; a failure names it and shows what it said."""
-    result = subprocess.run([str(a) for a in argv], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                            stdin=None if "input" in options else subprocess.DEVNULL, **options)
+def missing(program):
+    return LabError(f"the program {program} is missing; tools/install-packages lab installs what the lab needs")
+
+
+def run(argv, what, text=""):
+    """Runs a set-up command with this standard input and returns what it said; a failure shows that."""
+    try:
+        result = subprocess.run([str(a) for a in argv], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                input=text.encode())
+    except FileNotFoundError:
+        raise missing(argv[0]) from None
+    said = result.stdout.decode(errors="replace").strip()
     if result.returncode != 0:
-        said = result.stdout if isinstance(result.stdout, str) else result.stdout.decode(errors="replace")
-        raise LabError(f"{what} failed with status {result.returncode}: {argv[0]}\n{said.strip()}")
-    return result.stdout
+        raise LabError(f"{what} failed: {argv[0]} ended with status {result.returncode}\n{said}")
+    return said
 
 
 def listens(address, port):
@@ -127,9 +134,12 @@ class Daemon:
             return
         self.output.parent.mkdir(parents=True, exist_ok=True)
         self.pid_file.parent.mkdir(parents=True, exist_ok=True)
-        with open(self.output, "ab") as output:
-            process = subprocess.Popen(self.argv, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
-                                       start_new_session=True, env={**os.environ, **self.environment})
+        try:
+            with open(self.output, "ab") as output:
+                process = subprocess.Popen(self.argv, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                                           start_new_session=True, env={**os.environ, **self.environment})
+        except FileNotFoundError:
+            raise missing(self.argv[0]) from None
         self.pid_file.write_text(str(process.pid))
         limit = time.monotonic() + READY_LIMIT
         for probe in self.probes:

@@ -28,7 +28,7 @@ def provision():
 
 
 def accounts(*arguments):
-    run([sys.executable, "-I", Path(__file__).with_name("accounts.py"), SMB_CONF, *arguments], "changing the accounts")
+    run([sys.executable, "-IB", Path(__file__).with_name("accounts.py"), SMB_CONF, *arguments], "changing the accounts")
 
 
 def admit_ntlm_helper():

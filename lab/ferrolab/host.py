@@ -54,14 +54,14 @@ def configure(features):
     replace("/etc/krb5.conf", text)
 
 
-def adcli(command, *arguments, **options):
+def adcli(command, *arguments, text=""):
     return run(["adcli", command, f"--domain={names.DOMAIN}", f"--domain-controller={names.DC}",
                 f"--host-keytab={names.HOST_KEYTAB}", f"--host-fqdn={names.HOST}",
-                f"--computer-name={names.COMPUTER}", *arguments], f"adcli {command}", **options)
+                f"--computer-name={names.COMPUTER}", *arguments], f"adcli {command}", text)
 
 
 def join():
-    adcli("join", f"--login-user={names.ADMIN}", "--stdin-password", input=names.ADMIN_PASSWORD.encode())
+    adcli("join", f"--login-user={names.ADMIN}", "--stdin-password", text=names.ADMIN_PASSWORD)
 
 
 def rotate_machine_password():

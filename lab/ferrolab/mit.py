@@ -24,16 +24,16 @@ def create():
     """Makes the realm's database and the proxy's keytab."""
     FOLDER.mkdir()
     (FOLDER / "kdc.conf").write_text(KDC_CONF.format(realm=names.MIT_REALM, folder=FOLDER, address=names.MIT_KDC_ADDRESS))
-    run(["env", f"KRB5_KDC_PROFILE={FOLDER}/kdc.conf", "kdb5_util", "create", "-s", "-r", names.MIT_REALM,
+    profile = f"KRB5_KDC_PROFILE={FOLDER}/kdc.conf"
+    run(["env", profile, "kdb5_util", "create", "-s", "-r", names.MIT_REALM,
          "-P", "Lab-Master-Key"], "making the second realm")
     service = f"HTTP/{names.MIT_PROXY.host}"
     names.MIT_PROXY.keytab.parent.mkdir(exist_ok=True)
     script = (f"addprinc -pw {names.MIT_USER.password} {names.MIT_USER.name}\naddprinc -randkey {service}\n"
               f"ktadd -k {names.MIT_PROXY.keytab} {service}\n")
-    said = run(["env", f"KRB5_KDC_PROFILE={FOLDER}/kdc.conf", "kadmin.local", "-r", names.MIT_REALM],
-               "filling the second realm", input=script.encode())
+    said = run(["env", profile, "kadmin.local", "-r", names.MIT_REALM], "filling the second realm", script)
     if not names.MIT_PROXY.keytab.exists():
-        raise LabError("filling the second realm failed\n" + said.decode(errors="replace"))
+        raise LabError("filling the second realm failed\n" + said)
 
 
 def daemon():

@@ -112,4 +112,4 @@ def prepare(hostname):
     Path("/run/lock").mkdir(mode=0o1777)
     run(["hostname", hostname], "setting the host name")
     commands = "".join(f"address add {address}/8 dev lo\n" for address in ADDRESSES)
-    run(["ip", "-batch", "-"], "bringing up loopback", input=f"link set lo up\n{commands}".encode())
+    run(["ip", "-batch", "-"], "bringing up loopback", f"link set lo up\n{commands}")

@@ -56,7 +56,7 @@ def write_passwords():
     PASSWORDS.mkdir(exist_ok=True)
     enabled = [user for user in names.USERS if user.state == "enabled"]
     hashes = run(["openssl", "passwd", "-6", "-stdin"], "hashing passwords",
-                 input="".join(user.password + "\n" for user in enabled).encode()).decode().split()
+                 "".join(user.password + "\n" for user in enabled)).split()
     basic = "".join(f"{user.name}:{value}\n" for user, value in zip(enabled, hashes))
     digest = ""
     for user in enabled:

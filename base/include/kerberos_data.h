@@ -26,7 +26,8 @@ class KerberosData {
   unsigned int size() const noexcept { return length; }
 
  private:
-  int magic = 0;
+  // There so that the fields are those of a krb5_data; nobody reads it.
+  [[maybe_unused]] int magic = 0;
   unsigned int length = 0;
   char* data = nullptr;
   bool foreign = false;

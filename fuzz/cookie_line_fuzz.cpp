@@ -1,0 +1,73 @@
+// Lines of libcurl's cookie list, put into the cookie engine and then read by setCookie: the first ".ASPXAUTH" of the
+// list goes, every other cookie stays.
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "base/include/exceptions.h"
+#include "cloud/include/curl_object.h"
+
+namespace {
+
+std::vector<std::string> cookiesOf(CURL* handle) {
+  std::vector<std::string> lines;
+  curl_slist* list = nullptr;
+  if (curl_easy_getinfo(handle, CURLINFO_COOKIELIST, &list) != CURLE_OK) return lines;
+  for (const curl_slist* node = list; node != nullptr; node = node->next) lines.emplace_back(node->data);
+  curl_slist_free_all(list);
+  return lines;
+}
+
+// The field between tabs at this place, counted from 0.
+std::string fieldOf(const std::string& line, int place) {
+  size_t at = 0;
+  for (int field = 0; field < place; ++field) {
+    at = line.find('\t', at);
+    if (at == std::string::npos) return std::string();
+    ++at;
+  }
+  return line.substr(at, line.find('\t', at) - at);
+}
+
+bool isSession(const std::string& line) { return fieldOf(line, 5) == ".ASPXAUTH"; }
+
+// The engine keeps an expired cookie until it looks the next time, but never sends it.
+bool isExpiredSession(const std::string& line) { return isSession(line) && fieldOf(line, 4) == "1"; }
+
+bool contains(const std::vector<std::string>& lines, const std::string& wanted) {
+  return std::find(lines.begin(), lines.end(), wanted) != lines.end();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static CurlObject object;
+  curl_easy_setopt(object.handle, CURLOPT_COOKIELIST, "ALL");
+  std::string line;
+  for (size_t i = 0; i <= size; ++i) {
+    if (i < size && data[i] != '\n') {
+      line += static_cast<char>(data[i]);
+      continue;
+    }
+    curl_easy_setopt(object.handle, CURLOPT_COOKIELIST, line.c_str());
+    line.clear();
+  }
+  const auto before = cookiesOf(object.handle);
+  try {
+    object.setCookie(".ASPXAUTH=new");
+  } catch (const lumo::CurlException&) {
+    return 0;
+  }
+  const auto after = cookiesOf(object.handle);
+  for (const auto& cookie : before) {
+    if (!isSession(cookie) && !contains(after, cookie)) std::abort();
+  }
+  for (const auto& cookie : after) {
+    if (!contains(before, cookie) && !isExpiredSession(cookie)) std::abort();
+  }
+  return 0;
+}

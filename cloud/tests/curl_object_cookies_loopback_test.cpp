@@ -1,0 +1,92 @@
+#include "cloud/tests/curl_object_fixture.h"
+#include "testsupport/http_server.h"
+
+using testsupport::httpReply;
+using testsupport::HttpRequest;
+using testsupport::HttpServer;
+
+namespace {
+
+// Answers with the cookies that the path names: /set?LINE|LINE
+class CookieServer {
+ public:
+  CookieServer()
+      : m_server([this](const HttpRequest& request) {
+          return httpReply("200 OK", request.target() == "/set" ? lines : std::vector<std::string>());
+        }) {}
+
+  std::string url(const std::string& path) const { return "http://" + m_server.address() + path; }
+  // The Cookie header of a request made now.
+  std::string cookieOf(CurlObject& object, const std::string& path = "/") const {
+    object.perform(url(path), "", 0);
+    return m_server.requests().back().header("Cookie");
+  }
+
+  std::vector<std::string> lines;
+
+ private:
+  HttpServer m_server;
+};
+
+}  // namespace
+
+TEST_F(CurlObjectTest, CookiesOfRepliesComeBackAndStay) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: session=1; path=/", "Set-Cookie: kept=2; path=/; HttpOnly; Max-Age=3600"};
+  CurlObject object;
+  EXPECT_EQ(server.cookieOf(object, "/set"), "");
+  EXPECT_EQ(server.cookieOf(object), "session=1; kept=2");
+}
+
+TEST_F(CurlObjectTest, SetCookieWithAnEmptyEngineSendsTheCookie) {
+  CookieServer server;
+  CurlObject object;
+  object.setCookie(".ASPXAUTH=token;");
+  EXPECT_EQ(object.recordedOptions(), defaultsAnd({CURLOPT_COOKIE}));
+  EXPECT_EQ(server.cookieOf(object), ".ASPXAUTH=token;");
+}
+
+TEST_F(CurlObjectTest, SetCookieTakesThePlaceOfTheSessionCookie) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: other=1; path=/", "Set-Cookie: .ASPXAUTH=old; path=/; HttpOnly",
+                  "Set-Cookie: last=3; path=/"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  EXPECT_EQ(server.cookieOf(object), ".ASPXAUTH=old; other=1; last=3");
+  object.setCookie(".ASPXAUTH=new;");
+  EXPECT_EQ(object.recordedOptions().count(CURLOPT_COOKIELIST), 1u);
+  EXPECT_EQ(server.cookieOf(object), "other=1; last=3; .ASPXAUTH=new;");
+}
+
+TEST_F(CurlObjectTest, SetCookieTakesOnlyTheFirstSessionCookieAway) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH=deep; path=/set", "Set-Cookie: .ASPXAUTH=root; path=/"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  EXPECT_EQ(server.cookieOf(object, "/set"), ".ASPXAUTH=deep; .ASPXAUTH=root");
+  server.lines.clear();
+  object.setCookie("mine=1");
+  EXPECT_EQ(server.cookieOf(object, "/set"), ".ASPXAUTH=root; mine=1");
+}
+
+TEST_F(CurlObjectTest, SetCookieLeavesCookiesOfOtherNamesAndLinesWithoutAValue) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH2=two; path=/", "Set-Cookie: .ASPXAUTH=; path=/"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  object.setCookie("mine=1");
+  EXPECT_EQ(object.recordedOptions().count(CURLOPT_COOKIELIST), 0u);
+  EXPECT_EQ(server.cookieOf(object), ".ASPXAUTH2=two; .ASPXAUTH=; mine=1");
+}
+
+TEST_F(CurlObjectTest, CookiesOutliveAChangeOfIdentity) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: session=1; path=/", "Set-Cookie: kept=2; path=/; HttpOnly; Max-Age=3600",
+                  "Set-Cookie: deep=3; path=/deep"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  object.setOpt(CURLOPT_USERPWD, "alice:secret");
+  EXPECT_EQ(server.cookieOf(object), "session=1; kept=2");
+  object.setOpt(CURLOPT_USERPWD, "bob:secret");
+  EXPECT_EQ(server.cookieOf(object, "/deep"), "deep=3; session=1; kept=2");
+}

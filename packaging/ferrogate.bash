@@ -61,9 +61,8 @@ _ferrogate_read() { # WORD
       continue
     fi
     given+=("${options[i]}")
-    case $command:${options[i]} in
-      --credential:*) ;;
-      *:--username | *:--password | *:--server | *:--authreq | *:--authtype | *:--opx)
+    case ${options[i]} in
+      --username | --password | --server | --authreq | --authtype | --opx)
         # The rest of a word of letters is the argument.
         ((i + 1 < ${#options[@]})) || pending=${options[i]}
         return

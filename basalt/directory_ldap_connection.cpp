@@ -1,0 +1,117 @@
+#include "basalt/directory_ldap_connection.h"
+
+#include <openldap.h>
+#include <sasl/sasl.h>
+
+#include "basalt/directory_ldap_handles.h"
+#include "basalt/kerberos_ccache_scope.h"
+#include "base/include/exceptions.h"
+
+namespace lumo {
+namespace {
+
+constexpr char MECHANISM[] = "GSSAPI";
+// Signing alone would do for most servers; sealing keeps what is read from other eyes as well.
+constexpr char SECURITY[] = "noanonymous,noplain,minssf=56";
+constexpr int LEAST_STRENGTH = 56;
+
+std::string urlOf(const DirectoryServer& server) {
+  const bool literal = server.host.find(':') != std::string::npos;
+  return "ldap://" + (literal ? "[" + server.host + "]" : server.host) + ":" + std::to_string(server.port);
+}
+
+// Nobody is asked anything, whatever the defaults of the host say.
+int answerNothing(LDAP*, unsigned, void*, void* questions) {
+  for (auto* one = static_cast<sasl_interact_t*>(questions); one->id != SASL_CB_LIST_END; ++one) {
+    one->result = "";
+    one->len = 0;
+  }
+  return LDAP_SUCCESS;
+}
+
+}  // namespace
+
+void LdapUnbind::operator()(LDAP* ld) const {
+  const NoBrokenPipe guard;
+  ldap_unbind_ext(ld, nullptr, nullptr);
+}
+
+template <class T>
+void LdapConnection::setOption(int option, T value) {
+  const int rc = ldap_set_option(m_ld.get(), option, value);
+  if (rc != LDAP_OPT_SUCCESS) {
+    LUMO_THROW(LDAPException, LDAP_PARAM_ERROR, "The LDAP library does not take the option 0x%x", unsigned(option));
+  }
+}
+
+LdapConnection::LdapConnection(const DirectoryServer& server, bool globalCatalog, LdapLimits limits)
+    : m_server(server), m_globalCatalog(globalCatalog), m_limits(limits) {
+  Connected connected = connectTcp(server, std::chrono::steady_clock::now() + limits.connect);
+  if (!connected.socket) LUMO_THROW(LDAPException, LDAP_CONNECT_ERROR, "%s", connected.failure.c_str());
+  // The socket stays one that does not block: half a message from a server that then falls silent must not hold us.
+  LDAP* ld = nullptr;
+  const int rc = ldap_init_fd(connected.socket.get(), LDAP_PROTO_TCP, urlOf(server).c_str(), &ld);
+  if (rc != LDAP_SUCCESS) LUMO_THROW(LDAPException, rc, "%s", ldap_err2string(rc));
+  connected.socket.release();
+  m_ld.reset(ld);
+
+  const int version = LDAP_VERSION3;
+  const int never = LDAP_DEREF_NEVER;
+  const timeval limit = timeOf(limits.operation);
+  setOption(LDAP_OPT_PROTOCOL_VERSION, &version);
+  setOption(LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+  setOption(LDAP_OPT_RESTART, LDAP_OPT_ON);
+  setOption(LDAP_OPT_DEREF, &never);
+  setOption(LDAP_OPT_TIMEOUT, &limit);
+  setOption(LDAP_OPT_NETWORK_TIMEOUT, &limit);
+  // The name that was looked for is the name that is authenticated, whatever a reverse look-up says.
+  setOption(LDAP_OPT_X_SASL_NOCANON, LDAP_OPT_ON);
+  setOption(LDAP_OPT_X_SASL_SECPROPS, SECURITY);
+}
+
+void LdapConnection::bind(const std::string& ccacheName) {
+  const NoBrokenPipe guard;
+  const KerberosCcacheScope identity(ccacheName);
+  const std::string doing = "Cannot sign in";
+  LdapMessage result;
+  const char* mechanism = nullptr;
+  for (;;) {
+    int id = 0;
+    const int rc = ldap_sasl_interactive_bind(m_ld.get(), nullptr, MECHANISM, nullptr, nullptr, LDAP_SASL_QUIET,
+                                              answerNothing, nullptr, result.get(), &mechanism, &id);
+    if (rc == LDAP_SUCCESS) break;
+    if (rc != LDAP_SASL_BIND_IN_PROGRESS) fail(rc, doing);
+    timeval limit = timeOf(m_limits.connect);
+    LDAPMessage* next = nullptr;
+    const int got = ldap_result(m_ld.get(), id, LDAP_MSG_ALL, &limit, &next);
+    result.reset(next);
+    if (got == 0) fail(LDAP_TIMEOUT, doing);
+    if (got < 0) fail(errorOf(m_ld.get()), doing);
+  }
+  requireSealed();
+}
+
+// A server, or somebody between, that skips the layer must not get past.
+void LdapConnection::requireSealed() {
+  ber_len_t strength = 0;
+  if (ldap_get_option(m_ld.get(), LDAP_OPT_X_SASL_SSF, &strength) != LDAP_OPT_SUCCESS || strength < LEAST_STRENGTH) {
+    m_usable = false;
+    LUMO_THROW(LDAPException, LDAP_CONFIDENTIALITY_REQUIRED, "Cannot sign in: the server does not seal the connection");
+  }
+}
+
+// The diagnostic message of the server stands behind the library's own words.
+void LdapConnection::fail(int rc, const std::string& doing) {
+  const LdapText detail = diagnosticOf(m_ld.get());
+  const bool refused = LDAP_NAME_ERROR(rc) || LDAP_SECURITY_ERROR(rc) || LDAP_ATTR_ERROR(rc) || LDAP_UPDATE_ERROR(rc);
+  if (!refused) m_usable = false;
+  std::string words = rc == LDAP_TIMEOUT ? "no answer in time" : ldap_err2string(rc);
+  if (rc != LDAP_TIMEOUT && detail && *detail.get() != '\0') words += std::string(" (") + detail.get() + ")";
+  LUMO_THROW(LDAPException, rc, "%s: %s", doing.c_str(), words.c_str());
+}
+
+void LdapConnection::requireUsable(const std::string& doing) const {
+  if (!m_usable) LUMO_THROW(LDAPException, LDAP_SERVER_DOWN, "%s: the connection was lost before", doing.c_str());
+}
+
+}  // namespace lumo

@@ -1,0 +1,65 @@
+// One open connection to an LDAP server, over OpenLDAP. Internal to the directory unit.
+#pragma once
+
+#include <ldap.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "basalt/directory.h"
+#include "basalt/directory_socket.h"
+
+namespace lumo {
+
+// How long a server may take.
+struct LdapLimits {
+  std::chrono::milliseconds connect{5000};     // to take the connection, and for each step of the bind
+  std::chrono::milliseconds operation{15000};  // for each request and each page of a search
+};
+
+// Owns the library's connection: ldap_unbind_ext. The peer that closed first raises no signal.
+struct LdapUnbind {
+  void operator()(LDAP* ld) const;
+};
+using LdapHandle = std::unique_ptr<LDAP, LdapUnbind>;
+
+// No operation goes on with a server that was silent once or went away: the library would quietly connect again,
+// without an identity. One thread.
+class LdapConnection : public DirectoryConnection {
+ public:
+  static constexpr int PAGE_SIZE = 1000;
+
+  // Connects; nobody is signed in. Throws LDAPException (LDAP_CONNECT_ERROR) with the reason as text.
+  LdapConnection(const DirectoryServer& server, bool globalCatalog, LdapLimits limits);
+
+  // Signs in by SASL GSSAPI with the identity of that credential cache, everything behind it signed and sealed. Throws
+  // LDAPException with the reason as text, KerberosException when the cache is not usable.
+  void bind(const std::string& ccacheName);
+
+  std::vector<ADObjectPtr> search(const DirectorySearch& what) override;
+  ADObjectPtr rootDse() override;
+
+ private:
+  struct Page;
+
+  [[noreturn]] void fail(int rc, const std::string& doing);
+  void requireUsable(const std::string& doing) const;
+  void requireSealed();
+  template <class T>
+  void setOption(int option, T value);
+  std::string defaultBase();
+  std::vector<ADObjectPtr> searchAll(const DirectorySearch& what, bool paged);
+  Page searchPage(const DirectorySearch& what, const std::string* cookie);
+  void readEntries(LDAPMessage* result, std::vector<ADObjectPtr>& objects);
+  void completeRanges(ADObject& object);
+
+  const DirectoryServer m_server;
+  const bool m_globalCatalog;
+  const LdapLimits m_limits;
+  std::string m_defaultBase;
+  bool m_usable = true;
+  LdapHandle m_ld;
+};
+
+}  // namespace lumo

@@ -1,0 +1,194 @@
+// Searches of an LDAP connection: pages, entries, values in ranges.
+#include <strings.h>
+
+#include "basalt/directory_ldap_connection.h"
+#include "basalt/directory_ldap_handles.h"
+#include "base/include/exceptions.h"
+#include "base/include/string_helpers.h"
+
+namespace lumo {
+namespace {
+
+// More than any forest holds: a server whose pages never end is given up.
+constexpr int MAX_PAGES = 2000;
+constexpr int MAX_RANGES = 1000;
+constexpr char RANGE_OPTION[] = ";range=";
+
+int scopeOf(SearchScope scope) {
+  switch (scope) {
+    case SearchScope::Base:
+      return LDAP_SCOPE_BASE;
+    case SearchScope::OneLevel:
+      return LDAP_SCOPE_ONELEVEL;
+    case SearchScope::Subtree:
+      break;
+  }
+  return LDAP_SCOPE_SUBTREE;
+}
+
+LdapControl pageControl(LDAP* ld, const std::string& cookie) {
+  std::string bytes = cookie;
+  berval value{bytes.size(), bytes.data()};
+  LDAPControl* control = nullptr;
+  if (ldap_create_page_control(ld, LdapConnection::PAGE_SIZE, &value, 1, &control) != LDAP_SUCCESS) {
+    throw std::bad_alloc();
+  }
+  return LdapControl(control);
+}
+
+// The cookie of the next page, empty behind the last one.
+std::string nextCookie(LDAP* ld, LDAPControl** controls) {
+  LDAPControl* page = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls, nullptr);
+  if (page == nullptr) return {};
+  berval cookie{};
+  ber_int_t estimate = 0;
+  if (ldap_parse_pageresponse_control(ld, page, &estimate, &cookie) != LDAP_SUCCESS) return {};
+  std::string bytes = cookie.bv_val != nullptr ? std::string(cookie.bv_val, cookie.bv_len) : std::string();
+  ber_memfree(cookie.bv_val);
+  return bytes;
+}
+
+std::vector<std::string> valuesOf(LDAP* ld, LDAPMessage* entry, const char* attribute) {
+  std::vector<std::string> values;
+  const LdapValues found(ldap_get_values_len(ld, entry, attribute));
+  for (berval** one = found.get(); one != nullptr && *one != nullptr; ++one) {
+    values.emplace_back((*one)->bv_val, (*one)->bv_len);
+  }
+  return values;
+}
+
+// Where the values in an attribute named "NAME;range=0-1499" go on; nothing behind the last ("NAME;range=1500-*").
+struct Range {
+  std::string attribute;
+  std::string next;
+};
+bool readRange(const std::string& name, Range& range) {
+  const std::size_t option = lower(name).find(RANGE_OPTION);
+  if (option == std::string::npos) return false;
+  range = {name.substr(0, option), {}};
+  const std::string last = name.substr(name.rfind('-') + 1);
+  if (last.empty() || last.size() > 9 || last.find_first_not_of("0123456789") != std::string::npos) return true;
+  range.next = std::to_string(std::stol(last) + 1);
+  return true;
+}
+
+}  // namespace
+
+struct LdapConnection::Page {
+  std::vector<ADObjectPtr> objects;
+  std::string cookie;
+};
+
+std::vector<ADObjectPtr> LdapConnection::search(const DirectorySearch& what) {
+  DirectorySearch whole = what;
+  if (whole.base.empty()) whole.base = defaultBase();
+  return searchAll(whole, what.scope != SearchScope::Base);
+}
+
+ADObjectPtr LdapConnection::rootDse() {
+  const auto found = searchAll({"", SearchScope::Base, "(objectClass=*)", {}}, false);
+  if (found.empty()) LUMO_THROW(LDAPException, LDAP_NO_SUCH_OBJECT, "The server does not show its root object");
+  return found.front();
+}
+
+// A catalogue takes the empty base for the forest; a domain's server would show its own root object alone.
+std::string LdapConnection::defaultBase() {
+  if (m_globalCatalog) return {};
+  if (m_defaultBase.empty()) m_defaultBase = (*rootDse())["defaultNamingContext"].toString();
+  return m_defaultBase;
+}
+
+std::vector<ADObjectPtr> LdapConnection::searchAll(const DirectorySearch& what, bool paged) {
+  const NoBrokenPipe guard;
+  const std::string first;
+  Page page = searchPage(what, paged ? &first : nullptr);
+  std::vector<ADObjectPtr> objects = std::move(page.objects);
+  for (int pages = 1; !page.cookie.empty(); ++pages) {
+    if (pages == MAX_PAGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's pages do not end");
+    page = searchPage(what, &page.cookie);
+    objects.insert(objects.end(), page.objects.begin(), page.objects.end());
+  }
+  for (const ADObjectPtr& object : objects) completeRanges(*object);
+  return objects;
+}
+
+LdapConnection::Page LdapConnection::searchPage(const DirectorySearch& what, const std::string* cookie) {
+  const std::string doing = "Cannot search '" + what.base + "'";
+  requireUsable(doing);
+  std::vector<char*> attributes;
+  for (const std::string& name : what.attributes) attributes.push_back(const_cast<char*>(name.c_str()));
+  attributes.push_back(nullptr);
+  const LdapControl control = cookie != nullptr ? pageControl(m_ld.get(), *cookie) : nullptr;
+  LDAPControl* controls[] = {control.get(), nullptr};
+  timeval limit = timeOf(m_limits.operation);
+  int id = 0;
+  int rc = ldap_search_ext(m_ld.get(), what.base.c_str(), scopeOf(what.scope), what.filter.c_str(),
+                           what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr, &limit,
+                           LDAP_NO_LIMIT, &id);
+  if (rc != LDAP_SUCCESS) fail(rc, doing);
+
+  LDAPMessage* answer = nullptr;
+  limit = timeOf(m_limits.operation);
+  const int got = ldap_result(m_ld.get(), id, LDAP_MSG_ALL, &limit, &answer);
+  const LdapMessage result(answer);
+  if (got == 0) {
+    ldap_abandon_ext(m_ld.get(), id, nullptr, nullptr);
+    fail(LDAP_TIMEOUT, doing);
+  }
+  if (got < 0) fail(errorOf(m_ld.get()), doing);
+
+  LDAPControl** found = nullptr;
+  int code = LDAP_OTHER;
+  rc = ldap_parse_result(m_ld.get(), result.get(), &code, nullptr, nullptr, nullptr, &found, 0);
+  const LdapControls answered(found);
+  if (rc != LDAP_SUCCESS) fail(rc, doing);
+  if (code == LDAP_NO_SUCH_OBJECT) return {};
+  if (code != LDAP_SUCCESS) fail(code, doing);
+  Page page;
+  readEntries(result.get(), page.objects);
+  if (cookie != nullptr && found != nullptr) page.cookie = nextCookie(m_ld.get(), found);
+  return page;
+}
+
+void LdapConnection::readEntries(LDAPMessage* result, std::vector<ADObjectPtr>& objects) {
+  LDAP* ld = m_ld.get();
+  for (LDAPMessage* entry = ldap_first_entry(ld, result); entry != nullptr; entry = ldap_next_entry(ld, entry)) {
+    const LdapText dn(ldap_get_dn(ld, entry));
+    if (!dn) fail(LDAP_DECODING_ERROR, "Cannot read an object");
+    ADObjectPtr object(new ADObject(dn.get()));
+    BerElement* position = nullptr;
+    LdapText name(ldap_first_attribute(ld, entry, &position));
+    const LdapAttributes attributes(position);
+    for (; name; name.reset(ldap_next_attribute(ld, entry, position))) {
+      object->set(name.get(), valuesOf(ld, entry, name.get()));
+    }
+    objects.push_back(object);
+  }
+}
+
+// A server gives the values of a long attribute in parts, each under a name that tells which they are. The plain name
+// then holds all of them.
+void LdapConnection::completeRanges(ADObject& object) {
+  const auto received = object.attributes();
+  for (const auto& [name, attribute] : received) {
+    Range range;
+    if (!readRange(name, range)) continue;
+    const std::string plain = range.attribute;
+    std::vector<std::string> values = attribute.values();
+    for (int parts = 0; !range.next.empty(); ++parts) {
+      if (parts == MAX_RANGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's values do not end");
+      const std::string wanted = plain + RANGE_OPTION + range.next + "-*";
+      range.next.clear();
+      const Page page = searchPage({object.dn(), SearchScope::Base, "(objectClass=*)", {wanted}}, nullptr);
+      for (const ADObjectPtr& part : page.objects) {
+        for (const auto& [partName, more] : part->attributes()) {
+          if (!readRange(partName, range)) continue;
+          values.insert(values.end(), more.values().begin(), more.values().end());
+        }
+      }
+    }
+    object.set(plain, std::move(values));
+  }
+}
+
+}  // namespace lumo

@@ -1,0 +1,76 @@
+#include "basalt/directory_socket.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <memory>
+#include <system_error>
+
+namespace lumo {
+namespace {
+
+// Owns the result of getaddrinfo: freeaddrinfo.
+using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+Addresses resolve(const DirectoryServer& server, int type, std::string& failure) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = type;
+  hints.ai_flags = AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const int rc = getaddrinfo(server.host.c_str(), std::to_string(server.port).c_str(), &hints, &found);
+  if (rc != 0) failure = gai_strerror(rc);
+  return {rc == 0 ? found : nullptr, &freeaddrinfo};
+}
+
+std::string words(int error) { return std::generic_category().message(error); }
+
+// 0, or the errno of the failure.
+int connectOne(int fd, const addrinfo& address, SteadyTime deadline) {
+  if (connect(fd, address.ai_addr, address.ai_addrlen) == 0) return 0;
+  if (errno != EINPROGRESS && errno != EINTR) return errno;
+  for (;;) {
+    pollfd waiting{fd, POLLOUT, 0};
+    const int ready = poll(&waiting, 1, pollTime(deadline));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) return errno;
+    if (ready == 0) return ETIMEDOUT;
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+  }
+}
+
+}  // namespace
+
+int pollTime(SteadyTime deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+  return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+}
+
+Connected connectTcp(const DirectoryServer& server, SteadyTime deadline) {
+  Connected result;
+  const Addresses addresses = resolve(server, SOCK_STREAM, result.failure);
+  for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) {
+    FileDescriptor fd(socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, one->ai_protocol));
+    const int error = fd ? connectOne(fd.get(), *one, deadline) : errno;
+    if (error == 0) return {std::move(fd), {}};
+    result.failure = error == ETIMEDOUT ? "no answer in time" : words(error);
+  }
+  return result;
+}
+
+FileDescriptor connectUdp(const DirectoryServer& server) {
+  std::string failure;
+  const Addresses addresses = resolve(server, SOCK_DGRAM, failure);
+  if (!addresses) return {};
+  FileDescriptor fd(socket(addresses->ai_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, addresses->ai_protocol));
+  if (!fd || connect(fd.get(), addresses->ai_addr, addresses->ai_addrlen) != 0) return {};
+  return fd;
+}
+
+}  // namespace lumo

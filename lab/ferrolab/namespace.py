@@ -36,10 +36,11 @@ def enter(argv):
     """Runs argv as the first process of new namespaces and returns its status; whatever ends this process ends them."""
     process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *UNSHARE, *argv])
 
+    received = []
+
     def end(number, _frame):
-        process.kill()
-        process.wait()
-        os._exit(128 + number)
+        received.append(number)
+        os.kill(process.pid, signal.SIGKILL)
 
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, end)
@@ -47,6 +48,8 @@ def enter(argv):
     for number in (signal.SIGINT, signal.SIGQUIT):
         signal.signal(number, signal.SIG_IGN)
     status = process.wait()
+    if received:
+        return 128 + received[0]
     return status if status >= 0 else 128 - status
 
 

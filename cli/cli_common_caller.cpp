@@ -10,7 +10,8 @@
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 
-extern char* __progname;  // the C library's: the last part of the program's name
+// The C library's: the last part of the program's name.
+extern char* __progname;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace {
 

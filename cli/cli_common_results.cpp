@@ -101,7 +101,7 @@ const MessageTable toolMessages = messageTable(TOOL_ROWS);
 }  // namespace
 
 std::string resultMessage(int code) {
-  const std::string unknown = "Unknown error <" + itoa(code, 10) + ">";
+  std::string unknown = "Unknown error <" + itoa(code, 10) + ">";
   // Zero and what lies below the first error consult no table: "Success" is never reported as an error.
   if (code < result::MiscError) return unknown;
   const MessageTable& table = code > LAST_COMMON ? toolMessages : commonMessages;

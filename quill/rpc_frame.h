@@ -8,7 +8,7 @@
 
 namespace lumo {
 
-inline constexpr std::size_t MAX_FRAME = 1024 * 1024;
+inline constexpr std::size_t MAX_FRAME = std::size_t{1024} * 1024;
 
 // Takes bytes as they come and gives out whole frames. One thread.
 class RpcFrameReader {

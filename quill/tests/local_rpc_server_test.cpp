@@ -1,7 +1,9 @@
 #include "quill/local_rpc_server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -287,6 +289,22 @@ TEST_F(LocalRpcServerTest, AThousandClientsLeaveNothingBehind) {
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(session().getFipsMode(), 1);
   // A client that is gone keeps its descriptor at most until its place is counted again.
   EXPECT_LE(raw::countOf("fd"), before + 20);
+}
+
+TEST_F(LocalRpcServerTest, OutOfDescriptorsAClientIsServedOnceThereAreSome) {
+  LocalRpcServer server(agent, options);
+  const FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  rlimit normal{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal), 0);
+  const rlimit none{static_cast<rlim_t>(client.get()) + 1, normal.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const sockaddr_un address = raw::addressOf(options.path);
+  EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  raw::write(client, FIPS_FRAME);
+  pollfd answered{client.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&answered, 1, 50), 0);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &normal), 0);
+  EXPECT_EQ(raw::readFrame(client), FIPS_REPLY);
 }
 
 TEST_F(LocalRpcServerTest, StopLetsARequestInHandEndAndLeavesNothing) {

@@ -1,5 +1,7 @@
 #include "quill/local_rpc_session.h"
 
+#include <poll.h>
+
 #include <csignal>
 
 #include "base/include/exceptions.h"
@@ -174,6 +176,20 @@ TEST(LocalRpcSession, AnAgentThatStallsWithinAReplyIsAnIPCExceptionWhenTheLimitH
     raw::awaitEnd(client);
   });
   LocalRpcSession session(peer.path(), false, false, 30ms);
+  EXPECT_EQ(thrown<IPCException>([&] { session.authenticateProcess(); }), "The RPC peer does not answer in time");
+  session.close();
+}
+
+TEST(LocalRpcSession, AnAgentThatDribblesDoesNotStretchTheLimit) {
+  raw::Peer peer([](FileDescriptor& client) {
+    raw::readFrame(client);
+    raw::write(client, std::string("\0\x10\0\0", 4));
+    pollfd gone{client.get(), POLLIN, 0};
+    do {
+      raw::write(client, " ");
+    } while (poll(&gone, 1, 5) == 0);
+  });
+  LocalRpcSession session(peer.path(), false, false, 50ms);
   EXPECT_EQ(thrown<IPCException>([&] { session.authenticateProcess(); }), "The RPC peer does not answer in time");
   session.close();
 }

@@ -94,22 +94,27 @@ int reportResult(int code) {
   return code;
 }
 
-// Reads the command's options and runs it. 0, or the exit status after the report.
-int runCommand(const Command& command, int argc, char** argv, CommandOptions& record) {
-  int parsed = result::Success;
-  if (command.allOptions) {
-    for (int ch = 0; parsed == result::Success;) {
-      ch = getopt_long(argc, argv, command.letters, command.table, nullptr);
-      if (ch == -1) break;
-      parsed = command.parse(ch, record);
-    }
-  } else {
+// 0, or the parser's refusal.
+int readOptions(const Command& command, int argc, char** argv, CommandOptions& record) {
+  if (!command.allOptions) {
     // What is not a common option is none of the parser's business: only its refusal counts.
     const int refused = command.parse(getopt_long(argc, argv, command.letters, command.table, nullptr), record);
-    if (refused == result::Usage) parsed = refused;
+    return refused == result::Usage ? refused : result::Success;
   }
-  if (parsed == result::Success) parsed = command.handle(record);
-  return parsed == result::Success ? result::Success : reportResult(parsed);
+  int parsed = result::Success;
+  while (parsed == result::Success) {
+    const int ch = getopt_long(argc, argv, command.letters, command.table, nullptr);
+    if (ch == -1) break;
+    parsed = command.parse(ch, record);
+  }
+  return parsed;
+}
+
+// Reads the command's options and runs it. 0, or the exit status after the report.
+int runCommand(const Command& command, int argc, char** argv, CommandOptions& record) {
+  int code = readOptions(command, argc, argv, record);
+  if (code == result::Success) code = command.handle(record);
+  return code == result::Success ? result::Success : reportResult(code);
 }
 
 int showVersion() {
@@ -142,6 +147,11 @@ int failed(const std::string& text) {
 }
 
 }  // namespace
+
+int readCommandOptions(int letter, int argc, char** argv, CommandOptions& record) {
+  const Command* command = findCommand(letter);
+  return command == nullptr ? result::Usage : readOptions(*command, argc, argv, record);
+}
 
 int main2(int argc, char** argv) {
   const auto logger = getLogger(LOGGER_NAME, false);

@@ -36,6 +36,8 @@ struct CommandOptions {
 int guardedMain(int argc, char** argv);  // the body of main: main2 inside the exception guard
 int main2(int argc, char** argv);
 void printUsage();
+// The options behind one of the letters S, D, L and T, from getopt's present place on. 0, or 7 after a report.
+int readCommandOptions(int letter, int argc, char** argv, CommandOptions& record);
 
 // cli_ferrogate_report.cpp: logs the text at the level with the place of the call, then writes it and one newline to
 // standard error.

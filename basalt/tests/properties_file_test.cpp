@@ -1,0 +1,400 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "base/include/exceptions.h"
+#include "base/include/properties.h"
+#include "testsupport/log_capture.h"
+#include "testsupport/temp_folder.h"
+
+using lumo::Properties;
+using testsupport::readFile;
+using testsupport::TempFolder;
+using testsupport::writeFile;
+
+namespace {
+
+std::set<std::string> namesIn(const std::string& folder) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.insert(entry.path().filename());
+  return names;
+}
+
+std::string faultOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const lumo::SystemException& failure) {
+    return failure.what();
+  }
+  return "no SystemException";
+}
+
+class PropertiesFile : public testing::Test {
+ protected:
+  TempFolder folder;
+  const std::string file = folder.file("test.conf");
+};
+
+TEST_F(PropertiesFile, MissingFileIsAnEmptyOne) {
+  Properties settings;
+  settings.setProperty("old", "1");
+  settings.loadFile(file);
+  EXPECT_EQ(settings.getProperty("old"), "");
+  EXPECT_FALSE(settings.dirty());
+}
+
+TEST_F(PropertiesFile, LoadForgetsWhatWasThere) {
+  writeFile(file, "a: yes\n");
+  Properties settings;
+  settings.setProperty("a", "no");
+  EXPECT_FALSE(settings.getBool("a", true));
+  settings.loadFile(file);
+  EXPECT_TRUE(settings.getBool("a", false));
+}
+
+TEST_F(PropertiesFile, BadLinesAreErrorsInTheLog) {
+  writeFile(file, "a: 1\nnonsense\n\x1b[2J\nb: 2\n");
+  const testsupport::LogCapture log;
+  Properties settings;
+  settings.loadFile(file);
+  EXPECT_EQ(settings.getProperty("b"), "2");
+  EXPECT_THAT(log.texts(),
+              testing::ElementsAre("ERROR base.properties: " + file + " line 2 is not a setting (key: value)",
+                                   "ERROR base.properties: " + file + " line 3 is not a setting (key: value)"));
+}
+
+TEST_F(PropertiesFile, ManyBadLinesMakeFewRecords) {
+  std::string noise;
+  for (int i = 0; i < 1000; ++i) noise += "noise\n";
+  writeFile(file, noise);
+  const testsupport::LogCapture log;
+  Properties().loadFile(file);
+  const auto records = log.texts();
+  ASSERT_EQ(records.size(), 21U);
+  EXPECT_EQ(records.back(), "ERROR base.properties: " + file + " has 980 more lines that are not settings");
+}
+
+TEST_F(PropertiesFile, FileThatOthersMayWriteIsAnErrorInTheLog) {
+  writeFile(file, "a: 1\n", 0666);
+  const testsupport::LogCapture log;
+  Properties().loadFile(file);
+  EXPECT_THAT(log.texts(), testing::ElementsAre("ERROR base.properties: " + file +
+                                                " can be written by others than root; run: chown root '" + file +
+                                                "'; chmod go-w '" + file + "'"));
+}
+
+TEST_F(PropertiesFile, SaveChangesOnlyWhatChanged) {
+  writeFile(file, "# comment\nfirst: 1\nunknown line\n\nsecond: 2\nthird: 3\n");
+  Properties settings;
+  settings.loadFile(file);
+  settings.setProperty("SECOND", "two");
+  settings.setProperty("first", "1");
+  settings.eraseProperty("third");
+  settings.setProperty("fourth", "4");
+  settings.saveProperty(file);
+  EXPECT_EQ(readFile(file), "# comment\nfirst: 1\nunknown line\n\nsecond: two\nfourth: 4\n");
+  EXPECT_FALSE(settings.dirty());
+  EXPECT_EQ(namesIn(folder.path()), (std::set<std::string>{"test.conf", ".test.conf.lock"}));
+}
+
+TEST_F(PropertiesFile, SaveKeepsWhatSomebodyElseWroteMeanwhile) {
+  writeFile(file, "a: 1\nb: 2\n");
+  Properties settings;
+  settings.loadFile(file);
+  writeFile(file, "# edited\na: 1\nb: changed\nc: new\n");
+  settings.setProperty("a", "mine");
+  settings.saveProperty(file);
+  EXPECT_EQ(readFile(file), "# edited\na: mine\nb: changed\nc: new\n");
+}
+
+TEST_F(PropertiesFile, SecondSaveWritesOnlyWhatChangedSinceTheFirst) {
+  writeFile(file, "a: 1\n");
+  Properties settings;
+  settings.loadFile(file);
+  settings.setProperty("a", "2");
+  settings.saveProperty(file);
+  writeFile(file, "a: by hand\n");
+  settings.setProperty("b", "3");
+  settings.saveProperty(file);
+  EXPECT_EQ(readFile(file), "a: by hand\nb: 3\n");
+}
+
+TEST_F(PropertiesFile, SaveWithoutChangesTouchesNothing) {
+  writeFile(file, "a: 1\n");
+  Properties settings;
+  settings.loadFile(file);
+  settings.setProperty("a", "1");
+  EXPECT_TRUE(settings.dirty());
+  struct stat before {};
+  ASSERT_EQ(stat(file.c_str(), &before), 0);
+  settings.saveProperty(file);
+  EXPECT_FALSE(settings.dirty());
+  struct stat after {};
+  ASSERT_EQ(stat(file.c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(namesIn(folder.path()), std::set<std::string>{"test.conf"});
+}
+
+TEST_F(PropertiesFile, NewFileCanBeReadByAll) {
+  const mode_t mask = umask(0077);
+  Properties settings;
+  settings.setProperty("a", "1");
+  settings.saveProperty(file);
+  umask(mask);
+  EXPECT_EQ(readFile(file), "a: 1\n");
+  EXPECT_EQ(testsupport::modeOf(file), 0644U);
+  EXPECT_EQ(testsupport::modeOf(folder.file(".test.conf.lock")), 0600U);
+}
+
+TEST_F(PropertiesFile, ModeStays) {
+  for (const unsigned mode : {0600U, 0640U, 0444U, 0755U}) {
+    writeFile(file, "a: 1\n", mode);
+    Properties settings;
+    settings.loadFile(file);
+    settings.setProperty("a", "2");
+    settings.saveProperty(file);
+    EXPECT_EQ(testsupport::modeOf(file), mode);
+    std::filesystem::remove(file);
+  }
+}
+
+TEST_F(PropertiesFile, ValueThatIsNoLineIsRefusedAndTheFileStays) {
+  writeFile(file, "a: 1\n");
+  Properties settings;
+  settings.loadFile(file);
+  settings.setProperty("a", "1\nferrod.cloud.skip.cert.verification: true");
+  EXPECT_THROW(settings.saveProperty(file), lumo::BadDataException);
+  EXPECT_EQ(readFile(file), "a: 1\n");
+  EXPECT_TRUE(settings.dirty());
+}
+
+TEST_F(PropertiesFile, NoFolderIsAnError) {
+  Properties settings;
+  settings.setProperty("a", "1");
+  const std::string path = folder.file("none/test.conf");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(path); }),
+            "Cannot lock " + folder.file("none/.test.conf.lock") + ": No such file or directory");
+  EXPECT_TRUE(settings.dirty());
+}
+
+// What may stand in place of the file, and the words for it.
+TEST_F(PropertiesFile, FolderInItsPlaceIsAnError) {
+  std::filesystem::create_directory(file);
+  Properties settings;
+  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is not a regular file");
+  settings.setProperty("a", "1");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot read " + file + ": it is not a regular file");
+}
+
+TEST_F(PropertiesFile, PipeInItsPlaceIsAnErrorAndNoWait) {
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  Properties settings;
+  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is not a regular file");
+  settings.setProperty("a", "1");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot read " + file + ": it is not a regular file");
+}
+
+TEST_F(PropertiesFile, LinkInItsPlaceIsAnErrorAndNotFollowed) {
+  const std::string target = folder.file("target");
+  writeFile(target, "a: 1\n");
+  std::filesystem::create_symlink(target, file);
+  Properties settings;
+  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is a symbolic link");
+  settings.setProperty("a", "2");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot read " + file + ": it is a symbolic link");
+  EXPECT_EQ(readFile(target), "a: 1\n");
+}
+
+TEST_F(PropertiesFile, LinkInPlaceOfTheLockIsAnError) {
+  const std::string lock = folder.file(".test.conf.lock");
+  std::filesystem::create_symlink(folder.file("elsewhere"), lock);
+  Properties settings;
+  settings.setProperty("a", "1");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot lock " + lock + ": it is a symbolic link");
+  EXPECT_FALSE(testsupport::exists(folder.file("elsewhere")));
+}
+
+TEST_F(PropertiesFile, TenMegabytesAreRefusedInBoundedTimeAndMemory) {
+  std::string noise(10U << 20U, '\0');
+  for (std::size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 2654435761U) >> 13U);
+  writeFile(file, noise);
+  noise = std::string();
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  const auto start = std::chrono::steady_clock::now();
+  Properties settings;
+  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is larger than 1048576 bytes");
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 8 * 1024);
+}
+
+TEST_F(PropertiesFile, FullMegabyteOfSettingsIsReadAndMerged) {
+  std::string text;
+  for (int i = 0; text.size() < (1U << 20U) - 32; ++i) text += std::to_string(i) + ":\n";
+  writeFile(file, text);
+  const auto start = std::chrono::steady_clock::now();
+  Properties settings;
+  settings.loadFile(file);
+  settings.setProperty("77", "x");
+  settings.saveProperty(file);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  EXPECT_EQ(readFile(file), text.replace(text.find("\n77:\n"), 5, "\n77: x\n"));
+}
+
+struct TimeCase {
+  const char* value;
+  char unit;
+  long expected;
+};
+
+class PropertiesTime : public testing::TestWithParam<TimeCase> {};
+
+TEST_P(PropertiesTime, InSeconds) {
+  Properties settings;
+  settings.setProperty("time", GetParam().value);
+  EXPECT_EQ(settings.getTime("TIME", GetParam().unit, 8), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, PropertiesTime,
+    testing::Values(TimeCase{"5", 's', 5}, TimeCase{"5", 'm', 300}, TimeCase{"5", 'h', 18000},
+                    TimeCase{"5", 'd', 432000}, TimeCase{"5s", 'h', 5}, TimeCase{"5m", 'h', 300},
+                    TimeCase{"5h", 's', 18000}, TimeCase{"2d", 's', 172800}, TimeCase{" 7 m ", 's', 420},
+                    TimeCase{"0", 'h', 0}, TimeCase{"007", 's', 7}, TimeCase{"", 'h', 28800}, TimeCase{"m", 'h', 28800},
+                    TimeCase{"5x", 'h', 28800}, TimeCase{"-5", 'm', 480}, TimeCase{"5.5h", 'm', 480},
+                    TimeCase{"five", 's', 8}, TimeCase{"5H", 's', 8}, TimeCase{"99999999999999999999", 's', 8},
+                    TimeCase{"9223372036854775807", 's', 9223372036854775807L},
+                    TimeCase{"9223372036854775807", 'm', 480}, TimeCase{"1 2", 's', 8}, TimeCase{"5mm", 's', 8}));
+
+TEST(PropertiesTimeDefault, MissingKeyGivesTheDefaultInTheCallersUnit) {
+  const Properties settings;
+  EXPECT_EQ(settings.getTime("none", 'm', 1), 60);
+  EXPECT_EQ(settings.getTime("none", 'h', 8), 28800);
+}
+
+// Child processes end with _exit and report by their status.
+pid_t inChild(const std::function<void()>& work) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  try {
+    work();
+  } catch (...) {
+    _exit(1);
+  }
+  _exit(0);
+}
+
+TEST_F(PropertiesFile, WritersAtOnceLoseNothing) {
+  writeFile(file, "# shared\n");
+  constexpr int writers = 4;
+  constexpr int saves = 15;
+  std::vector<pid_t> children;
+  for (int w = 0; w < writers; ++w) {
+    children.push_back(inChild([&] {
+      Properties settings;
+      settings.loadFile(file);
+      for (int i = 0; i < saves; ++i) {
+        settings.setProperty("key." + std::to_string(w) + "." + std::to_string(i), std::to_string(i));
+        settings.saveProperty(file);
+      }
+    }));
+  }
+  for (const pid_t child : children) {
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  Properties all;
+  all.loadFile(file);
+  for (int w = 0; w < writers; ++w) {
+    for (int i = 0; i < saves; ++i) {
+      EXPECT_EQ(all.getProperty("key." + std::to_string(w) + "." + std::to_string(i), "lost"), std::to_string(i));
+    }
+  }
+  EXPECT_EQ(namesIn(folder.path()), (std::set<std::string>{"test.conf", ".test.conf.lock"}));
+}
+
+TEST_F(PropertiesFile, ThreadsSaveTheSameMap) {
+  Properties settings;
+  settings.loadFile(file);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 5; ++i) {
+        settings.setProperty(std::to_string(t) + "." + std::to_string(i), "x");
+        settings.saveProperty(file);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  Properties all;
+  all.loadFile(file);
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(all.below(std::to_string(t) + ".").size(), 5U);
+  EXPECT_FALSE(settings.dirty());
+}
+
+TEST_F(PropertiesFile, KilledWriterLeavesTheOldFileOrTheNew) {
+  const std::string filler(60000, 'x');
+  const std::string one = "a: one\nfiller: " + filler + "\n";
+  const std::string two = "a: two\nfiller: " + filler + "\n";
+  writeFile(file, one);
+  std::set<std::string> seen;
+  for (int round = 0; round < 150; ++round) {
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t child = inChild([&] {
+      Properties settings;
+      settings.loadFile(file);
+      for (int i = 0;; ++i) {
+        settings.setProperty("a", i % 2 == 0 ? "two" : "one");
+        settings.saveProperty(file);
+        if (i == 0 && write(ready[1], "r", 1) != 1) _exit(1);
+      }
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    // Some other point of the work in every round.
+    std::this_thread::sleep_for(std::chrono::microseconds(37 * round));
+    kill(child, SIGKILL);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    close(ready[0]);
+    close(ready[1]);
+    const std::string content = readFile(file);
+    ASSERT_TRUE(content == one || content == two) << "round " << round << ": " << content.size() << " bytes";
+    seen.insert(content);
+  }
+  EXPECT_EQ(seen.size(), 2U);
+  Properties next;
+  next.loadFile(file);
+  next.setProperty("b", "after");
+  next.saveProperty(file);
+  EXPECT_EQ(namesIn(folder.path()), (std::set<std::string>{"test.conf", ".test.conf.lock"}));
+}
+
+TEST_F(PropertiesFile, LockThatStaysTakenIsAnErrorInTheEnd) {
+  const std::string lock = folder.file(".test.conf.lock");
+  const int holder = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
+  Properties settings;
+  settings.setProperty("a", "1");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }),
+            "Cannot lock " + lock + ": another process has held it for ten seconds; try again when it is done");
+  close(holder);
+  settings.saveProperty(file);
+  EXPECT_EQ(readFile(file), "a: 1\n");
+}
+
+}  // namespace

@@ -1,0 +1,46 @@
+#include "testsupport/log_capture.h"
+
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+
+#include "base/include/logger.h"
+#include "base/include/parameter_names.h"
+#include "base/include/properties.h"
+
+namespace testsupport {
+
+LogCapture::LogCapture(const std::string& level) {
+  lumo::Properties settings;
+  settings.setProperty(lumo::PN::ROOT_LOGGER_NAME, level);
+  settings.setProperty(lumo::PN::LOG_FILE, path());
+  lumo::Logger::ReconfigureLevels(settings);
+}
+
+LogCapture::~LogCapture() {
+  lumo::Properties none;
+  lumo::Logger::ReconfigureLevels(none);
+}
+
+std::vector<std::string> LogCapture::lines() const {
+  // 2026-03-01T09:30:00.123+0100 PROGRAM[PID] RECORD
+  static const std::regex start(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:?\d\d \S+\[\d+\] )");
+  std::istringstream content(readFile(path()));
+  std::vector<std::string> records;
+  for (std::string line; std::getline(content, line);) {
+    std::smatch found;
+    if (!std::regex_search(line, found, start, std::regex_constants::match_continuous)) {
+      throw std::runtime_error("not a log record: " + line);
+    }
+    records.push_back(found.suffix());
+  }
+  return records;
+}
+
+std::vector<std::string> LogCapture::texts() const {
+  std::vector<std::string> records = lines();
+  for (auto& record : records) record.resize(record.rfind(" ["));
+  return records;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,30 @@
+// The log of a test, by way of the log file.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "testsupport/temp_folder.h"
+
+namespace testsupport {
+
+// Sends the log of this process to a file of its own, from construction to destruction, at a level (DEBUG by name)
+// for all loggers. The system log is not touched by it: thresholds are the same for both.
+class LogCapture {
+ public:
+  explicit LogCapture(const std::string& level = "DEBUG");
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  // The records without time and program: "ERROR base.properties: TEXT [FILE:LINE FUNCTION]".
+  std::vector<std::string> lines() const;
+  // The records' level, logger and text alone: "ERROR base.properties: TEXT".
+  std::vector<std::string> texts() const;
+  std::string path() const { return m_folder.file("log"); }
+
+ private:
+  TempFolder m_folder;
+};
+
+}  // namespace testsupport

@@ -14,8 +14,6 @@
 namespace lumo {
 namespace {
 
-constexpr std::chrono::seconds lockPatience{10};
-
 [[noreturn]] void throwWords(const char* doing, const std::string& path, const std::string& words, int error) {
   LUMO_THROW(SystemException, error, "%s %s: %s", doing, path.c_str(), words.c_str());
 }
@@ -55,13 +53,13 @@ std::string nameOf(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-FileLock::FileLock(const std::string& path) : m_file(openRegular(path, O_RDWR | O_CREAT, 0600, "Cannot lock", false)) {
-  const auto deadline = std::chrono::steady_clock::now() + lockPatience;
+FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
+    : m_file(openRegular(path, O_RDWR | O_CREAT, 0600, "Cannot lock", false)) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   while (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) throwSystem("Cannot lock", path, errno);
     if (std::chrono::steady_clock::now() >= deadline) {
-      throwWords("Cannot lock", path, "another process has held it for ten seconds; try again when it is done",
-                 EWOULDBLOCK);
+      throwWords("Cannot lock", path, "another process holds it; try again when it is done", EWOULDBLOCK);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }

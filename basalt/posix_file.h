@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <utility>
 
@@ -47,8 +48,9 @@ std::string nameOf(const std::string& path);
 // removed. Released with the object.
 class FileLock {
  public:
-  // Waits up to ten seconds. Throws SystemException: "Cannot lock PATH: REASON".
-  explicit FileLock(const std::string& path);
+  // Throws SystemException: "Cannot lock PATH: REASON", e.g. "Cannot lock /etc/.x.lock: another process holds it; try
+  // again when it is done" once the patience is at its end.
+  explicit FileLock(const std::string& path, std::chrono::milliseconds patience = std::chrono::seconds(10));
 
  private:
   FileDescriptor m_file;

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -382,19 +381,6 @@ TEST_F(PropertiesFile, KilledWriterLeavesTheOldFileOrTheNew) {
   next.setProperty("b", "after");
   next.saveProperty(file);
   EXPECT_EQ(namesIn(folder.path()), (std::set<std::string>{"test.conf", ".test.conf.lock"}));
-}
-
-TEST_F(PropertiesFile, LockThatStaysTakenIsAnErrorInTheEnd) {
-  const std::string lock = folder.file(".test.conf.lock");
-  const int holder = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  ASSERT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
-  Properties settings;
-  settings.setProperty("a", "1");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }),
-            "Cannot lock " + lock + ": another process has held it for ten seconds; try again when it is done");
-  close(holder);
-  settings.saveProperty(file);
-  EXPECT_EQ(readFile(file), "a: 1\n");
 }
 
 }  // namespace

@@ -121,7 +121,7 @@ INSTANTIATE_TEST_SUITE_P(
         MergeCase{"no empty line is added", "a: 1\n\n", {{"b", "2"}}, "a: 1\n\nb: 2\n"}));
 
 TEST(PropertiesText, RefusesWhatWouldBecomeAnotherLine) {
-  for (const std::string value : {std::string("1\nb: 2"), std::string("1\r"), std::string("1\0", 2)}) {
+  for (const std::string& value : {std::string("1\nb: 2"), std::string("1\r"), std::string("1\0", 2)}) {
     try {
       mergeProperties("a: 1\n", {{"a", value}});
       FAIL() << value;
@@ -132,7 +132,7 @@ TEST(PropertiesText, RefusesWhatWouldBecomeAnotherLine) {
 }
 
 TEST(PropertiesText, RefusesAKeyThatWouldNotComeBack) {
-  for (const std::string key : {"", "#a", "a:b", " a", "a ", "a\nb", "\ra"}) {
+  for (const char* key : {"", "#a", "a:b", " a", "a ", "a\nb", "\ra"}) {
     EXPECT_THROW(mergeProperties("", {{key, "1"}}), lumo::BadDataException) << key;
   }
 }

@@ -32,17 +32,25 @@ void closeEnd(int& fd) {
   fd = -1;
 }
 
-[[noreturn]] void becomeProgram(const std::vector<std::string>& argv, const ProcessOptions& options) {
+void becomeUser(const ProcessOptions& options) {
   // What the coverage counters have to say must not disturb the streams under test; another user's go elsewhere.
   setenv("GCOV_ERROR_FILE", "/dev/null", 0);
   if (options.uid != 0) setenv("GCOV_PREFIX", "/var/tmp", 0);
   for (const auto& [name, value] : options.environment) setenv(name.c_str(), value.c_str(), 1);
   if (options.uid != 0 && (setgid(options.uid) != 0 || setuid(options.uid) != 0)) _exit(126);
+}
+
+int becomeProgram(const std::vector<std::string>& argv) {
   std::vector<char*> pointers;
   for (const auto& word : argv) pointers.push_back(const_cast<char*>(word.c_str()));
   pointers.push_back(nullptr);
   execvp(pointers[0], pointers.data());
   _exit(127);
+}
+
+[[noreturn]] void runBody(const std::function<int()>& body, const ProcessOptions& options) {
+  becomeUser(options);
+  std::exit(body());
 }
 
 // Reads what is there; false at the end of the stream.
@@ -65,11 +73,11 @@ int waitStatus(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-ProcessResult runOnTerminal(const std::vector<std::string>& argv, const ProcessOptions& options) {
+ProcessResult runOnTerminal(const std::function<int()>& body, const ProcessOptions& options) {
   int master = -1;
   const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
   if (pid < 0) throw std::runtime_error("forkpty failed");
-  if (pid == 0) becomeProgram(argv, options);
+  if (pid == 0) runBody(body, options);
   ProcessResult result;
   const auto deadline = Clock::now() + options.limit;
   bool typed = options.input.empty();
@@ -112,8 +120,12 @@ bool pump(Pipe& in, Pipe& out, Pipe& err, const ProcessOptions& options, Process
 }  // namespace
 
 ProcessResult run(const std::vector<std::string>& argv, const ProcessOptions& options) {
+  return runInChild([&] { return becomeProgram(argv); }, options);
+}
+
+ProcessResult runInChild(const std::function<int()>& body, const ProcessOptions& options) {
   signal(SIGPIPE, SIG_IGN);
-  if (options.terminal) return runOnTerminal(argv, options);
+  if (options.terminal) return runOnTerminal(body, options);
   Pipe in;
   Pipe out;
   Pipe err;
@@ -125,7 +137,11 @@ ProcessResult run(const std::vector<std::string>& argv, const ProcessOptions& op
     dup2(in.read, 0);
     dup2(out.write, 1);
     dup2(err.write, 2);
-    becomeProgram(argv, options);
+    for (Pipe* pipe : {&in, &out, &err}) {
+      closeEnd(pipe->read);
+      closeEnd(pipe->write);
+    }
+    runBody(body, options);
   }
   closeEnd(in.read);
   closeEnd(out.write);

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -28,6 +29,9 @@ struct ProcessOptions {
 
 // Runs argv[0] with the arguments and waits.
 ProcessResult run(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+
+// The same for a function, in a process of its own forked off this one; its result is the exit status.
+ProcessResult runInChild(const std::function<int()>& body, const ProcessOptions& options = {});
 
 // Path of the built `ferrogate` executable.
 std::string toolPath();

@@ -1,0 +1,292 @@
+#include "cloud/curl_gsssetup.h"
+
+#include <gmock/gmock.h>
+#include <gssapi/gssapi_krb5.h>
+
+#include "base/include/parameter_names.h"
+#include "testsupport/captured_log.h"
+#include "testsupport/fake_credential_source.h"
+#include "testsupport/memory_directory.h"
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+using testsupport::MemoryDirectory;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string OK_200 = "HTTP/1.1 200 OK\r\n";
+const std::string ASKED = "HTTP/1.1 407 Proxy Authentication Required\r\n";
+const std::string NEGOTIATE = "Proxy-Authenticate: Negotiate\r\n";
+const std::string NTLM = "Proxy-Authenticate: NTLM\r\n";
+
+class NegotiateHelperTest : public testing::Test {
+ protected:
+  NegotiateHelperTest() : inForce(directory) {
+    directory.add("CN=PROXY1,CN=Computers,DC=corp,DC=ferro,DC=test",
+                  {{"servicePrincipalName", {"HTTP/Proxy1.corp.ferro.test", "HOST/proxy1"}}});
+  }
+
+  testsupport::FakeCredentialSource source;
+  MemoryDirectory directory{"corp.ferro.test"};
+  testsupport::DirectoryInForce inForce;
+  testsupport::CapturedLog log;
+  CurlProxyNegotiateHelper helper;
+};
+
+bool cacheExists(const std::string& name) {
+  krb5_context context = nullptr;
+  krb5_ccache cache = nullptr;
+  krb5_principal owner = nullptr;
+  krb5_init_context(&context);
+  krb5_cc_resolve(context, name.c_str(), &cache);
+  const bool found = krb5_cc_get_principal(context, cache, &owner) == 0;
+  if (found) krb5_free_principal(context, owner);
+  krb5_cc_close(context, cache);
+  krb5_free_context(context);
+  return found;
+}
+
+}  // namespace
+
+struct Decision {
+  const char* name;
+  Lines lines;
+  bool repeat;
+};
+
+class HeaderDecision : public NegotiateHelperTest, public testing::WithParamInterface<Decision> {};
+
+TEST_P(HeaderDecision, IsTakenFromTheHeaderLinesOfTheFailedAttempt) {
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  EXPECT_EQ(helper.handleKrb5CCache(GetParam().lines), GetParam().repeat);
+  EXPECT_THAT(source.requests, SizeIs(GetParam().repeat ? 1 : 0));
+  EXPECT_THAT(log.text(), HasSubstr("HEADER size = " + std::to_string(GetParam().lines.size())));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lines, HeaderDecision,
+    testing::Values(Decision{"NoLines", {}, false}, Decision{"AskedForNegotiate", {ASKED, NEGOTIATE}, true},
+                    Decision{"OtherHeadersBetween", {ASKED, "Server: x\r\n", NTLM, NEGOTIATE, "\r\n"}, true},
+                    Decision{"FirstStatusGood", {OK_200, "\r\n", ASKED, NEGOTIATE}, false},
+                    Decision{"GoodStatusBehindThe407", {ASKED, NTLM, "\r\n", OK_200, ASKED, NEGOTIATE}, false},
+                    Decision{"OnlyNtlm", {ASKED, NTLM, "\r\n"}, false},
+                    Decision{"HeaderBeforeAnyStatus", {NEGOTIATE, ASKED}, false},
+                    Decision{"HeaderWithoutStatus", {NEGOTIATE}, false},
+                    Decision{"TwoBlocksSecondOffers", {ASKED, NTLM, "\r\n", ASKED, NEGOTIATE}, true},
+                    Decision{"TwoBlocksBothOffer", {ASKED, NEGOTIATE, "\r\n", ASKED, NEGOTIATE, "\r\n"}, true},
+                    Decision{"OtherReason", {"HTTP/1.1 407 Authentication Required\r\n", NEGOTIATE}, false},
+                    Decision{"ReasonInOtherCase", {"HTTP/1.1 407 proxy authentication required\r\n", NEGOTIATE}, false},
+                    Decision{"OldProtocol", {"HTTP/1.0 407 Proxy Authentication Required\r\n", NEGOTIATE}, true},
+                    Decision{"StatusOf401", {"HTTP/1.1 401 Unauthorized\r\n", NEGOTIATE}, false},
+                    Decision{"NoBlankBehindTheColon", {ASKED, "Proxy-Authenticate:Negotiate\r\n"}, false},
+                    Decision{"SchemeInOtherCase", {ASKED, "Proxy-Authenticate: negotiate\r\n"}, false},
+                    Decision{"HeaderInOtherCase", {ASKED, "proxy-authenticate: Negotiate\r\n"}, false},
+                    Decision{"SecondOfOneLine", {ASKED, "Proxy-Authenticate: NTLM, Negotiate\r\n"}, true},
+                    Decision{"WithToken", {ASKED, "Proxy-Authenticate: Negotiate oYG2\r\n"}, true},
+                    Decision{"WhiteSpaceAround", {"  " + ASKED, "\t" + NEGOTIATE}, true},
+                    Decision{"NegotiateOfTheServer", {ASKED, "WWW-Authenticate: Negotiate\r\n"}, false},
+                    Decision{"EmptyLines", {"", "", ASKED, "", NEGOTIATE}, true}),
+    [](const auto& instance) { return instance.param.name; });
+
+TEST_F(NegotiateHelperTest, DecisionWithoutAUserIsNo) {
+  EXPECT_FALSE(helper.handleKrb5CCache({ASKED, NEGOTIATE}));
+  EXPECT_THAT(log.text(), HasSubstr("Username not available/set. Username must be provided to create krb5 ccache!"));
+  EXPECT_THAT(log.text(), Not(HasSubstr("HEADER size")));
+}
+
+TEST_F(NegotiateHelperTest, DecisionIsNoWhenThereIsNoTicket) {
+  source.result = KRB5KDC_ERR_PREAUTH_FAILED;
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("wrong"));
+  EXPECT_FALSE(helper.handleKrb5CCache({ASKED, NEGOTIATE}));
+  EXPECT_FALSE(helper.handleKrb5CCache({ASKED, NEGOTIATE}));
+  EXPECT_THAT(source.requests, SizeIs(2)) << "each decision asks the KDC again";
+}
+
+TEST_F(NegotiateHelperTest, TicketIsAskedForOnceAndTheCacheKept) {
+  helper.setCredentials("alice@corp.ferro.test", lumo::Shredder2("secret"));
+  EXPECT_EQ(helper.cacheName(), "");
+  EXPECT_TRUE(helper.initKrb5CCache());
+  ASSERT_THAT(source.requests, SizeIs(1));
+  EXPECT_EQ(source.requests[0].principal, "alice@corp.ferro.test");
+  EXPECT_EQ(source.requests[0].password, "secret");
+  EXPECT_EQ(source.requests[0].realm, "CORP.FERRO.TEST");
+  EXPECT_EQ(source.requests[0].lifetime, 31536000);
+  const std::string name = helper.cacheName();
+  EXPECT_THAT(name, StartsWith("MEMORY:"));
+  EXPECT_TRUE(cacheExists(name));
+  EXPECT_TRUE(helper.initKrb5CCache());
+  EXPECT_THAT(source.requests, SizeIs(1));
+  EXPECT_EQ(helper.cacheName(), name);
+  EXPECT_THAT(log.text(), HasSubstr("Created User CCache '" + name + "'"));
+  EXPECT_THAT(log.text(), HasSubstr("KRB5 CCache exists as '" + name + "'."));
+}
+
+TEST_F(NegotiateHelperTest, RefusedTicketIsALogLineAndAnEmptyName) {
+  source.result = KRB5KDC_ERR_PREAUTH_FAILED;
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("wr0ng-pw"));
+  EXPECT_EQ(helper.createUserCCache(), "");
+  EXPECT_THAT(log.text(),
+              HasSubstr("Failed to get kerberos credential to access Http Proxy Server for "
+                        "user=alice@CORP.FERRO.TEST, rc=-1765328360. Use of Http Proxy Server might fail!"));
+  EXPECT_THAT(log.text(), HasSubstr("Created User CCache ''"));
+  EXPECT_THAT(log.text(), Not(HasSubstr("wr0ng-pw")));
+}
+
+TEST_F(NegotiateHelperTest, NameThatIsNoPrincipalIsALogLineAndAnEmptyName) {
+  helper.setCredentials("alice@A@B", lumo::Shredder2("secret"));
+  EXPECT_EQ(helper.createUserCCache(), "");
+  EXPECT_THAT(log.text(),
+              HasSubstr("Failed to get/store kerberos credential to access Http Proxy Server (Error:krb5_parse_name:"
+                        "Malformed representation of principal). Use of Http Proxy Server might fail!"));
+  EXPECT_THAT(source.requests, IsEmpty());
+}
+
+TEST_F(NegotiateHelperTest, NewTicketTakesThePlaceOfTheOldCache) {
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  helper.initKrb5CCache();
+  const std::string first = helper.cacheName();
+  const std::string second = helper.createUserCCache();
+  EXPECT_NE(second, first);
+  EXPECT_FALSE(cacheExists(first));
+  EXPECT_TRUE(cacheExists(second));
+}
+
+TEST_F(NegotiateHelperTest, SettingTheSameUserStillDestroysTheCache) {
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  helper.initKrb5CCache();
+  const std::string name = helper.cacheName();
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  EXPECT_EQ(helper.cacheName(), "");
+  EXPECT_FALSE(cacheExists(name));
+  EXPECT_THAT(log.text(), HasSubstr("Clear Krb5CCache '" + name + "'."));
+}
+
+TEST_F(NegotiateHelperTest, ClearingTheCredentialKeepsTheCacheUnlessAsked) {
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  helper.initGSSCredential();
+  const std::string name = helper.cacheName();
+  EXPECT_NE(helper.credential(), GSS_C_NO_CREDENTIAL);
+  helper.clearGSSCredential(false);
+  EXPECT_EQ(helper.credential(), GSS_C_NO_CREDENTIAL);
+  EXPECT_EQ(helper.cacheName(), name);
+  EXPECT_TRUE(cacheExists(name));
+  helper.clearGSSCredential(true);
+  EXPECT_EQ(helper.cacheName(), "");
+  EXPECT_FALSE(cacheExists(name));
+}
+
+TEST_F(NegotiateHelperTest, CacheGoesWithTheHelper) {
+  std::string name;
+  {
+    CurlProxyNegotiateHelper shortLived;
+    shortLived.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+    shortLived.initGSSCredential();
+    name = shortLived.cacheName();
+    EXPECT_TRUE(cacheExists(name));
+  }
+  EXPECT_FALSE(cacheExists(name));
+}
+
+TEST_F(NegotiateHelperTest, MachineHasItsOwnCacheNamedOnlyAndNoPasswordIsRead) {
+  source.machineCacheName = "MEMORY:machine-of-this-test";
+  helper.setCredentials(MACHINE_MARKER, lumo::Shredder2("not used"));
+  EXPECT_TRUE(helper.initKrb5CCache());
+  EXPECT_EQ(helper.cacheName(), "MEMORY:machine-of-this-test");
+  EXPECT_EQ(source.machineCacheCalls, 1);
+  EXPECT_THAT(source.requests, IsEmpty());
+  helper.clearUserKrb5CCache();
+  EXPECT_EQ(helper.cacheName(), "");
+  EXPECT_THAT(log.text(), Not(HasSubstr("Clear Krb5CCache")));
+}
+
+TEST_F(NegotiateHelperTest, MachineWithoutAnAccountIsALogLineAndAnEmptyName) {
+  source.machineCacheName.clear();
+  helper.setCredentials(MACHINE_MARKER, lumo::Shredder2());
+  EXPECT_FALSE(helper.initKrb5CCache());
+  EXPECT_THAT(log.text(), HasSubstr("Failed to get/store kerberos credential to access Http Proxy Server (Error:no "
+                                    "machine account). Use of Http Proxy Server might fail!"));
+}
+
+TEST_F(NegotiateHelperTest, CredentialCannotComeFromAnEmptyCacheName) {
+  source.result = KRB5_KDC_UNREACH;
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  helper.initGSSCredential();
+  EXPECT_EQ(helper.credential(), GSS_C_NO_CREDENTIAL);
+  EXPECT_THAT(log.text(), HasSubstr("Failed to get gss credential."));
+  EXPECT_EQ(helper.callbackBlock()->kdcLocator, nullptr) << "no agent in this process";
+}
+
+TEST_F(NegotiateHelperTest, SetUpBlockIsZeroedWithEachCredential) {
+  helper.callbackBlock()->helper = &helper;
+  helper.callbackBlock()->initialCredentialsData = &helper;
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  helper.initGSSCredential();
+  EXPECT_EQ(helper.callbackBlock()->helper, nullptr);
+  EXPECT_EQ(helper.callbackBlock()->initialCredentialsData, nullptr);
+}
+
+TEST_F(NegotiateHelperTest, EncryptionTypesAreThoseOfTheNamesRealm) {
+  helper.setAllowableEtypes("HTTP/proxy.corp.ferro.test@one@CORP.FERRO.TEST");
+  EXPECT_THAT(log.text(), HasSubstr("CurlProxyNegotiateHelper::setAllowableEtypes for realm 'CORP.FERRO.TEST'"));
+  helper.setAllowableEtypes("HTTP/proxy.corp.ferro.test");
+  EXPECT_THAT(log.text(), HasSubstr("CurlProxyNegotiateHelper::setAllowableEtypes for realm ''"));
+}
+
+TEST_F(NegotiateHelperTest, SetUpLimitsTheEncryptionTypesOfItsHelper) {
+  ProxyGssCallbacks block;
+  block.helper = &helper;
+  const std::string told = "setAllowableEtypes for realm";
+  EXPECT_EQ(proxyGssSetup(nullptr, "HTTP/p@REALM", nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(proxyGssSetup(nullptr, nullptr, nullptr, nullptr, &block), 0);
+  EXPECT_EQ(serverGssSetup(nullptr, "HTTP/p@REALM", nullptr, nullptr, &block), 0);
+  EXPECT_EQ(serverGssSetup(nullptr, "HTTP/p@REALM", nullptr, nullptr, nullptr), 0);
+  ProxyGssCallbacks without;
+  EXPECT_EQ(proxyGssSetup(nullptr, "HTTP/p@REALM", nullptr, nullptr, &without), 0);
+  EXPECT_THAT(log.text(), Not(HasSubstr(told)));
+  EXPECT_EQ(proxyGssSetup(nullptr, "HTTP/p@REALM", nullptr, nullptr, &block), 0);
+  EXPECT_THAT(log.text(), HasSubstr(told + " 'REALM'"));
+  EXPECT_EQ(helper.setupFunction(), &proxyGssSetup);
+}
+
+TEST_F(NegotiateHelperTest, ServiceNameTakesTheAccountsSpellingAndRealm) {
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.CORP.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
+  const auto opened = directory.opened();
+  ASSERT_THAT(opened, SizeIs(2));
+  EXPECT_FALSE(opened[0].globalCatalog);
+  EXPECT_TRUE(opened[1].globalCatalog);
+  for (const auto& target : opened) {
+    EXPECT_EQ(target.ccacheName, "MEMORY:machine");
+    EXPECT_EQ(target.server, "");
+  }
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/nobody.corp.ferro.test"), "");
+  EXPECT_EQ(helper.canonicalizeSpn("no service name"), "");
+  EXPECT_THAT(directory.opened(), SizeIs(2)) << "the bindings stay open";
+}
+
+TEST_F(NegotiateHelperTest, DirectoryThatCannotBeReachedIsLoggedAndThrown) {
+  directory.failOpen({MemoryDirectory::Failure::Kind::NoServers, -1, ""});
+  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), lumo::DNSUnavailableException);
+  EXPECT_THAT(log.text(), HasSubstr("Failed to set bindng and lookup function to canonicalize SPN: "));
+  directory.clearFailures();
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
+}
+
+TEST_F(NegotiateHelperTest, LookUpAfterAFailedOneBeginsWithNewBindings) {
+  helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test");
+  directory.failSearch({MemoryDirectory::Failure::Kind::Server, 53, "not now"}, 1);
+  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), LDAPException);
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
+  EXPECT_EQ(directory.opened().size(), 4u);
+}
+
+TEST_F(NegotiateHelperTest, MachineWithoutAnAccountCannotAskTheDirectory) {
+  source.machineCacheName.clear();
+  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), KerberosException);
+  EXPECT_THAT(log.text(),
+              HasSubstr("Failed to set bindng and lookup function to canonicalize SPN: no machine account"));
+}

@@ -75,8 +75,8 @@ class Properties {
 
 // The process-wide settings, read from /etc/morvand/morvand.conf at the first call. Both arguments are false in every
 // call of this system: `reload` reads the file again, `quiet` keeps a file that cannot be read out of the way (the map
-// is then empty) instead of throwing SystemException. A first call that throws leaves nothing behind; the next one
-// tries again. Defined by the platform library.
+// then stays as it was, empty at first) instead of throwing SystemException. A first call that throws leaves nothing
+// behind; the next one tries again. Defined by the platform library.
 Properties& Props(bool reload, bool quiet);
 
 }  // namespace lumo

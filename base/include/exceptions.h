@@ -39,6 +39,7 @@ class LUMOException : public std::exception {
   int m_line;
 };
 
+// NOLINTBEGIN(bugprone-macro-parentheses): the arguments are names of classes.
 // A class of the tree with its base. The default class name is the type's own.
 #define LUMO_DECLARE_EXCEPTION(Name, Base)                                                            \
   class Name : public Base {                                                                          \
@@ -46,6 +47,7 @@ class LUMOException : public std::exception {
     Name(const char* file, int line, const char* message, const char* className = #Name, int rc = -1) \
         : Base(file, line, message, className, rc) {}                                                 \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 LUMO_DECLARE_EXCEPTION(BASALTException, LUMOException);
 LUMO_DECLARE_EXCEPTION(BaseException, BASALTException);

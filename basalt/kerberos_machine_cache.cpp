@@ -135,7 +135,9 @@ class CacheImage {
   CacheImage(krb5_context context, krb5_creds& creds) {
     krb5_data* ticket = nullptr;
     requireKrb(context, krb5_marshal_credentials(context, &creds, &ticket), "krb5_marshal_credentials");
-    const char start[] = {5, 4, 0, 0};  // version, then a header of no fields
+    // Version, then a header of no fields. The difference to the KDC's clock stays out: the file outlives it, and once
+    // this host's clock is set it would spoil what it was to mend.
+    const char start[] = {5, 4, 0, 0};
     put(start, sizeof start);
     putPrincipal(creds.client);
     put(ticket->data, ticket->length);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <condition_variable>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -79,6 +80,15 @@ void startQuietThread(const std::shared_ptr<Exchange>& exchange) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// The library notes how far the KDC's clock is from this host's, and goes by it in what it makes with the ticket.
+void takeOverClock(krb5_context from, krb5_context to) {
+  krb5_timestamp seconds = 0;
+  krb5_int32 microseconds = 0;
+  if (krb5_get_time_offsets(from, &seconds, &microseconds) != 0 || seconds == 0) return;
+  const auto now = static_cast<unsigned>(std::time(nullptr));
+  krb5_set_real_time(to, static_cast<krb5_timestamp>(now + static_cast<unsigned>(seconds)), -1);
+}
+
 krb5_error_code fail(krb5_error_code code, const std::string& text, std::string* errorText) {
   if (errorText != nullptr) *errorText = text;
   return code;
@@ -106,6 +116,7 @@ krb5_error_code runKdcRequest(krb5_context context, KdcRequest request, std::chr
                 "No answer from a KDC within " + std::to_string(seconds) + " seconds", errorText);
   }
   if (exchange->code != 0) return fail(exchange->code, exchange->text, errorText);
+  takeOverClock(exchange->context, context);
   *creds = std::exchange(exchange->creds, krb5_creds{});
   return 0;
 }

@@ -19,7 +19,8 @@ using KdcRequest = std::function<krb5_error_code(krb5_context context, krb5_cred
 
 // Runs the request on a thread with a copy of the context and waits at most `limit`. A request that has not ended then
 // is left to end by itself, its result is dropped, and the code is KRB5_KDC_UNREACH. Returns 0 and fills creds, which
-// the caller frees with krb5_free_cred_contents, or the code and, when errorText is not null, a text.
+// the caller frees with krb5_free_cred_contents, or the code and, when errorText is not null, a text. What the library
+// has learnt of the KDC's clock goes over to `context`.
 krb5_error_code runKdcRequest(krb5_context context, KdcRequest request, std::chrono::milliseconds limit,
                               krb5_creds* creds, std::string* errorText);
 

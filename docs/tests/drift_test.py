@@ -30,6 +30,8 @@ CHANGES = (
      TOOL, ".Pq Fl -password , p\n", "\n"),
     (PAGES, "Tool.test_synopsis_shows_every_option",
      TOOL, ".Op Fl -authtype Ar type\n", ""),
+    (PAGES, "Tool.test_examples_use_commands_and_options_of_the_code",
+     TOOL, "--authreq true --authtype basic", "--authreq true --auth basic"),
     (PAGES, "Tool.test_short_options_agree_with_the_long_ones",
      CODE, '"u:p:ms:r:t:V"', '"u:p:m:s:r:t:V"'),
     (PAGES, "Tool.test_authentication_types_are_those_of_the_code",
@@ -122,7 +124,8 @@ class Drift(unittest.TestCase):
             copy = pathlib.Path(folder)
             for room in ("base", "basalt", "quill", "cloud", "cli", "docs", "packaging"):
                 shutil.copytree(tree.ROOT / room, copy / room, ignore=shutil.ignore_patterns("tests"))
-            shutil.copy(tree.ROOT / "CMakeLists.txt", copy)
+            for name in ("CMakeLists.txt", "README.md"):
+                shutil.copy(tree.ROOT / name, copy)
             for script, test, name, old, new in CHANGES:
                 with self.subTest(test=test, file=name, change=f"{old!r} to {new!r}"):
                     text = tree.text(name)

@@ -32,6 +32,16 @@ class Tool(unittest.TestCase):
             wanted = {letter + ":" * argument for letter, argument in tables[table].values()}
             self.assertEqual(set(re.findall(r"\w:?", letters)), wanted, table)
 
+    def test_examples_use_commands_and_options_of_the_code(self):
+        known = tree.commands()
+        lines = re.findall(r"\bferrogate (--.*)", re.sub(r"\\e?\n", "", tree.text(TOOL) + tree.text("README.md")))
+        self.assertGreater(len(lines), 8)
+        for line in lines:
+            for call in re.split(r"&& ferrogate ", line):
+                command, *options = re.findall(r"--([a-z]+)", call)
+                self.assertIn(command, known, line)
+                self.assertLessEqual(set(options), set(known[command][1]), line)
+
     def test_authentication_types_are_those_of_the_code(self):
         for page, section in ((TOOL, "Options"), (FILE, "Web proxy")):
             words = tree.section(page, section)

@@ -37,8 +37,12 @@ function(ferro_test_executable name label sources libs)
   endif()
 endfunction()
 
-# A test in Python: unit, no root, no network. The script gets the root of the tree and the further arguments.
+# A test in Python: unit, no root, no network. The script gets the root of the tree and the further arguments. Such tests
+# judge texts and the installation, to which sanitizers add nothing.
 function(ferro_python_test name script)
+  if(FERRO_SANITIZE)
+    return()
+  endif()
   find_package(Python3 REQUIRED COMPONENTS Interpreter)
   add_test(NAME ${name}
            COMMAND ${Python3_EXECUTABLE} -B "${CMAKE_CURRENT_SOURCE_DIR}/${script}" "${PROJECT_SOURCE_DIR}" ${ARGN})

@@ -21,7 +21,8 @@ target_compile_options(ferro_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
   -fstack-protector-strong -fstack-clash-protection
   # File names in exceptions and log records are relative to the tree, wherever it was built.
-  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+  # ccache may have made them relative to the build folder.
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=" -fmacro-prefix-map=../../=)
 target_link_options(ferro_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 
 if(FERRO_SANITIZE)

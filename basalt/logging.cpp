@@ -13,7 +13,7 @@
 #include <optional>
 #include <vector>
 
-#include "basalt/log_sinks.h"
+#include "basalt/logging_sinks.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
@@ -157,8 +157,9 @@ Configuration readLogSettings(const Properties& settings) {
   const std::string root = PN::ROOT_LOGGER_NAME;
   const std::string rootValue = settings.getProperty(root);
   if (!rootValue.empty()) read.rootLevel = levelSetting(read, root, rootValue).value_or(defaultLevel);
-  for (const auto& [name, value] : settings.below(root + ".")) {
-    const auto level = levelSetting(read, root + "." + name, value);
+  const std::string prefix = root + ".";
+  for (const auto& [name, value] : settings.below(prefix)) {
+    const auto level = levelSetting(read, prefix + name, value);
     if (level) read.levels[name] = *level;
   }
   const std::string path = settings.getProperty(PN::LOG_FILE);

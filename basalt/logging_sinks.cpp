@@ -1,4 +1,4 @@
-#include "basalt/log_sinks.h"
+#include "basalt/logging_sinks.h"
 
 #include <fcntl.h>
 #include <spdlog/pattern_formatter.h>

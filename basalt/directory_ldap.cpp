@@ -16,7 +16,7 @@ constexpr char LOGGER_NAME[] = "base.directory";
 constexpr std::size_t MAX_MESSAGE = 511;
 // Room for "; and NNN more".
 constexpr std::size_t MORE_TEXT = 20;
-constexpr std::size_t MAX_REASON = 160;
+constexpr std::size_t MAX_REASON = 240;
 // No further server is tried behind it.
 constexpr std::chrono::seconds OPEN_LIMIT{30};
 constexpr std::size_t MAX_ASKED_FOR_FOREST = 3;

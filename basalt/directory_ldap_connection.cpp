@@ -64,7 +64,8 @@ LdapConnection::LdapConnection(const DirectoryServer& server, bool globalCatalog
   setOption(LDAP_OPT_DEREF, &never);
   setOption(LDAP_OPT_TIMEOUT, &limit);
   setOption(LDAP_OPT_NETWORK_TIMEOUT, &limit);
-  // The name that was looked for is the name that is authenticated, whatever a reverse look-up says.
+  // The name that was looked for is handed to Kerberos as it is. What Kerberos itself makes of it is for the host's
+  // krb5.conf to say: with `rdns` on, a wrong reverse record still leads to a name that the domain does not know.
   setOption(LDAP_OPT_X_SASL_NOCANON, LDAP_OPT_ON);
   setOption(LDAP_OPT_X_SASL_SECPROPS, SECURITY);
 }

@@ -4,6 +4,8 @@
 
 #include <memory>
 #include <set>
+#include <string_view>
+#include <utility>
 
 #include "basalt/directory_ping.h"
 #include "base/include/exceptions.h"
@@ -18,6 +20,7 @@ constexpr std::size_t FLAGS_AT = 4;
 constexpr std::size_t NAMES_AT = 24;  // behind opcode, padding, flags and the domain's GUID
 constexpr std::size_t MAX_NAME = 255;
 constexpr unsigned POINTER_BITS = 0xc0;
+constexpr std::size_t LONG_LENGTH = 0x80;
 
 // Opcodes of the extended reply: the controller serves, is paused, or knows no such user.
 const std::set<unsigned> REPLY_OPCODES = {23, 24, 25};
@@ -71,6 +74,24 @@ class NameReader {
   std::size_t m_at;
 };
 
+// Takes the element with that tag off the front and returns its content. Anything else there leaves nothing at all.
+// Not by the library: its reader goes through a null pointer for a message without bytes.
+std::string_view takeElement(std::string_view& bytes, ber_tag_t tag) {
+  const std::string_view whole = std::exchange(bytes, {});
+  if (whole.size() < 2 || static_cast<unsigned char>(whole[0]) != tag) return {};
+  std::size_t length = static_cast<unsigned char>(whole[1]);
+  std::size_t header = 2;
+  if (length >= LONG_LENGTH) {
+    header += length - LONG_LENGTH;
+    if (header > 2 + sizeof(std::uint32_t) || whole.size() < header) return {};
+    length = 0;
+    for (std::size_t i = 2; i < header; ++i) length = length << 8U | static_cast<unsigned char>(whole[i]);
+  }
+  if (length > whole.size() - header) return {};
+  bytes = whole.substr(header + length);
+  return whole.substr(header, length);
+}
+
 std::uint32_t littleEndian(const std::string& value, std::size_t at, std::size_t bytes) {
   std::uint32_t number = 0;
   for (std::size_t i = bytes; i-- > 0;) number = number << 8U | static_cast<unsigned char>(value[at + i]);
@@ -108,28 +129,19 @@ NetlogonReply parseNetlogonReply(const std::string& value) {
 }
 
 std::optional<NetlogonReply> parseNetlogonMessage(const std::string& datagram, int messageId) {
-  // The reader changes nothing, but its interface is not const.
-  std::string copy = datagram;
-  berval bytes{copy.size(), copy.data()};
-  const Ber ber(ber_init(&bytes));
-  if (!ber) throw std::bad_alloc();
-  ber_int_t id = 0;
-  ber_len_t length = 0;
-  berval dn{};
-  if (ber_scanf(ber.get(), "{i", &id) == LBER_ERROR || id != messageId ||
-      ber_peek_tag(ber.get(), &length) != LDAP_RES_SEARCH_ENTRY || ber_scanf(ber.get(), "{m", &dn) == LBER_ERROR) {
-    return std::nullopt;
-  }
-  char* end = nullptr;
-  for (ber_tag_t tag = ber_first_element(ber.get(), &length, &end); tag != LBER_DEFAULT;
-       tag = ber_next_element(ber.get(), &length, end)) {
-    berval name{};
-    BerVarray found = nullptr;
-    if (ber_scanf(ber.get(), "{m[W]}", &name, &found) == LBER_ERROR) return std::nullopt;
-    const std::unique_ptr<berval, decltype(&ber_bvarray_free)> values(found, &ber_bvarray_free);
-    if (lower({name.bv_val, name.bv_len}) == "netlogon" && values && values.get()->bv_val != nullptr) {
-      return parseNetlogonReply({values.get()->bv_val, values.get()->bv_len});
-    }
+  std::string_view rest = datagram;
+  auto message = takeElement(rest, LDAP_TAG_MESSAGE);
+  const auto id = takeElement(message, LDAP_TAG_MSGID);
+  if (id.size() != 1 || static_cast<unsigned char>(id[0]) != messageId) return std::nullopt;
+  auto entry = takeElement(message, LDAP_RES_SEARCH_ENTRY);
+  takeElement(entry, LBER_OCTETSTRING);  // the root's empty name
+  auto attributes = takeElement(entry, LBER_SEQUENCE);
+  while (!attributes.empty()) {
+    auto attribute = takeElement(attributes, LBER_SEQUENCE);
+    const auto name = takeElement(attribute, LBER_OCTETSTRING);
+    auto values = takeElement(attribute, LBER_SET);
+    const auto value = takeElement(values, LBER_OCTETSTRING);
+    if (lower(std::string(name)) == "netlogon") return parseNetlogonReply(std::string(value));
   }
   return std::nullopt;
 }

@@ -1,0 +1,213 @@
+// An LDAP connection and servers that misbehave.
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <tuple>
+
+#include "basalt/directory_ldap.h"
+#include "basalt/directory_ldap_connection.h"
+#include "basalt/tests/netlogon_bytes.h"
+#include "basalt/tests/scripted_server.h"
+#include "base/include/exceptions.h"
+
+namespace {
+
+using lumo::LdapConnection;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr lumo::LdapLimits SHORT{milliseconds(300), milliseconds(300)};
+constexpr milliseconds SOON{2500};
+
+// Number of the message, its second inner element.
+unsigned char idOf(const std::string& message) {
+  return static_cast<unsigned char>(message.at(message[1] & 0x80 ? 6 : 4));
+}
+bool isUnbind(const std::string& message) { return message.size() == 7; }
+
+struct Outcome {
+  int rc = 0;
+  std::string text;
+  milliseconds took{};
+};
+
+template <class Work>
+Outcome outcome(const Work& work) {
+  Outcome result;
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    work();
+  } catch (const LDAPException& failure) {
+    result.rc = failure.rc();
+    result.text = failure.what();
+  }
+  result.took = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
+  return result;
+}
+
+TEST(LdapConnection, ReadsTheRootObject) {
+  ScriptedServer server([](const std::string& message) {
+    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
+    return ldapMessage(idOf(message), ldapEntry("", "rootDomainNamingContext", "DC=corp,DC=test")) +
+           ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), false, SHORT);
+  EXPECT_EQ((*connection.rootDse())["rootdomainnamingcontext"].toString(), "DC=corp,DC=test");
+}
+
+TEST(LdapConnection, KeepsValuesThatAreNoText) {
+  const std::string value("\x00\xff\x01\x00", 4);
+  ScriptedServer server([&](const std::string& message) {
+    return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "objectGUID", value)) +
+           ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {}});
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found.front()->dn(), "CN=a,DC=b");
+  EXPECT_EQ((*found.front())["objectGUID"].toString(), value);
+}
+
+TEST(LdapConnection, PutsValuesThatComeInPartsTogether) {
+  ScriptedServer server([&](const std::string& message) {
+    std::string attribute = "member;range=0-0";
+    std::string value = "one";
+    if (message.find("member;range=1-*") != std::string::npos)
+      std::tie(attribute, value) = std::pair("member;Range=1-1", "two");
+    if (message.find("member;range=2-*") != std::string::npos)
+      std::tie(attribute, value) = std::pair("member;range=2-*", "three");
+    return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", attribute, value)) +
+           ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"member"}});
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_THAT((*found.front())["member"].values(), ElementsAre("one", "two", "three"));
+}
+
+TEST(LdapConnection, AsksForPages) {
+  std::string request;
+  ScriptedServer server([&](const std::string& message) {
+    if (!isUnbind(message)) request = message;
+    return ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  EXPECT_TRUE(connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}).empty());
+  // Critical, a thousand at a time.
+  EXPECT_THAT(request, HasSubstr(berItem(0x04, "1.2.840.113556.1.4.319") + std::string("\x01\x01\xff", 3)));
+  EXPECT_THAT(request, HasSubstr(std::string("\x02\x02\x03\xe8\x04\x00", 6)));
+}
+
+TEST(LdapConnection, TakesAMissingBaseForNothing) {
+  ScriptedServer server([](const std::string& message) { return ldapMessage(idOf(message), ldapDone(32)); });
+  LdapConnection connection(server.server(), true, SHORT);
+  EXPECT_TRUE(connection.search({"CN=none,DC=b", SearchScope::Subtree, "(cn=a)", {}}).empty());
+}
+
+TEST(LdapConnection, PassesOnTheServersWords) {
+  ScriptedServer server(
+      [](const std::string& message) { return ldapMessage(idOf(message), ldapDone(50, "00002098: not for you")); });
+  LdapConnection connection(server.server(), true, SHORT);
+  for (int i = 0; i < 2; ++i) {
+    const Outcome refused = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
+    EXPECT_EQ(refused.rc, 50);
+    EXPECT_EQ(refused.text, "Cannot search 'DC=b': Insufficient access (00002098: not for you)");
+  }
+}
+
+TEST(LdapConnection, DoesNotFollowAReferral) {
+  ScriptedServer server([](const std::string& message) { return ldapMessage(idOf(message), ldapDone(10)); });
+  LdapConnection connection(server.server(), true, SHORT);
+  EXPECT_EQ(outcome([&] { connection.search({"DC=else", SearchScope::Subtree, "(cn=a)", {}}); }).rc, 10);
+}
+
+TEST(LdapConnection, EndsWhenNobodyListens) {
+  lumo::DirectoryServer server;
+  { const auto gone = boundSocket(SOCK_STREAM, server); }
+  const Outcome refused = outcome([&] { LdapConnection(server, false, SHORT); });
+  EXPECT_EQ(refused.rc, -11);
+  EXPECT_EQ(refused.text, "Connection refused");
+  EXPECT_LT(refused.took, SOON);
+}
+
+TEST(LdapConnection, EndsWhenTheNameDoesNotResolve) {
+  const Outcome unknown = outcome([] { LdapConnection({"name..of.nobody", 389}, false, SHORT); });
+  EXPECT_EQ(unknown.rc, -11);
+  EXPECT_NE(unknown.text, "");
+}
+
+// The queue of a listener that never accepts is full after a few: the next one gets no answer at all.
+TEST(LdapConnection, EndsWhenTheServerDoesNotTakeIt) {
+  lumo::DirectoryServer server;
+  const auto listener = boundSocket(SOCK_STREAM, server);
+  ASSERT_EQ(listen(listener.get(), 0), 0);
+  std::vector<lumo::Connected> queue;
+  std::string failure;
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 8 && failure.empty(); ++i) {
+    queue.push_back(lumo::connectTcp(server, std::chrono::steady_clock::now() + milliseconds(200)));
+    failure = queue.back().failure;
+  }
+  EXPECT_EQ(failure, "no answer in time");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, SOON);
+}
+
+void expectLost(const ScriptedServer::Script& script, int rc, const std::string& words) {
+  ScriptedServer server(script);
+  LdapConnection connection(server.server(), true, SHORT);
+  const DirectorySearch what{"DC=b", SearchScope::Subtree, "(cn=a)", {}};
+  const Outcome lost = outcome([&] { connection.search(what); });
+  EXPECT_EQ(lost.rc, rc);
+  EXPECT_EQ(lost.text, "Cannot search 'DC=b': " + words);
+  EXPECT_LT(lost.took, SOON);
+  // The library would now connect anew, as nobody.
+  const Outcome after = outcome([&] { connection.search(what); });
+  EXPECT_EQ(after.rc, -1);
+  EXPECT_EQ(after.text, "Cannot search 'DC=b': the connection was lost before");
+}
+
+TEST(LdapConnection, EndsWhenTheServerIsSilent) {
+  expectLost([](const std::string&) { return std::string(); }, -5, "no answer in time");
+}
+
+TEST(LdapConnection, EndsWhenTheServerFallsSilentInTheMiddle) {
+  expectLost(
+      [](const std::string& message) {
+        return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "cn", "a")) +
+               ldapMessage(idOf(message), ldapDone(0)).substr(0, 9);
+      },
+      -5, "no answer in time");
+}
+
+TEST(LdapConnection, EndsWhenTheServerPromisesMoreThanItSends) {
+  expectLost([](const std::string&) { return std::string("\x30\x84\x00\x00\x40\x00\x02\x01", 8); }, -5,
+             "no answer in time");
+}
+
+TEST(LdapConnection, EndsWhenTheServerHangsUp) {
+  expectLost([](const std::string&) { return std::string(ScriptedServer::CLOSE); }, -1, "Can't contact LDAP server");
+}
+
+TEST(LdapConnection, EndsWhenTheServerTalksSomethingElse) {
+  ScriptedServer server([](const std::string&) { return std::string("HTTP/1.1 400 Bad Request\r\n\r\n"); });
+  LdapConnection connection(server.server(), true, SHORT);
+  const Outcome nonsense = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
+  EXPECT_NE(nonsense.rc, 0);
+  EXPECT_LT(nonsense.took, SOON);
+}
+
+TEST(RealDirectory, NamesTheGivenServerThatDoesNotAnswer) {
+  lumo::DirectoryServer server;
+  { const auto gone = boundSocket(SOCK_STREAM, server); }
+  const std::string name = "127.0.0.1:" + std::to_string(server.port);
+  try {
+    ldapDirectoryConnector().open({"corp.test", false, name, "", "FILE:/none"});
+    FAIL();
+  } catch (const lumo::IOException& failure) {
+    EXPECT_EQ(failure.what(),
+              "No directory server of the domain 'corp.test' answers: " + name + ": Connection refused");
+  }
+}
+
+}  // namespace

@@ -112,7 +112,7 @@ TEST_F(Credential, FileOfAnotherOwnerIsNotTrusted) {
 
 TEST_F(Credential, FileOpenToOthersIsNotTrusted) {
   store("bob", "s3cret");
-  for (const mode_t mode : {0604, 0602, 0640, 0620, 0660, 0666, 0777}) {
+  for (const mode_t mode : {0604U, 0602U, 0640U, 0620U, 0660U, 0666U, 0777U}) {
     ASSERT_EQ(chmod(CREDENTIAL, mode), 0);
     EXPECT_EQ(tool({"-L"}), unlisted(158)) << mode;
   }

@@ -10,6 +10,7 @@
 namespace testsupport {
 
 LogCapture::LogCapture(const std::string& level) {
+  lumo::Props(false, true);  // their first reading sets the levels, and would undo this
   lumo::Properties settings;
   settings.setProperty(lumo::PN::ROOT_LOGGER_NAME, level);
   settings.setProperty(lumo::PN::LOG_FILE, path());

@@ -317,6 +317,36 @@ TEST_F(NegotiateRoot, StoppedKdcEndsInARefusalAtTheProxy) {
   EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
 }
 
+// Tickets that came too late.
+class ExpiredTickets : public KerberosCredentialSource {
+ public:
+  ExpiredTickets() { setInstance(this); }
+  ~ExpiredTickets() override { setInstance(nullptr); }
+  ExpiredTickets(const ExpiredTickets&) = delete;
+  ExpiredTickets& operator=(const ExpiredTickets&) = delete;
+
+  krb5_error_code ticketByPassword(krb5_context context, krb5_principal principal, const lumo::Shredder&,
+                                   const std::string&, int, krb5_creds* creds, std::string*) override {
+    ++requests;
+    *creds = testsupport::handMadeTicket(context, principal, -3600);
+    return 0;
+  }
+  std::string machineCache() override { return "MEMORY:nobody"; }
+
+  int requests = 0;
+};
+
+TEST_F(NegotiateRoot, ExpiredTicketIsKeptAndEndsInARefusal) {
+  ExpiredTickets tickets;
+  HttpServer proxy(negotiateProxy());
+  CurlObject object;
+  object.setProxy(proxy.address(), "negotiate", "alice@CORP.EXAMPLE.TEST", lumo::Shredder2("alice-pw"));
+  EXPECT_THROW(object.perform(TARGET, "", 0), lumo::CurlException);
+  EXPECT_EQ(proxy.connections(), 2);
+  EXPECT_EQ(tickets.requests, 1);
+  EXPECT_THAT(connectTokens(proxy), ElementsAre("", ""));
+}
+
 // The web server's side.
 
 class NegotiateServerRoot : public NegotiateRoot {

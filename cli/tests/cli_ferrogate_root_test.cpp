@@ -218,6 +218,15 @@ TEST_F(Entry, ClosedStreamsChangeNothingButWhatIsSeen) {
   EXPECT_EQ(shell("$T -h >/dev/full"), (Outcome{0, "", ""}));
 }
 
+TEST_F(Entry, TextForAClosedStreamGoesIntoNoFileOfOurs) {
+  configure("log: DEBUG\nlogging.file: " + std::string(LOG) + "\n");
+  EXPECT_EQ(shell("$T -h >&-"), (Outcome{0, "", ""}));
+  EXPECT_EQ(shell("$T -X 2>&-"), (Outcome{7, "", ""}));
+  const std::string log = testsupport::readFile(LOG);
+  EXPECT_EQ(log.find("usage:"), std::string::npos) << log;
+  EXPECT_EQ(log.find("invalid option"), std::string::npos) << log;
+}
+
 TEST_F(Entry, ReaderThatWentAwayDoesNotKillTheTool) {
   // The reader is gone before the tool starts: its end of the pipe is closed first.
   const std::string pipe = "mkfifo /run/p; exec 3<>/run/p; exec 4>/run/p; exec 3<&-; ";

@@ -42,5 +42,6 @@ if(FERRO_COVERAGE)
 endif()
 
 if(FERRO_FUZZ)
-  target_compile_options(ferro_flags INTERFACE -fsanitize=fuzzer-no-link)
+  target_compile_options(ferro_flags INTERFACE -fsanitize=fuzzer-no-link
+                         "-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/tools/sanitizer-ignore.txt")
 endif()

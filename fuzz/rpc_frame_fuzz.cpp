@@ -4,9 +4,31 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <variant>
 
 #include "base/include/exceptions.h"
 #include "quill/rpc_frame.h"
+#include "quill/rpc_message.h"
+
+namespace {
+
+void readMessage(const std::string& content) {
+  const auto decoded = lumo::decodeRequest(content);
+  if (const auto* request = std::get_if<lumo::RpcRequest>(&decoded)) {
+    const auto again = lumo::decodeRequest(lumo::encodeRequest(*request));
+    const auto* same = std::get_if<lumo::RpcRequest>(&again);
+    if (same == nullptr || same->method != request->method || same->id != request->id || same->dn != request->dn) {
+      std::abort();
+    }
+  }
+  try {
+    lumo::encodeReply(lumo::decodeReply(content));
+  } catch (const lumo::IPCException&) {
+  } catch (const lumo::BadDataException&) {
+  }
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
@@ -18,7 +40,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     for (size_t at = 0; at < size; at += piece) {
       reader.feed(bytes + at, std::min(piece, size - at));
-      while (auto content = reader.next()) taken += lumo::rpcFrame(*content);
+      while (auto content = reader.next()) {
+        taken += lumo::rpcFrame(*content);
+        readMessage(*content);
+      }
     }
   } catch (const lumo::BadDataException&) {
   }

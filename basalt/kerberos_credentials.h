@@ -90,7 +90,7 @@ class GSSCredential {
 class ADUser {
  public:
   // The realm of a user: the text behind the last "@" in upper case, else the joined domain in upper case. The second
-  // argument is null in every call.
+  // argument is null in every call. Throws what lumo::loadSetting throws.
   static std::string getRealmName(const std::string& user, void*);
 };
 

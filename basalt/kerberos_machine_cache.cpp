@@ -187,7 +187,7 @@ std::string accountIn(krb5_context context, const std::string& keytabPath) {
 std::string machineCredentialCache(const std::string& keytabPath, const std::string& cachePath) {
   const BareKerberosContext context;
   const std::string account = accountIn(context.get(), keytabPath);
-  const std::string name = "FILE:" + cachePath;
+  std::string name = "FILE:" + cachePath;
   if (lifeLeft(context.get(), cachePath, account) >= MACHINE_CACHE_RESERVE) return name;
   const RenewalLock lock(cachePath + ".lock");
   const seconds left = lifeLeft(context.get(), cachePath, account);

@@ -10,7 +10,7 @@
 namespace lumo {
 
 // The longest sealed form that is written or read.
-inline constexpr std::size_t SEALED_LIMIT = 1024 * 1024;
+inline constexpr std::size_t SEALED_LIMIT = std::size_t{1} << 20;
 
 struct OpenedCredential {
   std::string user;

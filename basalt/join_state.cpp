@@ -2,13 +2,15 @@
 
 #include "basalt/settings_store.h"
 #include "base/include/exceptions.h"
+#include "base/include/logger.h"
 
 namespace lumo {
 
 bool joined() {
   try {
     return !loadSetting(SETTING_DOMAIN_NAME, false, false).empty();
-  } catch (const LUMOException&) {
+  } catch (const LUMOException& failure) {
+    LUMO_LOG(getLogger("base.settings", false), 4, "Whether this machine is joined cannot be told: %s", failure.what());
     return false;
   }
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 
 #include "base/include/string_helpers.h"
@@ -141,6 +142,12 @@ void fillStandardStreams() {
   }
 }
 
+// Which Kerberos files count is the host's configuration's to say; with another one in force, a damaged copy somewhere
+// would have the host's own file moved aside.
+void forgetKerberosEnvironment() {
+  for (const char* name : {"KRB5_CONFIG", "KRB5CCNAME", "KRB5_KTNAME", "KRB5_CLIENT_KTNAME"}) unsetenv(name);
+}
+
 int failed(const std::string& text) {
   FERRO_NOTE(true, text);
   return result::MiscError;
@@ -180,6 +187,7 @@ int main2(int argc, char** argv) {
 
 int guardedMain(int argc, char** argv) {
   fillStandardStreams();
+  forgetKerberosEnvironment();
   // A reader of ours or a peer that goes away is a failed write, not the end: libcurl leaves the signal to its caller.
   std::signal(SIGPIPE, SIG_IGN);
   try {

@@ -47,6 +47,18 @@ class Connection : public JoinedHost {
   }
 };
 
+TEST_F(Connection, KerberosFilesOfTheEnvironmentDecideNothing) {
+  const HttpServer proxy(open(OK));
+  testsupport::writeFile("/etc/krb5.conf", "[libdefaults]\n default_realm = CORP.EXAMPLE.TEST\n");
+  testsupport::writeFile("/var/morvand/damaged.conf", "[libdefaults]\n no equals sign\n");
+  testsupport::ProcessOptions options;
+  options.environment["KRB5_CONFIG"] = "/var/morvand/damaged.conf";
+  const std::string url = "http://platform.example.test/";
+  EXPECT_EQ(tool({"-T", "-c", url, "-s", proxy.address()}, options), passed(url, proxy.address()));
+  EXPECT_TRUE(testsupport::exists("/etc/krb5.conf"));
+  EXPECT_FALSE(testsupport::exists("/etc/krb5.conf.bad"));
+}
+
 TEST_F(Connection, PlainUrlGoesThroughATunnelWithoutCredentials) {
   const HttpServer proxy(open(OK));
   const std::string url = "http://platform.example.test/path?q";

@@ -129,8 +129,8 @@ bool NegotiateLayer::withholds(int option) const {
   return mask != told.masks.end() && mask->second != 0 && maskForCurl(mask->first, mask->second) == 0;
 }
 
-// Connections, Digest nonces and the rest of what the handle learnt about its peers stay behind; a share of connections
-// alone would take the old nonces along, which a proxy refuses from another user.
+// Connections, authentication state and the rest of what the handle learnt about its peers stay behind; a share of
+// connections would leave the connections alone behind.
 void NegotiateLayer::renewHandle() {
   const CurlHandle renewed(curl_easy_duphandle(owner.handle));
   if (!renewed) LUMO_THROW(lumo::CurlException, -1, "Failed to create curl context");

@@ -49,7 +49,7 @@ class LdapConnector : public DirectoryConnector {
  public:
   std::unique_ptr<DirectoryConnection> open(const Target& target) override {
     const LocatorSources sources{
-        lookUpSrv, [](const auto& servers, const std::string& domain) { return netlogonPing(servers, domain); },
+        lookUpSrv, [this](const auto& servers, const std::string& domain) { return m_ping(servers, domain); },
         askForest, randomUpTo};
     return openFirst(target, locateServers(target, sources));
   }
@@ -84,6 +84,8 @@ class LdapConnector : public DirectoryConnector {
     }
     LUMO_THROW(IOException, -1, "%s", triedServersText("No directory server of " + domain + " answers", tried).c_str());
   }
+
+  PingMemory m_ping{[](const auto& servers, const std::string& domain) { return netlogonPing(servers, domain); }};
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "basalt/clock.h"
 #include "base/include/exceptions.h"
 #include "base/include/string_helpers.h"
 
@@ -87,6 +88,20 @@ std::optional<NetlogonReply> netlogonPing(const std::vector<DirectoryServer>& se
     if (auto reply = ping.wait(until)) return reply;
   }
   return std::nullopt;
+}
+
+std::optional<NetlogonReply> PingMemory::operator()(const std::vector<DirectoryServer>& servers,
+                                                    const std::string& domain) {
+  const auto now = Clock::getInstance().steadyNow();
+  const std::string key = lower(domain);
+  Lock lock(m_mutex);
+  const auto known = m_known.find(key);
+  if (known != m_known.end() && now < known->second.until) return known->second.reply;
+  lock.unLock();
+  const auto reply = m_ping(servers, domain);
+  lock.doLock();
+  if (reply) m_known[key] = Known{*reply, now + LIFE};
+  return reply;
 }
 
 }  // namespace lumo

@@ -3,11 +3,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "basalt/directory_socket.h"
+#include "base/include/mutex.h"
 
 namespace lumo {
 
@@ -38,5 +41,26 @@ std::optional<NetlogonReply> parseNetlogonMessage(const std::string& datagram, i
 // Nothing when none came within the limit: the caller then knows no site. Never throws. Any thread.
 std::optional<NetlogonReply> netlogonPing(const std::vector<DirectoryServer>& servers, const std::string& domain,
                                           std::chrono::milliseconds limit = PING_LIMIT);
+
+// Remembers a domain's reply for ten minutes: forest and site change seldom, and two bindings to one domain need no two
+// pings. A ping without a reply is not remembered. Any thread, as far as the ping given is for any.
+class PingMemory {
+ public:
+  using Ping = std::function<std::optional<NetlogonReply>(const std::vector<DirectoryServer>&, const std::string&)>;
+  static constexpr std::chrono::minutes LIFE{10};
+
+  explicit PingMemory(Ping ping) : m_ping(std::move(ping)) {}
+  std::optional<NetlogonReply> operator()(const std::vector<DirectoryServer>& servers, const std::string& domain);
+
+ private:
+  struct Known {
+    NetlogonReply reply;
+    std::chrono::steady_clock::time_point until;
+  };
+
+  Ping m_ping;
+  Mutex m_mutex;
+  std::map<std::string, Known> m_known;
+};
 
 }  // namespace lumo

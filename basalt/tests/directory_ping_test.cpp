@@ -4,6 +4,7 @@
 
 #include "basalt/tests/netlogon_bytes.h"
 #include "base/include/exceptions.h"
+#include "testsupport/manual_clock.h"
 
 namespace {
 
@@ -111,6 +112,35 @@ TEST(NetlogonMessage, CutAnywhereGivesNothing) {
 
 TEST(NetlogonMessage, WithADamagedReplyIsRefused) {
   EXPECT_THROW(parseNetlogonMessage(ldapMessage(3, ldapEntry("", "netlogon", "x")), 3), lumo::BadDataException);
+}
+
+TEST(PingMemory, AsksOnceInTenMinutesForADomain) {
+  testsupport::ManualClock clock;
+  int pings = 0;
+  lumo::PingMemory memory([&](const std::vector<lumo::DirectoryServer>&, const std::string&) {
+    lumo::NetlogonReply reply;
+    reply.clientSite = "Site" + std::to_string(++pings);
+    return std::optional<lumo::NetlogonReply>(reply);
+  });
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site1");
+  EXPECT_EQ(memory({}, "CORP.test")->clientSite, "Site1");
+  EXPECT_EQ(memory({}, "sub.corp.test")->clientSite, "Site2");
+  clock.advance(std::chrono::minutes(10) - std::chrono::milliseconds(1));
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site1");
+  clock.advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site3");
+}
+
+TEST(PingMemory, DoesNotRememberSilence) {
+  testsupport::ManualClock clock;
+  int pings = 0;
+  lumo::PingMemory memory([&](const std::vector<lumo::DirectoryServer>&, const std::string&) {
+    return ++pings == 1 ? std::nullopt : std::optional<lumo::NetlogonReply>(lumo::NetlogonReply{});
+  });
+  EXPECT_FALSE(memory({}, "corp.test"));
+  EXPECT_TRUE(memory({}, "corp.test"));
+  EXPECT_TRUE(memory({}, "corp.test"));
+  EXPECT_EQ(pings, 2);
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ function(ferro_test_executable name label sources libs)
     add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/lab/lab" run --with=mit -- $<TARGET_FILE:${name}>)
     set_tests_properties(${name} PROPERTIES LABELS lab TIMEOUT 600)
   else()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)
+    gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)
   endif()
 endfunction()
 

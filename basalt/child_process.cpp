@@ -19,11 +19,6 @@ extern "C" {
 
 #include "basalt/posix_file.h"
 
-// glibc 2.36 declares these for C only.
-extern "C" {
-#include <sys/pidfd.h>
-}
-
 namespace lumo {
 namespace {
 

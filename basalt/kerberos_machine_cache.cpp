@@ -2,14 +2,12 @@
 
 #include <fcntl.h>
 #include <krb5.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #include "basalt/clock.h"
@@ -26,24 +24,6 @@ namespace lumo {
 namespace {
 
 using std::chrono::seconds;
-
-// The lock that lets one process renew. The file stays: removing it would let two hold the lock.
-class RenewalLock {
- public:
-  explicit RenewalLock(const std::string& path)
-      : m_file(openRegular(path, O_RDWR | O_CREAT, 0600, "Cannot lock", false)) {
-    // A holder is busy for one request to the KDC at most.
-    const auto deadline = std::chrono::steady_clock::now() + 2 * KDC_LIMIT;
-    while (flock(m_file.get(), LOCK_EX | LOCK_NB) != 0) {
-      if (errno != EWOULDBLOCK && errno != EINTR) throwSystem("Cannot lock", path, errno);
-      if (std::chrono::steady_clock::now() > deadline) throwSystem("Cannot lock", path, ETIMEDOUT);
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-  }
-
- private:
-  FileDescriptor m_file;  // closing it gives the lock back
-};
 
 // Nobody but this user may have written or read the file.
 bool isOurs(const std::string& path) {
@@ -189,7 +169,8 @@ std::string machineCredentialCache(const std::string& keytabPath, const std::str
   const std::string account = accountIn(context.get(), keytabPath);
   std::string name = "FILE:" + cachePath;
   if (lifeLeft(context.get(), cachePath, account) >= MACHINE_CACHE_RESERVE) return name;
-  const RenewalLock lock(cachePath + ".lock");
+  // A holder is busy for one request to the KDC at most.
+  const FileLock lock(cachePath + ".lock", 2 * KDC_LIMIT);
   const seconds left = lifeLeft(context.get(), cachePath, account);
   if (left >= MACHINE_CACHE_RESERVE) return name;  // another process was faster
   try {

@@ -1,10 +1,7 @@
 #include "quill/local_rpc_server.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,7 +22,7 @@ using lumo::LocalRpcServer;
 using lumo::LocalRpcServerOptions;
 using lumo::LocalRpcSession;
 using lumo::RpcCaller;
-using lumo::SystemException;
+using raw::thrown;
 using namespace std::chrono_literals;
 
 // A small agent: knows two users and one host, and fails where it is told to.
@@ -104,16 +101,6 @@ class LocalRpcServerTest : public testing::Test {
   Agent agent;
   LocalRpcServerOptions options;
 };
-
-template <typename Exception, typename Operation>
-std::string thrown(Operation operation) {
-  try {
-    operation();
-  } catch (const Exception& failure) {
-    return failure.what();
-  }
-  return "nothing";
-}
 
 const std::string FIPS_FRAME = lumo::rpcFrame(R"({"jsonrpc":"2.0","id":1,"method":"getFipsMode","params":{}})");
 const std::string FIPS_REPLY = R"({"jsonrpc":"2.0","id":1,"result":1})";
@@ -346,87 +333,6 @@ TEST_F(LocalRpcServerTest, StopDoesNotWaitForAClientThatDoesNotRead) {
     return made;
   }();
   EXPECT_TRUE(client);
-}
-
-TEST_F(LocalRpcServerTest, TheSocketFileHasItsModeWhateverTheMask) {
-  for (const mode_t mask : {mode_t{0}, mode_t{077}}) {
-    const mode_t before = umask(mask);
-    {
-      LocalRpcServer server(agent, options);
-      EXPECT_EQ(testsupport::modeOf(options.path), 0600U);
-    }
-    options.mode = 0666;
-    {
-      LocalRpcServer server(agent, options);
-      EXPECT_EQ(testsupport::modeOf(options.path), 0666U);
-    }
-    options.mode = 0600;
-    umask(before);
-  }
-  EXPECT_FALSE(testsupport::exists(options.path));
-  EXPECT_FALSE(testsupport::exists(options.path + ".new"));
-}
-
-TEST_F(LocalRpcServerTest, AStaleSocketIsReplaced) {
-  raw::listenAt(options.path);
-  raw::listenAt(options.path + ".new");
-  LocalRpcServer server(agent, options);
-  EXPECT_EQ(session().getFipsMode(), 1);
-}
-
-TEST_F(LocalRpcServerTest, AServedSocketIsLeftAlone) {
-  const std::string served = "Another process serves " + options.path + " already";
-  {
-    const FileDescriptor other = raw::listenAt(options.path);
-    EXPECT_EQ(thrown<IOException>([&] { LocalRpcServer(agent, options); }), served);
-    EXPECT_TRUE(raw::connectTo(options.path));
-  }
-  LocalRpcServer server(agent, options);
-  EXPECT_EQ(thrown<IOException>([&] { LocalRpcServer(agent, options); }), served);
-  EXPECT_EQ(session().getFipsMode(), 1);
-}
-
-TEST_F(LocalRpcServerTest, AServerThatHungWithAFullBacklogIsLeftAlone) {
-  const FileDescriptor hung = raw::listenAt(options.path, 0);
-  std::vector<FileDescriptor> waiting;
-  do {
-    waiting.push_back(raw::connectTo(options.path, SOCK_NONBLOCK));
-  } while (waiting.back());
-  EXPECT_EQ(thrown<IOException>([&] { LocalRpcServer(agent, options); }),
-            "Another process serves " + options.path + " already");
-}
-
-TEST_F(LocalRpcServerTest, AServerStartingAtTheSameMomentIsLeftAlone) {
-  testsupport::writeFile(options.path + ".lock", "", 0600);
-  const FileDescriptor lock(open((options.path + ".lock").c_str(), O_RDWR | O_CLOEXEC));
-  ASSERT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), 0);
-  EXPECT_EQ(thrown<IOException>([&] { LocalRpcServer(agent, options); }),
-            "Another process serves " + options.path + " already");
-  EXPECT_FALSE(testsupport::exists(options.path));
-}
-
-TEST_F(LocalRpcServerTest, WhatIsNoSocketIsLeftAloneAndNamed) {
-  testsupport::writeFile(options.path, "precious");
-  EXPECT_EQ(thrown<SystemException>([&] { LocalRpcServer(agent, options); }),
-            "Cannot serve " + options.path + ": something that is no socket stands there; remove it");
-  EXPECT_EQ(testsupport::readFile(options.path), "precious");
-}
-
-TEST_F(LocalRpcServerTest, ASocketThatCannotBeMadeSaysWhy) {
-  options.path = folder.file("missing/agent");
-  EXPECT_EQ(thrown<SystemException>([&] { LocalRpcServer(agent, options); }),
-            "Cannot serve " + options.path + ": its lock file " + options.path + ".lock cannot be taken");
-  options.path = folder.file(std::string(150, 'x'));
-  EXPECT_EQ(thrown<SystemException>([&] { LocalRpcServer(agent, options); }),
-            "Cannot serve " + options.path + ": File name too long");
-}
-
-TEST_F(LocalRpcServerTest, StopTakesAwayOnlyItsOwnFile) {
-  LocalRpcServer server(agent, options);
-  ASSERT_EQ(unlink(options.path.c_str()), 0);
-  testsupport::writeFile(options.path, "another's");
-  server.stop();
-  EXPECT_EQ(testsupport::readFile(options.path), "another's");
 }
 
 }  // namespace

@@ -15,19 +15,10 @@ using lumo::IPCException;
 using lumo::LocalRpcSession;
 using lumo::rpcFrame;
 using lumo::SystemException;
+using raw::thrown;
 using namespace std::chrono_literals;
 
 const std::string TRUE_1 = raw::reply(R"("id":1,"result":true)");
-
-template <typename Exception, typename Operation>
-std::string thrown(Operation operation) {
-  try {
-    operation();
-  } catch (const Exception& failure) {
-    return failure.what();
-  }
-  return "nothing";
-}
 
 // What authenticateProcess says when the agent answers the request with these bytes and closes.
 std::string answerTo(const std::string& bytes) {

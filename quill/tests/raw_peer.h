@@ -97,4 +97,15 @@ inline int countOf(const char* what) {
   return count;
 }
 
+// The words of the exception that the operation throws.
+template <typename Exception, typename Operation>
+std::string thrown(Operation operation) {
+  try {
+    operation();
+  } catch (const Exception& failure) {
+    return failure.what();
+  }
+  return "nothing";
+}
+
 }  // namespace raw

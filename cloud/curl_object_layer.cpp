@@ -132,11 +132,11 @@ bool NegotiateLayer::withholds(int option) const {
 // Connections, authentication state and the rest of what the handle learnt about its peers stay behind; a share of
 // connections would leave the connections alone behind.
 void NegotiateLayer::renewHandle() {
-  const CurlHandle renewed(curl_easy_duphandle(owner.handle));
+  CurlHandle renewed(curl_easy_duphandle(owner.handle));
   if (!renewed) LUMO_THROW(lumo::CurlException, -1, "Failed to create curl context");
   copyCookies(owner.handle, renewed.get());
   curl_easy_cleanup(owner.handle);
-  owner.handle = const_cast<CurlHandle&>(renewed).release();
+  owner.handle = renewed.release();
 }
 
 void NegotiateLayer::applyAuthentication() {

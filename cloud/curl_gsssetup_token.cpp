@@ -3,9 +3,7 @@
 #include <gssapi/gssapi_ext.h>
 #include <gssapi/gssapi_krb5.h>
 
-#include <cstdint>
-#include <cstring>
-
+#include "basalt/base64.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
@@ -58,42 +56,6 @@ std::string statusText(OM_uint32 major, OM_uint32 minor) {
   appendStatus(text, major, GSS_C_GSS_CODE);
   if (minor != 0) appendStatus(text, minor, GSS_C_MECH_CODE);
   return text;
-}
-
-constexpr char BASE64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-std::string toBase64(const gss_buffer_desc& bytes) {
-  const auto* data = static_cast<const unsigned char*>(bytes.value);
-  std::string text;
-  text.reserve((bytes.length + 2) / 3 * 4);
-  for (size_t at = 0; at < bytes.length; at += 3) {
-    const size_t left = bytes.length - at;
-    std::uint32_t group = std::uint32_t{data[at]} << 16;
-    if (left > 1) group |= std::uint32_t{data[at + 1]} << 8;
-    if (left > 2) group |= data[at + 2];
-    text += BASE64[group >> 18];
-    text += BASE64[group >> 12 & 63];
-    text += left > 1 ? BASE64[group >> 6 & 63] : '=';
-    text += left > 2 ? BASE64[group & 63] : '=';
-  }
-  return text;
-}
-
-std::optional<std::string> fromBase64(const std::string& text) {
-  if (text.size() % 4 != 0) return std::nullopt;
-  const size_t digits = text.find_last_not_of('=') + 1;
-  if (text.size() - digits > 2) return std::nullopt;
-  std::string bytes;
-  std::uint32_t group = 0;
-  for (size_t at = 0; at < digits; ++at) {
-    const char* digit = text[at] == '\0' ? nullptr : std::strchr(BASE64, text[at]);
-    if (digit == nullptr) return std::nullopt;
-    group = group << 6 | static_cast<std::uint32_t>(digit - BASE64);
-    // Four digits carry three bytes: one is whole behind the second, the third and the fourth digit.
-    const size_t place = at % 4;
-    if (place != 0) bytes += static_cast<char>(group >> (6 - 2 * place) & 255);
-  }
-  return bytes;
 }
 
 gss_name_t importName(const std::string& serviceName) {
@@ -165,7 +127,7 @@ bool NegotiateExchange::step(const std::string& input, std::string& output) {
     return false;
   }
   m_established = major == GSS_S_COMPLETE;
-  output = token.buffer.length == 0 ? std::string() : toBase64(token.buffer);
+  output = toBase64(token.buffer.value, token.buffer.length);
   return true;
 }
 

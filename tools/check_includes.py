@@ -20,7 +20,7 @@ GUARDED = [
     (re.compile(r"^(ldap|lber)\.h$"), re.compile(r"^basalt/directory")),
     (re.compile(r"^(krb5|gssapi|gssapi/.*|krb5/.*|com_err|et/com_err|profile)(\.h)?$"),
      re.compile(r"^(base/(include/)?kerb_wrap|basalt/kerberos|cloud/curl_gsssetup)")),
-    (re.compile(r"^sodium"), re.compile(r"^basalt/locked_memory")),
+    (re.compile(r"^sodium"), re.compile(r"^basalt/(locked_memory|base64)")),
     (re.compile(r"^spdlog/"), re.compile(r"^basalt/log(ging|_sinks)")),
     (re.compile(r"^rapidjson/"), re.compile(r"^(quill|cloud)/")),
 ]

@@ -11,7 +11,12 @@ ADAgent* ADAgent::GetADAgent(bool, bool) { return nullptr; }
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
   *deleter = nullptr;
   if (lower(domain) == lower(binding.domain())) return &binding;
-  auto* const own = dynamic_cast<ADBinding*>(&binding);
+  return OpenDomainBind(domain, binding, deleter);
+}
+
+ADBind* OpenDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
+  *deleter = nullptr;
+  const auto* const own = dynamic_cast<ADBinding*>(&binding);
   if (own == nullptr) {
     LUMO_THROW(lumo::BadDataException, 2,
                "Failed to downcast ADBind to ADBinding, incorrect binding type was supplied!");

@@ -20,5 +20,10 @@ class ADAgent {
   ADBind* m_catalogueBinding = nullptr;
 };
 
-// The lookup function for the agent's bindings: a further domain by the agent's own identity.
+// The lookup function for the agent's bindings: the given binding itself for its own domain, else OpenDomainBind.
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*));
+
+// The lookup function of a process without an agent: a new binding to the domain with the given one's identity. The
+// caller releases it with `deleter`. Throws BadDataException, result code 2, when `binding` is no ADBinding, and what
+// ADBinding::connect throws.
+ADBind* OpenDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*));

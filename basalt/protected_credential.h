@@ -24,16 +24,16 @@ class ProtectedCredential {
   ProtectedCredential& operator=(const ProtectedCredential&) = delete;
 
   // Reads and decrypts the file. `verifyFile` checks owner and modes of the file and its folders first. A missing file
-  // leaves loaded() false. Throws FileSecurityException when a check fails; a LUMOException for everything else that is
-  // wrong with the file or the keytab, e.g. "encrypted with key version 3, which the keytab no longer holds; store the
-  // credential again".
+  // leaves isLoaded() false. Throws FileSecurityException when a check fails; a LUMOException for everything else that
+  // is wrong with the file or the keytab, e.g. "encrypted with key version 3, which the keytab no longer holds; store
+  // the credential again".
   void loadFromFile(bool verifyFile);
   // Copies the secret.
   void getSecret(Shredder2& out) const;
   // Sets account and secret in memory.
   void setCred(const std::string& account, const Shredder2& newSecret);
-  // Encrypts with the current key and replaces the file; keyVersion() and encType() are then those of that key. Throws
-  // a LUMOException; the old file is then whole.
+  // Encrypts with the current key and replaces the file; getKeyVersion() and getEncType() are then those of that key.
+  // Throws a LUMOException; the old file is then whole.
   void storeToFile();
   // Removes the file; one that is not there is no failure. Throws a LUMOException.
   void cleanup();

@@ -70,20 +70,6 @@ std::string machineCacheName() {
   }
 }
 
-// The lookup function of a process without an agent.
-ADBind* openDomainBinding(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
-  *deleter = nullptr;
-  const auto* known = dynamic_cast<ADBinding*>(&binding);
-  if (known == nullptr) {
-    LUMO_THROW(lumo::BadDataException, 2,
-               "Failed to downcast ADBind to ADBinding, incorrect binding type was supplied!");
-  }
-  OwnedBinding opened(new ADBinding(domain, *known));
-  *deleter = &releaseBinding;
-  opened->connect("", "", 0);
-  return opened.release();
-}
-
 }  // namespace
 
 int proxyGssSetup(void* first, const char* name, void* third, void* fourth, ProxyGssCallbacks* block) {
@@ -254,7 +240,7 @@ void CurlProxyNegotiateHelper::setSpnLooker() {
     ownsSpnBindings = true;
     OwnedBinding binding(new ADBinding(domain, machineCache, false, "", "", nullptr));
     OwnedBinding catalogue(new ADBinding(domain, machineCache, true, "", "", nullptr));
-    spnLookup = &openDomainBinding;
+    spnLookup = &OpenDomainBind;
     binding->connect("", "", 0);
     catalogue->connect("", "", 0);
     spnBinding = binding.release();

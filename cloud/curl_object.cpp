@@ -63,6 +63,7 @@ CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
 
 CurlObject::~CurlObject() {
   curl_easy_cleanup(handle);
+  forgetTrace();
   std::free(writeBuffer);
   curl_slist_free_all(headerList);
 }

@@ -87,7 +87,12 @@ int CurlObject::debugCallback(CURL*, curl_infotype type, char* data, size_t size
   const char mark = traceMark(type);
   if (self == nullptr || data == nullptr || mark == 0) return 0;
   try {
-    self->debugLines.push_back(mark + std::string(data, strnlen(data, size)));
+    const size_t length = strnlen(data, size);
+    std::string line;
+    line.reserve(length + 1);  // growing would leave a piece of a credential on the heap
+    line += mark;
+    line.append(data, length);
+    self->debugLines.push_back(std::move(line));
   } catch (...) {
     self->callbackFailure = std::current_exception();
   }

@@ -10,6 +10,11 @@ namespace {
 // From here on libcurl would wait for "100 Continue", which many proxies never send.
 constexpr size_t EXPECT_THRESHOLD = 1024 * 1024;
 
+struct WipeAtEnd {
+  ~WipeAtEnd() { wipe(text); }
+  std::string& text;
+};
+
 void append(curl_slist*& list, const char* line) {
   if (curl_slist* longer = curl_slist_append(list, line)) list = longer;
 }
@@ -24,6 +29,11 @@ void CurlObject::rewindAttempt() {
   writeLength = 0;
   writeBuffer = static_cast<char*>(std::calloc(1, 1));
   if (writeBuffer == nullptr) LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
+}
+
+void CurlObject::forgetTrace() {
+  for (std::string& line : debugLines) wipe(line);
+  debugLines.clear();
 }
 
 void CurlObject::buildHeaderList() {
@@ -47,7 +57,7 @@ void CurlObject::buildHeaderList() {
 
 void CurlObject::prepareAttempt(const std::string& url, const std::string& body, int post) {
   setOpt(CURLOPT_POST, post);
-  debugLines.clear();
+  forgetTrace();
   headerLines.clear();
   setOpt(CURLOPT_HEADERDATA, static_cast<void*>(this));
   setOpt(CURLOPT_HEADERFUNCTION, &CurlCallbacks::header);
@@ -80,6 +90,7 @@ void CurlObject::setTransportDefaults() {
 }
 
 std::pair<long, std::string> CurlObject::perform(const std::string& url, const std::string& body, int post) {
+  const WipeAtEnd wipeBody{requestBody};
   for (bool first = true;; first = false) {
     prepareAttempt(url, body, post);
     callbackFailure = nullptr;

@@ -53,7 +53,7 @@ class CurlObject {
   CurlObject& operator=(const CurlObject&) = delete;
 
   // Sets an option and records its number. Throws CurlException "curl error occurred in curl_easy_setopt: %s (%d)" and
-  // does not record it when libcurl refuses.
+  // does not record it when libcurl refuses; also when the mask is NTLM alone and libcurl has no NTLM.
   void setOpt(int option, long value);
   void setOpt(int option, int value) { setOpt(option, static_cast<long>(value)); }
   void setOpt(int option, const char* value);
@@ -77,7 +77,8 @@ class CurlObject {
 
   // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
   // any status counts as success. The body ends at its first zero byte. Throws CurlException "curl error occurred in
-  // curl_easy_perform: %s (%d)".
+  // curl_easy_perform: %s (%d)" or "Not enough memory for curl write buffer", lumo::SystemException when the default
+  // Kerberos credential cannot be barred, and what the GSS set-up function throws. Wipes its copy of the body.
   std::pair<long, std::string> perform(const std::string& url, const std::string& body, int post);
 
   // Sends the cookie with the following requests, in place of a session cookie that an earlier reply left.
@@ -89,8 +90,11 @@ class CurlObject {
   const std::set<int>& recordedOptions() const { return options; }
   const std::vector<std::string>& lastHeaderLines() const { return headerLines; }
 
+  // Another one after each change of identity: to be looked up here for each use.
   CURL* handle = nullptr;
   std::map<std::string, std::string> headers;
+  // What the debug callback was given since the last perform began, credentials in headers included; wiped by the next
+  // perform and with the object.
   std::vector<std::string> debugLines;
 
  private:
@@ -106,6 +110,7 @@ class CurlObject {
                               const lumo::Shredder2& password);
   void prepareAttempt(const std::string& url, const std::string& body, int post);
   void rewindAttempt();
+  void forgetTrace();
   void setTransportDefaults();
   void buildHeaderList();
 

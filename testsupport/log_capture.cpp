@@ -22,6 +22,8 @@ LogCapture::~LogCapture() {
   lumo::Logger::ReconfigureLevels(none);
 }
 
+std::string LogCapture::text() const { return exists(path()) ? readFile(path()) : std::string(); }
+
 std::vector<std::string> LogCapture::lines() const {
   // 2026-03-01T09:30:00.123+0100 PROGRAM[PID] RECORD
   std::istringstream content(readFile(path()));

@@ -17,6 +17,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
+  // All records so far as they stand in the file, as one text.
+  std::string text() const;
   // The records without time and program: "ERROR base.properties: TEXT [FILE:LINE FUNCTION]".
   std::vector<std::string> lines() const;
   // The records' level, logger and text alone: "ERROR base.properties: TEXT".

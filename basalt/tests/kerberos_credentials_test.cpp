@@ -14,8 +14,8 @@
 #include "base/include/kerb_wrap.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
-#include "testsupport/captured_log.h"
 #include "testsupport/fake_credential_source.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
 
 namespace {
@@ -144,7 +144,7 @@ TEST_F(GSSCredentialTest, NeverFallsBackToTheDefaultCache) {
 
   testsupport::writeFile(folder.file("garbage"), "this is no cache");
   testsupport::writeFile(folder.file("empty"), "");
-  const testsupport::CapturedLog log;
+  const testsupport::LogCapture log{"TRACE"};
   lumo::GSSCredential credential;
   const std::string files = "FILE:" + folder.path() + "/";
   for (const std::string& name :

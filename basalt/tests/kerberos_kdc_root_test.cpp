@@ -10,7 +10,7 @@
 #include "basalt/kerberos_credentials.h"
 #include "basalt/kerberos_handles.h"
 #include "base/include/kerb_wrap.h"
-#include "testsupport/captured_log.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/mit_kdc.h"
 #include "testsupport/private_host.h"
 
@@ -77,7 +77,7 @@ TEST_F(PasswordRequestTest, LifetimeIsAskedForAsFarAsTheRealmAllows) {
 }
 
 TEST_F(PasswordRequestTest, WrongPasswordIsRefusedAndNowhereInTheLog) {
-  const testsupport::CapturedLog log;
+  const testsupport::LogCapture log{"TRACE"};
   Answer answer(context.get());
   ask(answer, "alice", "wrong-and-secret");
   EXPECT_EQ(answer.code, static_cast<krb5_error_code>(KRB5KDC_ERR_PREAUTH_FAILED));

@@ -13,7 +13,7 @@
 
 #include "basalt/kerberos_credentials.h"
 #include "base/include/parameter_names.h"
-#include "testsupport/captured_log.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"
 
 namespace {
@@ -144,7 +144,7 @@ TEST_F(KdcLocatorTest, ExchangeAsksAheadForTheJoinedRealm) {
   std::filesystem::create_directories(lumo::path::SETTINGS_STORE);
   chmod(lumo::path::SETTINGS_STORE, 0700);
   testsupport::writeFile(std::string(lumo::path::SETTINGS_STORE) + "domain.name", "corp.test", 0600);
-  const testsupport::CapturedLog log;
+  const testsupport::LogCapture log{"TRACE"};
   DnsServer server({});
   OM_uint32 minor = 1;
   EXPECT_EQ(

@@ -12,9 +12,9 @@
 #include "basalt/kerberos_machine_cache.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/parameter_names.h"
-#include "testsupport/captured_log.h"
 #include "testsupport/fake_credential_source.h"
 #include "testsupport/keytab.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/manual_clock.h"
 #include "testsupport/mit_kdc.h"
 #include "testsupport/private_host.h"
@@ -217,7 +217,7 @@ TEST_F(MachineCacheTest, TicketIsUsedToItsLastMinuteWhileItCannotBeRenewed) {
   ADHelper::GetMachineCredCache();
   kdc.stop();
   testsupport::ManualClock clock;
-  const testsupport::CapturedLog log;
+  const testsupport::LogCapture log{"TRACE"};
   const auto end = contentOf(NAME).end;
   clock.set(end - 5min);
   EXPECT_EQ(ADHelper::GetMachineCredCache(), NAME);

@@ -7,7 +7,7 @@
 #include "base/include/kerb_wrap.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
-#include "testsupport/captured_log.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"
 #include "testsupport/temp_folder.h"
 
@@ -44,7 +44,7 @@ TEST_F(KerberosConfigurationTest, DamagedFileIsMovedToBad) {
 TEST_F(KerberosConfigurationTest, FailingRenameIsLoggedAndTheFileStays) {
   writeFile(CONF, DAMAGED);
   std::filesystem::create_directories(std::string(BAD) + "/full");
-  const testsupport::CapturedLog log;
+  const testsupport::LogCapture log{"TRACE"};
   const KerberosContext context;
   EXPECT_NE(context.get(), nullptr);
   EXPECT_EQ(readFile(CONF), DAMAGED);

@@ -10,7 +10,7 @@
 
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
-#include "testsupport/captured_log.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
 
 namespace {
@@ -59,7 +59,7 @@ class KerberosContextTest : public testing::Test {
   testsupport::TempFolder folder;
   std::string conf = folder.file("krb5.conf");
   std::string bad = conf + ".bad";
-  testsupport::CapturedLog log;
+  testsupport::LogCapture log{"TRACE"};
 };
 
 TEST_F(KerberosContextTest, ReadsTheConfigurationFile) {

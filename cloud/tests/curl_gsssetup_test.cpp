@@ -4,8 +4,8 @@
 #include <gssapi/gssapi_krb5.h>
 
 #include "base/include/parameter_names.h"
-#include "testsupport/captured_log.h"
 #include "testsupport/fake_credential_source.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/memory_directory.h"
 
 using testing::HasSubstr;
@@ -34,7 +34,7 @@ class NegotiateHelperTest : public testing::Test {
   testsupport::FakeCredentialSource source;
   MemoryDirectory directory{"corp.ferro.test"};
   testsupport::DirectoryInForce inForce;
-  testsupport::CapturedLog log;
+  testsupport::LogCapture log{"TRACE"};
   CurlProxyNegotiateHelper helper;
 };
 
@@ -251,6 +251,21 @@ TEST_F(NegotiateHelperTest, SetUpLimitsTheEncryptionTypesOfItsHelper) {
   EXPECT_EQ(proxyGssSetup(nullptr, "HTTP/p@REALM", nullptr, nullptr, &block), 0);
   EXPECT_THAT(log.text(), HasSubstr(told + " 'REALM'"));
   EXPECT_EQ(helper.setupFunction(), &proxyGssSetup);
+}
+
+TEST_F(NegotiateHelperTest, SetUpWithoutANameStillInstallsBothCallbacks) {
+  static int asked;
+  asked = 0;
+  const auto locator = +[](const char*, void*) { return ++asked; };
+  ProxyGssCallbacks block;
+  block.helper = &helper;
+  block.kdcLocator = reinterpret_cast<void*>(locator);
+  EXPECT_EQ(proxyGssSetup(nullptr, nullptr, nullptr, nullptr, &block), 0);
+  EXPECT_EQ(asked, 1);
+  block.initialCredentials = &asked;
+  EXPECT_EQ(proxyGssSetup(nullptr, nullptr, nullptr, nullptr, &block), static_cast<int>(GSS_S_UNAVAILABLE));
+  EXPECT_EQ(asked, 2);
+  EXPECT_THAT(log.text(), Not(HasSubstr("setAllowableEtypes")));
 }
 
 TEST_F(NegotiateHelperTest, ServiceNameTakesTheAccountsSpellingAndRealm) {

@@ -83,3 +83,6 @@ int handleDeleteCommand(CommandOptions& record);
 int handleListCommand(CommandOptions& record);
 int handleTestCommand(CommandOptions& record);
 int handleCredentialCommand(int ch);
+
+// cli_ferrogate_settings.cpp: the name of a Kerberos encryption type as --list shows it, "0x%04x" for a nameless one.
+std::string encTypeText(int encType);

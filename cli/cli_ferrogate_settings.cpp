@@ -68,6 +68,8 @@ int handleDeleteCommand(CommandOptions& record) {
   }
 }
 
+std::string encTypeText(int encType) { return krb5EncTypeName(encType).value_or(VS("0x%04x", encType)); }
+
 int handleListCommand(CommandOptions& record) {
   const lumo::Properties& settings = lumo::Props(false, false);
   printOut("Proxy Server: " + settings.getProperty(lumo::PN::CLOUD_PROXY_SERVER) + "\n" +
@@ -80,7 +82,6 @@ int handleListCommand(CommandOptions& record) {
   }
   printOut("Proxy Account: " + record.username + "\n" +
            VS("Credential Encrypted with Key Version: %d\n", record.keyVersion));
-  printOut("Credential Encryption Type: " + krb5EncTypeName(record.encType).value_or(VS("0x%04x", record.encType)) +
-           "\n");
+  printOut("Credential Encryption Type: " + encTypeText(record.encType) + "\n");
   return result::Success;
 }

@@ -1,4 +1,3 @@
-// Keeps secrets out of what is shown of a connection test.
 #include "cli/cli_ferrogate_trace.h"
 
 #include <algorithm>

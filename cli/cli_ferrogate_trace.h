@@ -15,9 +15,8 @@ UrlPassword findUrlPassword(const std::string& address);
 // The address with six asterisks in place of its password; one without a password is unchanged.
 std::string maskUrlPassword(const std::string& address);
 
-// The trace of a connection from the lines of CurlObject's debug callback, each of which begins with its mark: "*"
-// text,
-// "<" what came in, ">" what went out.
+// The trace of a connection from the lines of CurlObject's debug callback. Each begins with its mark: "*" stands for
+// text, "<" for what came in, ">" for what went out.
 //
 // Behind "Proxy-Authorization:" (also "Authorization:", in any case) and the one character that follows the colon stand
 // six asterisks and then what follows from the next newline on. libcurl may hand out one header block in several

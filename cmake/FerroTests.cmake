@@ -7,13 +7,15 @@
 
 include(GoogleTest)
 
+set(FERRO_TEST_LABELS "unit;loopback;root;lab" CACHE STRING "Which tests to build, by label")
+
 function(ferro_room_tests room)
   if(NOT FERRO_TESTS)
     return()
   endif()
   cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
   file(GLOB all CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*_test.cpp")
-  foreach(label unit loopback root lab)
+  foreach(label ${FERRO_TEST_LABELS})
     set(sources ${all})
     if(label STREQUAL "unit")
       list(FILTER sources EXCLUDE REGEX "_(loopback|root|lab)_test\\.cpp$")

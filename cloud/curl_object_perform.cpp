@@ -8,7 +8,7 @@
 namespace {
 
 // From here on libcurl would wait for "100 Continue", which many proxies never send.
-constexpr size_t EXPECT_THRESHOLD = 1024 * 1024;
+constexpr size_t EXPECT_THRESHOLD = size_t{1024} * 1024;
 
 struct WipeAtEnd {
   ~WipeAtEnd() { wipe(text); }
@@ -47,7 +47,8 @@ void CurlObject::buildHeaderList() {
       append(headerList, authorization.c_str());
       authorization.clear();
     }
-    headerStrings[next] = name + ": " + value;
+    headerStrings[next] = name;
+    headerStrings[next].append(": ").append(value);
     append(headerList, headerStrings[next].c_str());
     ++next;
   }

@@ -148,7 +148,8 @@ std::string DN::domainFromDN(const std::string& dn) {
   for (auto level = levels->rbegin(); level != levels->rend(); ++level) {
     const auto component = domainComponent(*level);
     if (!component) break;
-    domain = domain.empty() ? *component : *component + "." + domain;
+    if (!domain.empty()) domain.insert(0, 1, '.');
+    domain.insert(0, *component);
   }
   return domain;
 }

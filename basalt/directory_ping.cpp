@@ -98,7 +98,7 @@ std::optional<NetlogonReply> PingMemory::operator()(const std::vector<DirectoryS
   const auto known = m_known.find(key);
   if (known != m_known.end() && now < known->second.until) return known->second.reply;
   lock.unLock();
-  const auto reply = m_ping(servers, domain);
+  auto reply = m_ping(servers, domain);
   lock.doLock();
   if (reply) m_known[key] = Known{*reply, now + LIFE};
   return reply;

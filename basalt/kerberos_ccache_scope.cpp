@@ -13,7 +13,8 @@ void requireIdentity(const std::string& name) {
   KrbCCache cache(context.get());
   KrbPrincipal principal(context.get());
   const std::string what = "The Kerberos credential cache '" + name + "' cannot be used";
-  krb5_error_code rc = name.empty() ? KRB5_CC_NOTFOUND : krb5_cc_resolve(context.get(), name.c_str(), cache.out());
+  krb5_error_code rc = static_cast<krb5_error_code>(KRB5_CC_NOTFOUND);
+  if (!name.empty()) rc = krb5_cc_resolve(context.get(), name.c_str(), cache.out());
   if (rc == 0) rc = krb5_cc_get_principal(context.get(), cache.get(), principal.out());
   requireKrb(context.get(), rc, what.c_str());
 }

@@ -58,7 +58,7 @@ CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
   clearOpt(CURLOPT_CAINFO);
   clearOpt(CURLOPT_CAPATH);
   setOpt(CURLOPT_TIMEOUT, TRANSFER_SECONDS);
-  created.release();
+  static_cast<void>(created.release());  // the destructor has it from here on
 }
 
 CurlObject::~CurlObject() {

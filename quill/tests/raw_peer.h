@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -94,6 +95,18 @@ inline int countOf(const char* what) {
   DIR* folder = opendir((std::string("/proc/self/") + what).c_str());
   while (readdir(folder) != nullptr) ++count;
   closedir(folder);
+  return count;
+}
+
+// The threads of this process once there are no more than `expected`, or after five seconds: the kernel lists a thread
+// for a moment longer than a join waits for it.
+inline int threadsDownTo(int expected) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  int count = countOf("task");
+  while (count > expected && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+    count = countOf("task");
+  }
   return count;
 }
 

@@ -296,6 +296,7 @@ TEST_F(LocalRpcServerTest, OutOfDescriptorsAClientIsServedOnceThereAreSome) {
 
 TEST_F(LocalRpcServerTest, StopLetsARequestInHandEndAndLeavesNothing) {
   const int descriptors = raw::countOf("fd");
+  raw::haveHadAThread();
   const int threads = raw::countOf("task");
   auto server = std::make_unique<LocalRpcServer>(agent, options);
   agent.hold = true;

@@ -98,6 +98,13 @@ inline int countOf(const char* what) {
   return count;
 }
 
+// A sanitizer starts a thread of its own along with the first of ours: once this returns, it counts.
+inline void haveHadAThread() {
+  pid_t id = 0;
+  std::thread([&id] { id = gettid(); }).join();
+  while (access(("/proc/self/task/" + std::to_string(id)).c_str(), F_OK) == 0) std::this_thread::yield();
+}
+
 // The threads of this process once there are no more than `expected`, or after five seconds: the kernel lists a thread
 // for a moment longer than a join waits for it.
 inline int threadsDownTo(int expected) {

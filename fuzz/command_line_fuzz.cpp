@@ -28,8 +28,9 @@ std::vector<std::string> wordsFrom(const std::string& input) {
   return words;
 }
 
-void requireRules(int letter, const CommandOptions& record) {
-  const bool machine = record.username == MACHINE_MARKER;
+// A user name that is typed as the machine's marker passes the rules of --machine by, as the parsers judge the option.
+void requireRules(int letter, const CommandOptions& record, bool markerTyped) {
+  const bool machine = record.username == MACHINE_MARKER && !markerTyped;
   if (machine && !record.password.empty()) std::abort();
   if (machine && (!record.authType.empty() || record.clearAuthType)) std::abort();
   if (!record.authRequired.empty() && record.authRequired != "true" && record.authRequired != "false") std::abort();
@@ -47,6 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const int letter = "SDLT"[data[0] % 4U];
   auto words = wordsFrom(std::string(reinterpret_cast<const char*>(data) + 1, size - 1));
+  const auto given = words;
   std::vector<char*> argv;
   for (auto& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
@@ -56,16 +58,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (code != result::Success && code != result::Usage) std::abort();
   // A refusal ends the run at once: what stands behind it was not read.
   if (code != result::Success) return 0;
-  requireRules(letter, record);
-  // Long enough not to stand in another argument by chance, and given as a password only.
+  const bool markerTyped = std::any_of(given.begin(), given.end(), [](const std::string& word) {
+    return word.find(MACHINE_MARKER) != std::string::npos;
+  });
+  requireRules(letter, record, markerTyped);
   const std::string secret = record.password.c_str();
-  if (secret.size() < 8 || (record.username + record.server + record.opxUrl).find(secret) != std::string::npos)
-    return 0;
-  for (const char* argument : argv) {
-    if (argument != nullptr && std::strncmp(argument, "-p", 2) == 0 &&
-        std::strstr(argument, secret.c_str()) != nullptr) {
-      std::abort();
-    }
-  }
+  const auto holds = [&](const std::string& word) { return word.find(secret) != std::string::npos; };
+  // As long as the longest name of an option, so that it is no part of one.
+  if (secret.size() <= std::strlen("--password=")) return 0;
+  // A text that stands in one word only stood there as the password, and is gone.
+  if (std::count_if(given.begin(), given.end(), holds) != 1) return 0;
+  if (std::any_of(words.begin(), words.end(), holds)) std::abort();
   return 0;
 }

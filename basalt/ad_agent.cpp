@@ -5,8 +5,13 @@
 #include "base/include/exceptions.h"
 #include "base/include/string_helpers.h"
 
-// No process starts an agent yet.
 ADAgent* ADAgent::GetADAgent(bool, bool) { return nullptr; }
+
+KerberosContext& ADAgent::kerberosContext() { LUMO_THROW(lumo::BadDataException, -1, "No agent"); }
+
+ADCacheBinding* ADAgent::gcBinding() { return nullptr; }
+
+ADCacheBinding* ADAgent::dcBinding() { return nullptr; }
 
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
   *deleter = nullptr;

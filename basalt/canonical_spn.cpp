@@ -110,7 +110,7 @@ bool CanonicalSpn::canonicalize(std::string& out, ADBind& binding, ADBind& catal
       return false;
     }
     const ADObject& account = *accounts.front();
-    const std::string domain = DN::domainFromDN(account.dn());
+    const std::string domain = dnsDomainOf(account.dn());
     if (domain.empty()) return false;
     auto spelling = ownSpelling(account, name);
     if (!spelling) {

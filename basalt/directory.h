@@ -1,72 +1,13 @@
 // Directory objects, bindings and the seam below them.
 #pragma once
 
-#include <boost/shared_ptr.hpp>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "basalt/directory_object.h"
 #include "base/include/exceptions.h"
-#include "base/include/properties.h"
-
-inline constexpr char AD_DN[] = "distinguishedName";
-inline constexpr char AD_DNS_NAME[] = "dNSHostName";
-inline constexpr char AD_USER_ACCNT_CONTROL[] = "userAccountControl";
-inline constexpr char LUMO_USER_PRINCIPAL_NAME[] = "userPrincipalName";
-
-namespace lumo {
-
-// The values of one attribute, in the directory's order.
-class ADAttribute {
- public:
-  ADAttribute() = default;
-  explicit ADAttribute(std::vector<std::string> values) : m_values(std::move(values)) {}
-  const std::vector<std::string>& values() const { return m_values; }
-  // The first value, empty when there is none.
-  std::string toString() const { return m_values.empty() ? std::string() : m_values.front(); }
-  operator std::string() const { return toString(); }
-  // The first value read as a decimal number; 0 when it is none or does not fit.
-  int toInt() const;
-
- private:
-  std::vector<std::string> m_values;
-};
-
-// One object of the directory; attribute names compare without case.
-class ADObject {
- public:
-  explicit ADObject(std::string dn) : m_dn(std::move(dn)) {}
-  const std::string& dn() const { return m_dn; }
-  bool empty() const { return m_attributes.empty(); }
-  // `withValue`: the attribute must also have a value that is not empty.
-  bool attributeExists(const std::string& name, bool withValue) const;
-  // The attribute, an empty one when it is missing.
-  const ADAttribute& operator[](const std::string& name) const;
-  void set(const std::string& name, std::vector<std::string> values);
-  const std::map<std::string, ADAttribute, StringCaseLessThan>& attributes() const { return m_attributes; }
-
- private:
-  std::string m_dn;
-  std::map<std::string, ADAttribute, StringCaseLessThan> m_attributes;
-};
-
-// A security identifier in text form.
-class SID {
- public:
-  // Throws BadDataException for a text that is no SID.
-  explicit SID(const std::string& text);
-  // The form of a distinguished name that the directory resolves: "<SID=S-1-5-21-...>".
-  std::string toDN() const;
-
- private:
-  std::string m_text;
-};
-
-}  // namespace lumo
-
-using ADObjectPtr = boost::shared_ptr<lumo::ADObject>;
 
 enum class SearchScope { Base, OneLevel, Subtree };
 
@@ -106,6 +47,8 @@ class DirectoryConnector {
   // Throws lumo::DNSUnavailableException when no server can be found, lumo::IOException when none answers,
   // LDAPException when the server refuses the identity.
   virtual std::unique_ptr<DirectoryConnection> open(const Target& target) = 0;
+  // The site of this host in the domain, asked anew by an LDAP ping; empty when nobody tells. Never throws.
+  virtual std::string site(const std::string& domain) = 0;
 
   static DirectoryConnector& getInstance();
   // Null puts the real one back. The caller keeps ownership. Only while one thread runs.
@@ -152,7 +95,18 @@ std::string escapeFilterValue(const std::string& value);
 
 // The DNS domain that a distinguished name (RFC 4514) belongs to: the DC components at its end joined by dots, lower
 // case. Empty when there are none, or when the text is no distinguished name.
+std::string dnsDomainOf(const std::string& dn);
+
 class DN {
  public:
+  // As dnsDomainOf. Throws BadDataException "'%s' belongs to no domain" where that is empty.
   static std::string domainFromDN(const std::string& dn);
+};
+
+class LDAPBinding {
+ public:
+  // The distinguished name behind the first component; empty when there is none, or when the text is no distinguished
+  // name. The spelling of what is left stays.
+  static std::string parent(const std::string& dn);
+  static bool isServerUnavailableException(const LDAPException& failure) { return isServerUnavailable(failure); }
 };

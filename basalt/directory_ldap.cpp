@@ -31,7 +31,7 @@ std::string askForest(const std::vector<DirectoryServer>& servers) {
   for (std::size_t i = 0; i < std::min(servers.size(), MAX_ASKED_FOR_FOREST); ++i) {
     try {
       LdapConnection connection(servers[i], false, {});
-      return DN::domainFromDN((*connection.rootDse())["rootDomainNamingContext"].toString());
+      return dnsDomainOf((*connection.rootDse())["rootDomainNamingContext"].toString());
     } catch (const LDAPException& failure) {
       LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "%s does not tell the forest: %s", servers[i].host.c_str(),
                failure.what());
@@ -52,6 +52,21 @@ class LdapConnector : public DirectoryConnector {
         lookUpSrv, [this](const auto& servers, const std::string& domain) { return m_ping(servers, domain); },
         askForest, randomUpTo};
     return openFirst(target, locateServers(target, sources));
+  }
+
+  std::string site(const std::string& domain) override {
+    try {
+      const SrvAnswer answer = lookUpSrv("_ldap._tcp.dc._msdcs." + domain);
+      std::vector<DirectoryServer> servers;
+      for (const SrvRecord& record : orderSrvRecords(answer.records, randomUpTo)) {
+        servers.push_back({record.target, record.port});
+      }
+      const auto reply = netlogonPing(servers, domain);
+      return reply ? reply->clientSite : std::string();
+    } catch (const std::exception& failure) {
+      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The site in '%s' is not known: %s", domain.c_str(), failure.what());
+      return {};
+    }
   }
 
  private:

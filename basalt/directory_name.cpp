@@ -141,7 +141,7 @@ std::optional<std::string> domainComponent(const Rdn& level) {
 
 }  // namespace
 
-std::string DN::domainFromDN(const std::string& dn) {
+std::string dnsDomainOf(const std::string& dn) {
   const auto levels = DnReader(dn).read();
   if (!levels) return {};
   std::string domain;
@@ -151,6 +151,12 @@ std::string DN::domainFromDN(const std::string& dn) {
     if (!domain.empty()) domain.insert(0, 1, '.');
     domain.insert(0, *component);
   }
+  return domain;
+}
+
+std::string DN::domainFromDN(const std::string& dn) {
+  std::string domain = dnsDomainOf(dn);
+  if (domain.empty()) LUMO_THROW(lumo::BadDataException, -1, "'%s' belongs to no domain", dn.c_str());
   return domain;
 }
 

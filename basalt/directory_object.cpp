@@ -1,9 +1,13 @@
+#include "basalt/directory_object.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
+#include <utility>
 
-#include "basalt/directory.h"
 #include "base/include/exceptions.h"
+#include "base/include/string_helpers.h"
 
 namespace lumo {
 namespace {
@@ -33,6 +37,23 @@ bool isSid(const std::string& text) {
 
 }  // namespace
 
+ADAttribute ADAttribute::unreadable() {
+  ADAttribute attribute;
+  attribute.m_unreadable = true;
+  return attribute;
+}
+
+ADAttribute& ADAttribute::operator=(const std::string& value) {
+  m_values.assign(1, value);
+  m_unreadable = false;
+  return *this;
+}
+
+bool ADAttribute::toBool() const {
+  const std::string text = lower(toString());
+  return text == "true" || text == "yes" || text == "1";
+}
+
 int ADAttribute::toInt() const {
   if (m_values.empty()) return 0;
   const std::string& text = m_values.front();
@@ -46,7 +67,8 @@ bool ADObject::attributeExists(const std::string& name, bool withValue) const {
   const auto found = m_attributes.find(name);
   if (found == m_attributes.end()) return false;
   const auto& values = found->second.values();
-  return !withValue || std::any_of(values.begin(), values.end(), [](const auto& value) { return !value.empty(); });
+  return !withValue || found->second.isNull() ||
+         std::any_of(values.begin(), values.end(), [](const auto& value) { return !value.empty(); });
 }
 
 const ADAttribute& ADObject::operator[](const std::string& name) const {
@@ -55,8 +77,34 @@ const ADAttribute& ADObject::operator[](const std::string& name) const {
   return found == m_attributes.end() ? missing : found->second;
 }
 
+ADAttribute& ADObject::operator[](const std::string& name) { return m_attributes[name]; }
+
+std::string ADObject::getString(const std::string& name, const std::string& defaultValue) const {
+  const auto& values = std::as_const(*this)[name].values();
+  return values.empty() ? defaultValue : values.front();
+}
+
+Guid ADObject::guid() const { return Guid((*this)[AD_OBJECT_GUID].toString()); }
+
+ADObjectPtr ADObject::clone() const { return ADObjectPtr(new ADObject(*this)); }
+
 void ADObject::set(const std::string& name, std::vector<std::string> values) {
   m_attributes[name] = ADAttribute(std::move(values));
+}
+
+Guid::Guid(const std::string& bytes) {
+  if (bytes.size() == sizeof m_bytes) std::memcpy(m_bytes, bytes.data(), sizeof m_bytes);
+}
+
+std::string Guid::toString() const {
+  // The order of the bytes in the text, with a dash in front of some.
+  static constexpr int ORDER[] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+  std::string text;
+  for (std::size_t i = 0; i < sizeof m_bytes; ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += VS("%02x", m_bytes[ORDER[i]]);
+  }
+  return text;
 }
 
 SID::SID(const std::string& text) : m_text(text) {

@@ -55,7 +55,7 @@ std::string loadSetting(const std::string& name, bool required, bool /*refresh*/
   return value.value_or(std::string());
 }
 
-void saveSetting(const std::string& name, const std::string& value) {
+void saveSetting(const std::string& name, const std::string& value, SettingAccess, bool, bool) {
   const std::string where = pathOf(name);
   for (const std::string& folder : {folderOf(path::STATE_FOLDER), folderOf(path::SETTINGS_STORE)}) {
     const mode_t mode = folder == folderOf(path::STATE_FOLDER) ? 0755 : 0700;
@@ -65,8 +65,8 @@ void saveSetting(const std::string& name, const std::string& value) {
   replaceFile(where, content.data(), content.size(), FileOwnerMode{geteuid(), getegid(), 0600});
 }
 
-std::string GetSetting(const std::string& name, const std::string& defaultValue) {
-  const std::string value = loadSetting(name, false, false);
+std::string GetSetting(const std::string& name, const std::string& defaultValue, bool refresh) {
+  const std::string value = loadSetting(name, false, refresh);
   return value.empty() ? defaultValue : value;
 }
 

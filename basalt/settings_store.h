@@ -5,6 +5,7 @@
 
 inline constexpr char SETTING_DOMAIN_NAME[] = "domain.name";
 inline constexpr char SETTING_HOSTSID[] = "host.sid";
+inline constexpr char SETTING_CLOUD_CONNECTORS[] = "cloud.connectors";
 
 namespace lumo {
 
@@ -15,9 +16,12 @@ namespace lumo {
 std::string loadSetting(const std::string& name, bool required, bool refresh);
 
 // Replaces the value; the folder is made when needed. Throws SystemException, the old value then stays.
-void saveSetting(const std::string& name, const std::string& value);
+// Every setting is for root alone.
+enum class SettingAccess : int { Root = 1 };
+void saveSetting(const std::string& name, const std::string& value, SettingAccess access = SettingAccess::Root,
+                 bool sync = true, bool create = true);
 
-// The same as loadSetting(name, false, false), with a default for a setting that is not there or empty.
-std::string GetSetting(const std::string& name, const std::string& defaultValue);
+// The same as loadSetting(name, false, refresh), with a default for a setting that is not there or empty.
+std::string GetSetting(const std::string& name, const std::string& defaultValue, bool refresh = true);
 
 }  // namespace lumo

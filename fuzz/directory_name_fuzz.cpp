@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  DN::domainFromDN(text);
+  dnsDomainOf(text);
   const lumo::CanonicalSpn spn(text);
   if (spn.valid() && text.find('/') == std::string::npos) std::abort();
   if (escapeFilterValue(text).find_first_of("*()") != std::string::npos) std::abort();

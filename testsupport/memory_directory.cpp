@@ -126,6 +126,16 @@ std::vector<MemoryDirectory::Search> MemoryDirectory::searches() const {
   return m_searches;
 }
 
+void MemoryDirectory::setSite(const std::string& site) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_site = site;
+}
+
+std::string MemoryDirectory::site(const std::string&) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_site;
+}
+
 std::unique_ptr<DirectoryConnection> MemoryDirectory::open(const Target& target) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_opened.push_back(target);
@@ -146,7 +156,7 @@ std::vector<ADObjectPtr> MemoryDirectory::search(const Target& target, const Dir
   const std::string base = what.base.empty() && !target.globalCatalog ? dnOf(target.domain) : what.base;
   std::vector<ADObjectPtr> found;
   for (const auto& [dn, object] : m_objects) {
-    if (!target.globalCatalog && DN::domainFromDN(dn) != lower(target.domain)) continue;
+    if (!target.globalCatalog && dnsDomainOf(dn) != lower(target.domain)) continue;
     ADObjectPtr visible(new lumo::ADObject(dn));
     for (const auto& [name, attribute] : object->attributes()) {
       if (!target.globalCatalog || !holds(m_hidden, name)) visible->set(name, attribute.values());

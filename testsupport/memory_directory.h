@@ -48,7 +48,11 @@ class MemoryDirectory : public DirectoryConnector {
   std::vector<Target> opened() const;
   std::vector<Search> searches() const;
 
+  // The site that this host is told.
+  void setSite(const std::string& site);
+
   std::unique_ptr<DirectoryConnection> open(const Target& target) override;
+  std::string site(const std::string& domain) override;
 
  private:
   class Connection;
@@ -64,6 +68,7 @@ class MemoryDirectory : public DirectoryConnector {
   std::map<std::string, ADObjectPtr, lumo::StringCaseLessThan> m_objects;
   std::vector<std::string> m_hidden;
   std::unique_ptr<Pending> m_openFailure, m_searchFailure;
+  std::string m_site;
   std::vector<Target> m_opened;
   std::vector<Search> m_searches;
 };

@@ -12,7 +12,7 @@ struct NameCase {
 class DomainOfName : public testing::TestWithParam<NameCase> {};
 
 TEST_P(DomainOfName, IsTheDomainComponentsAtItsEnd) {
-  EXPECT_EQ(DN::domainFromDN(GetParam().dn), GetParam().domain) << GetParam().dn;
+  EXPECT_EQ(dnsDomainOf(GetParam().dn), GetParam().domain) << GetParam().dn;
 }
 
 INSTANTIATE_TEST_SUITE_P(

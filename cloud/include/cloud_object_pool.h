@@ -69,6 +69,11 @@ class CloudCurlPool {
   CloudCurlPool();
   ~CloudCurlPool();
 
+  // The first idle connection, occupied with that entry, or null when there is none; `offset` is that of the time zone.
+  CurlObject* occupyIdle(const CloudConnEntry& entry, const std::string& offset);
+  CurlObject* occupyNew(const CloudConnEntry& entry, const std::string& offset);
+  void applyProxy(CurlObject& curl);
+
   std::uint64_t maxConnections = 0;
   std::uint64_t occupiedCount = 0;
   std::int32_t occupiedTimeout = 0;

@@ -1,0 +1,70 @@
+#include <memory>
+
+#include "base/include/logger.h"
+#include "base/include/parameter_names.h"
+#include "base/include/properties.h"
+#include "cloud/cloud_object_certs.h"
+#include "cloud/include/cloud_object.h"
+#include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/include/curl_object.h"
+#include "cloud/include/opx.h"
+
+namespace {
+
+boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
+
+// Fills `certStore` only where it is asked for.
+void setTrust(CurlObject& curl, std::string& certStore) {
+  const lumo::Properties& settings = lumo::Props(false, false);
+  if (settings.getBool(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION, false)) {
+    curl.setOpt(CURLOPT_SSL_VERIFYPEER, 0);
+    curl.setOpt(CURLOPT_SSL_VERIFYHOST, 0);
+    return;
+  }
+  curl.setOpt(CURLOPT_SSL_VERIFYPEER, 1);
+  curl.setOpt(CURLOPT_SSL_VERIFYHOST, 2);
+  certStore = settings.getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
+  if (certStore.empty()) certStore = findCertBundle();
+  if (certStore.empty()) {
+    LUMO_LOG(logger(), 4,
+             "Cloud cert verification is enabled yet no valid cert store found.Cloud connections may fail");
+    return;
+  }
+  curl.setOpt(CURLOPT_CAINFO, certStore);
+  LUMO_LOG(logger(), 1, "Will use cert store : '%s' for cloud cert verification.", certStore.c_str());
+}
+
+}  // namespace
+
+CloudBase::~CloudBase() {
+  try {
+    releaseCurl();
+  } catch (const LUMOException& failure) {
+    LUMO_LOG(logger(), 3, "A connection could not be given back: %s", failure.what());
+  }
+}
+
+void CloudBase::getCurl(const std::string& userName, const std::string& programName) {
+  if (curl != nullptr) return;
+  curl = CloudCurlPool::getInstance().getCurl(userName, programName);
+  if (curl == nullptr) return;
+  try {
+    setTrust(*curl, certStore);
+  } catch (...) {
+    // It may still trust what an earlier holder's settings said.
+    releaseCurl();
+    throw;
+  }
+}
+
+void CloudBase::releaseCurl() { CloudCurlPool::getInstance().releaseCurl(std::exchange(curl, nullptr)); }
+
+void CloudBase::setProxy(const CloudProxyInfo& proxy) { CloudCurlPool::getInstance().setProxy(proxy); }
+
+void CloudBase::resetProxy() {
+  const bool isDirect = lumo::Props(false, false).getBool(lumo::PN::CLOUD_DIRECT_CONNECTION, false);
+  LUMO_LOG(logger(), 1, "Reset cloud web proxy...");
+  if (isDirect) return;
+  CloudConnectorLocator::getInstance(cloudUrl)->discardCurrentCloudConnector();
+  setProxy(getCloudHttpProxy(cloudUrl));
+}

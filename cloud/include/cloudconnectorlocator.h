@@ -90,7 +90,10 @@ class CloudConnectorLocator {
 
   // cloudconnectorlocator_search.cpp: the search, and its answer sorted.
   static const char* const* getSearchAttributes();
+  struct SortedConnectors;
   void processList(const LocatorLock& held, const boost::shared_ptr<ADObjectList>& found);
+  void sortConnector(const LocatorLock& held, const ADObjectPtr& connector, SortedConnectors& sorted);
+  void tryOverrideFirst(const LocatorLock& held);
   // cloudconnectorlocator_decision.cpp: which platform URL.
   void decideCloudUrl(const LocatorLock& held);
 

@@ -3,7 +3,7 @@
 #   NAME_loopback_test.cpp  label loopback  real libcurl, sockets on loopback, port 0
 #   NAME_root_test.cpp      label root      uid 0; every test in a private mount and network namespace
 #   NAME_lab_test.cpp       label lab       the private domain; one lab for all tests of the room
-# One executable per room and label.
+# One executable per room and label. LAB_WITH names the extras of the room's lab, "mit" where nothing is said.
 
 include(GoogleTest)
 
@@ -13,7 +13,10 @@ function(ferro_room_tests room)
   if(NOT FERRO_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LAB_WITH" "LIBS" ${ARGN})
+  if(NOT ARG_LAB_WITH)
+    set(ARG_LAB_WITH mit)
+  endif()
   file(GLOB all CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*_test.cpp")
   foreach(label ${FERRO_TEST_LABELS})
     set(sources ${all})
@@ -23,16 +26,16 @@ function(ferro_room_tests room)
       list(FILTER sources INCLUDE REGEX "_${label}_test\\.cpp$")
     endif()
     if(sources)
-      ferro_test_executable(${room}_${label}_test ${label} "${sources}" "${ARG_LIBS}")
+      ferro_test_executable(${room}_${label}_test ${label} "${sources}" "${ARG_LIBS}" "${ARG_LAB_WITH}")
     endif()
   endforeach()
 endfunction()
 
-function(ferro_test_executable name label sources libs)
+function(ferro_test_executable name label sources libs lab_with)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE ${libs} ferro_testsupport_${label} GTest::gmock GTest::gtest)
   if(label STREQUAL "lab")
-    add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/lab/lab" run --with=mit -- $<TARGET_FILE:${name}>)
+    add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/lab/lab" run --with=${lab_with} -- $<TARGET_FILE:${name}>)
     set_tests_properties(${name} PROPERTIES LABELS lab TIMEOUT 600)
   else()
     gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)

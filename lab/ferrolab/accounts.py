@@ -1,34 +1,14 @@
-"""The lab's accounts in the directory's database.
+"""Users, services and their keytabs in the directory's database."""
+from ferrolab import names
 
-usage: accounts.py SMB_CONF fill                       users, services and their keytabs, once after provisioning
-       accounts.py SMB_CONF set-enctypes ACCOUNT BITS  msDS-SupportedEncryptionTypes of an account
-
-A program of its own: it works on the database itself, with or without the controller, and Samba's modules load slowly.
-"""
-import sys
-from pathlib import Path
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
-
-from ferrolab import names  # noqa: E402
-
-import ldb  # noqa: E402
-import samba.dckeytab  # noqa: E402,F401  (adds export_keytab to Net)
-from samba.auth import system_session  # noqa: E402
-from samba.net import Net  # noqa: E402
-from samba.param import LoadParm  # noqa: E402
-from samba.samdb import SamDB  # noqa: E402
+import ldb
+import samba.dckeytab  # noqa: F401  (adds export_keytab to Net)
+from samba.net import Net
 
 AES_AND_RC4 = "28"
 ACCOUNT_DISABLED = 0x2
 NEVER = "-9223372036854775808"
 LONG_AGO = "130000000000000000"  # 2012, in the directory's count of 100 ns since 1601
-
-
-def open_directory(smb_conf):
-    parameters = LoadParm()
-    parameters.load(smb_conf)
-    return SamDB(session_info=system_session(), lp=parameters), parameters
 
 
 def change(directory, account, **values):
@@ -58,8 +38,8 @@ def add_users(directory):
             change(directory, account.name, accountExpires=LONG_AGO)
 
 
-def add_services(directory, parameters):
-    for account, keytabs in names.SERVICES.items():
+def add_services(directory, parameters, features):
+    for account, keytabs in names.services(features).items():
         directory.newuser(account, f"{account}-Secret1")
         change(directory, account, servicePrincipalName=list(keytabs), msDS_SupportedEncryptionTypes=AES_AND_RC4)
         for principal, keytab in keytabs.items():
@@ -77,32 +57,3 @@ def add_controller_services(directory):
     missing = [service for service in services if service.lower() not in have]
     message["add"] = ldb.MessageElement(missing, ldb.FLAG_MOD_ADD, "servicePrincipalName")
     directory.modify(message)
-
-
-def add_site_subnet(directory):
-    """Every address of the lab lies in its site."""
-    site = f"CN={names.SITE},CN=Sites,CN=Configuration,{names.BASE_DN}"
-    directory.add({"dn": f"CN=127.0.0.0/8,CN=Subnets,CN=Sites,CN=Configuration,{names.BASE_DN}",
-                   "objectClass": "subnet", "siteObject": site})
-
-
-def fill(directory, parameters):
-    directory.transaction_start()
-    add_users(directory)
-    add_site_subnet(directory)
-    add_controller_services(directory)
-    directory.transaction_commit()
-    add_services(directory, parameters)
-
-
-def main(smb_conf, command, *arguments):
-    directory, parameters = open_directory(smb_conf)
-    if command == "fill":
-        fill(directory, parameters)
-    else:
-        account, bits = arguments
-        change(directory, account, msDS_SupportedEncryptionTypes=bits)
-
-
-if __name__ == "__main__":
-    main(*sys.argv[1:])

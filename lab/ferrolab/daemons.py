@@ -96,9 +96,10 @@ def send(pids, number):
             pass
 
 
-def gone_within(members, seconds):
+def comes_true(condition, seconds):
+    """Waits for something that other processes do; false when it has not come to be in that time."""
     limit = time.monotonic() + seconds
-    while members & processes().keys():
+    while not condition():
         if time.monotonic() > limit:
             return False
         time.sleep(PAUSE)
@@ -155,9 +156,9 @@ class Daemon:
         if self.pid_file.exists():
             members = family(self.leader())
             send(members & {self.leader()}, self.stop_signal)
-            if not gone_within(members, STOP_LIMIT):
+            if not comes_true(lambda: not members & processes().keys(), STOP_LIMIT):
                 send(members, signal.SIGKILL)
-                if not gone_within(members, STOP_LIMIT):
+                if not comes_true(lambda: not members & processes().keys(), STOP_LIMIT):
                     raise LabError(f"{self.name} does not end")
         self.pid_file.unlink(missing_ok=True)
 

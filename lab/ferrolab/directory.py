@@ -13,7 +13,7 @@ PRIVILEGED = FOLDER / "state" / "winbindd_privileged"
 SERVICES = "rpc ldap cldap kdc dns winbindd"
 
 
-def provision():
+def provision(features):
     WINBIND.parent.mkdir(exist_ok=True)
     run(["samba-tool", "domain", "provision", "--server-role=dc", "--dns-backend=SAMBA_INTERNAL", "--use-rfc2307",
          f"--realm={names.REALM}", f"--domain={names.NETBIOS}", "--host-name=DC1", f"--host-ip={names.DC_ADDRESS}",
@@ -25,11 +25,19 @@ def provision():
     # Making the key of an LDAPS that nobody uses would take seconds; provisioning does not take this option.
     SMB_CONF.write_text(SMB_CONF.read_text().replace("[global]\n", "[global]\n\ttls enabled = no\n", 1))
     (names.STATE / "keytabs").mkdir(exist_ok=True)
-    accounts("fill")
+    database("fill", ",".join(features))
 
 
-def accounts(*arguments):
-    run([sys.executable, "-IB", Path(__file__).with_name("accounts.py"), SMB_CONF, *arguments], "changing the accounts")
+def database(*arguments):
+    """Changes the directory's database, whether the controller runs or not."""
+    run([sys.executable, "-IB", Path(__file__).with_name("database.py"), SMB_CONF, *arguments], "changing the directory")
+
+
+def as_administrator(program, *options, text=""):
+    """Runs one of the LDAP tools against the controller and returns what it said."""
+    cache = f"KRB5CCNAME=FILE:{FOLDER}/administrator.ccache"
+    run(["env", cache, "kinit", names.ADMIN], "taking the administrator's ticket", names.ADMIN_PASSWORD + "\n")
+    return run(["env", cache, program, "-Q", "-Y", "GSSAPI", "-H", f"ldap://{names.DC}", *options], program, text)
 
 
 def admit_ntlm_helper():

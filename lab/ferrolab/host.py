@@ -1,8 +1,9 @@
 """The joined host: its name files, its Kerberos configuration, its account in the domain."""
+import subprocess
 from pathlib import Path
 
-from ferrolab import names
-from ferrolab.daemons import run
+from ferrolab import connectors, names
+from ferrolab.daemons import LabError, comes_true, run
 
 KRB5_CONF = """[libdefaults]
 \tdefault_realm = {realm}
@@ -24,6 +25,8 @@ KRB5_CONF_MIT = """
 \t.{domain} = {realm}
 """
 
+TICKET_LIMIT = 10.0
+
 
 def replace(path, text):
     """Writes a file of /etc anew, whatever it was before: a link or somebody's mount."""
@@ -36,8 +39,12 @@ def replace(path, text):
 def hosts(features):
     """One line per name, so that every name is canonical; peers are found with the directory down as well."""
     rows = [("127.0.0.1", "localhost"), (names.DC_ADDRESS, f"{names.DC} dc1"), (names.HOST_ADDRESS, f"{names.HOST} host1")]
-    rows += [(names.PROXY_ADDRESS, proxy.host) for proxy in names.proxies(features)]
-    rows += [(names.CONNECTOR_ADDRESS, names.CONNECTOR), (names.PLATFORM_ADDRESS, names.PLATFORM)]
+    rows += [(proxy.address, proxy.host) for proxy in names.proxies(features)]
+    if "connectors" in features:
+        rows += [(names.SILENT_ADDRESS, record.host) for record in connectors.UNSERVED]
+    else:
+        rows.append((names.CONNECTOR_ADDRESS, names.CONNECTOR))
+    rows.append((names.PLATFORM_ADDRESS, names.PLATFORM))
     if "mit" in features:
         rows.append((names.MIT_KDC_ADDRESS, names.MIT_KDC))
     return "".join(f"{address}\t{name}\n" for address, name in rows)
@@ -67,3 +74,21 @@ def join():
 def rotate_machine_password():
     """A new password and key version in the directory and in the keytab, as the host's own upkeep would do it."""
     adcli("update", "--computer-password-lifetime=0")
+
+
+def add_name(known, new):
+    """The address of a known name has the new one as well."""
+    rows = [line.split() for line in Path("/etc/hosts").read_text().splitlines()]
+    address = next((row[0] for row in rows if known in row[1:]), names.SILENT_ADDRESS)
+    with open("/etc/hosts", "a", encoding="ascii") as hosts_file:
+        hosts_file.write(f"{address}\t{new}\n")
+
+
+def expire_machine_ticket(seconds):
+    """The product's cache of the machine's ticket gets one that ends in so many seconds, or that has just ended."""
+    cache = f"FILE:{names.MACHINE_CACHE}"
+    run(["kinit", "-k", "-t", names.HOST_KEYTAB, "-c", cache, "-l", f"{max(seconds, 1)}s", f"{names.COMPUTER}$"],
+        "taking a short ticket")
+    valid = ["klist", "-s", "-c", cache]
+    if seconds == 0 and not comes_true(lambda: subprocess.run(valid, check=False).returncode != 0, TICKET_LIMIT):
+        raise LabError("the machine's ticket does not end")

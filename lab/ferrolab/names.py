@@ -6,14 +6,17 @@ DOMAIN = "corp.ferro.test"
 REALM = DOMAIN.upper()
 NETBIOS = "CORP"
 SITE = "LabSite"
+BRANCH_SITE = "BranchSite"
+FAR_SITE = "FarSite"
 BASE_DN = ",".join("DC=" + label for label in DOMAIN.split("."))
 
 MIT_DOMAIN = "mit.ferro.test"
 MIT_REALM = MIT_DOMAIN.upper()
 
 DC = f"dc1.{DOMAIN}"
+DEAD_DC = f"dc9.{DOMAIN}"
 HOST = f"host1.{DOMAIN}"
-CONNECTOR = f"connector.{DOMAIN}"
+CONNECTOR = f"connector1.{DOMAIN}"
 PLATFORM = f"platform.{DOMAIN}"
 MIT_KDC = f"kdc.{MIT_DOMAIN}"
 COMPUTER = "HOST1"
@@ -24,7 +27,15 @@ PROXY_ADDRESS = "127.0.0.4"
 CONNECTOR_ADDRESS = "127.0.0.5"
 PLATFORM_ADDRESS = "127.0.0.6"
 MIT_KDC_ADDRESS = "127.0.0.7"
+CONNECTOR2_ADDRESS = "127.0.0.8"
+DEAD_DC_ADDRESS = "127.0.0.9"  # nobody listens there
+SILENT_ADDRESS = "127.0.0.10"  # nor there
+BRANCH1_ADDRESS = "127.0.1.5"
 ADDRESSES = (DC_ADDRESS, HOST_ADDRESS, PROXY_ADDRESS, CONNECTOR_ADDRESS, PLATFORM_ADDRESS, MIT_KDC_ADDRESS)
+
+# The subnets of the sites; this host's is there in every lab, the others with `connectors`.
+HOST_SUBNET = "127.0.0.0/24"
+FURTHER_SITES = {BRANCH_SITE: "127.0.1.0/24", FAR_SITE: "127.0.2.0/24"}
 
 # What the platform stand-in shows on each port of its address.
 PLATFORM_PORTS = {"good": 443, "foreign": 8443, "expired": 8444, "wrongname": 8445}
@@ -33,8 +44,9 @@ STATE = Path("/run/ferrolab")
 CA_FILE = STATE / "tls" / "ca.crt"
 CA_FOLDER = STATE / "tls" / "trusted"
 SYSTEM_BUNDLE = Path("/etc/ssl/certs/ca-certificates.crt")
+MACHINE_CACHE = Path("/var/morvand/machine.ccache")  # the product's
 HOST_KEYTAB = Path("/etc/krb5.keytab")
-FEATURES = ("mit", "trust")
+FEATURES = ("mit", "trust", "connectors", "crowd")
 
 ADMIN = "Administrator"
 ADMIN_PASSWORD = "Lab-Adm1n-Pass"
@@ -66,6 +78,7 @@ class Proxy:
     port: int
     schemes: tuple
     domain: str = DOMAIN
+    address: str = PROXY_ADDRESS
 
     @property
     def host(self):
@@ -94,17 +107,31 @@ PROXIES = (
     Proxy("open", 3133, ()),
 )
 MIT_PROXY = Proxy("mitneg", 3134, ("negotiate",), MIT_DOMAIN)
-CONNECTOR_KEYTAB = STATE / "keytabs" / "connector.keytab"
 
-# Accounts that hold service principal names, and the keytabs that are exported for them.
-SERVICES = {
-    "svc-proxy": {f"HTTP/{p.host}": p.keytab for p in PROXIES if "negotiate" in p.schemes},
-    "svc-connector": {f"HTTP/{CONNECTOR}": CONNECTOR_KEYTAB},
-}
+# The web proxies of the connectors that work; the first one's other service is there in every lab.
+CONNECTOR_PORT = 8080
+CONNECTORS = (
+    Proxy("connector1", CONNECTOR_PORT, (), address=CONNECTOR_ADDRESS),
+    Proxy("connector2", CONNECTOR_PORT, (), address=CONNECTOR2_ADDRESS),
+    Proxy("branch1", CONNECTOR_PORT, (), address=BRANCH1_ADDRESS),
+)
 
 
 def proxies(features):
-    return PROXIES + ((MIT_PROXY,) if "mit" in features else ())
+    return PROXIES + ((MIT_PROXY,) if "mit" in features else ()) + (CONNECTORS if "connectors" in features else ())
+
+
+def iwa_connectors(features):
+    """The connectors whose service with Negotiate runs."""
+    return CONNECTORS if "connectors" in features else CONNECTORS[:1]
+
+
+def services(features):
+    """Accounts that hold service principal names, and the keytabs that are exported for them."""
+    return {
+        "svc-proxy": {f"HTTP/{p.host}": p.keytab for p in PROXIES if "negotiate" in p.schemes},
+        "svc-connector": {f"HTTP/{c.host}": c.keytab for c in iwa_connectors(features)},
+    }
 
 
 def environment(features, tool):
@@ -128,7 +155,7 @@ def environment(features, tool):
         "FERRO_LAB_CONNECTOR_URL": f"https://{CONNECTOR}/",
         "FERRO_LAB_CONNECTOR_HTTP_URL": f"http://{CONNECTOR}/",
         "FERRO_LAB_CONNECTOR_SPN": f"HTTP/{CONNECTOR}@{REALM}",
-        "FERRO_LAB_CONNECTOR_LOG": str(STATE / "apache" / "connector.log"),
+        "FERRO_LAB_CONNECTOR_LOG": str(STATE / "apache" / "connector1.log"),
         "FERRO_LAB_PLATFORM": PLATFORM,
         "FERRO_LAB_PLATFORM_HTTP_URL": f"http://{PLATFORM}/",
         "FERRO_LAB_PLATFORM_LOG": str(STATE / "apache" / "platform.log"),

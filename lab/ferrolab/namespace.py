@@ -6,7 +6,7 @@ import subprocess
 from pathlib import Path
 
 from ferrolab.daemons import LabError, run
-from ferrolab.names import ADDRESSES, STATE
+from ferrolab.names import ADDRESSES, HOST_ADDRESS, STATE
 
 UNSHARE = ["unshare", "-n", "-m", "-u", "-i", "-p", "--fork", "--mount-proc", "--kill-child", "--propagation", "private"]
 
@@ -115,4 +115,6 @@ def prepare(hostname):
     Path("/run/lock").mkdir(mode=0o1777)
     run(["hostname", hostname], "setting the host name")
     commands = "".join(f"address add {address}/8 dev lo\n" for address in ADDRESSES)
-    run(["ip", "-batch", "-"], "bringing up loopback", f"link set lo up\n{commands}")
+    # Whoever the host speaks to sees its own address: the controller takes 127.0.0.1 to be in every site.
+    sources = "".join(f"route replace local {net} dev lo table local src {HOST_ADDRESS}\n" for net in ("127.0.0.0/8", *ADDRESSES))
+    run(["ip", "-batch", "-"], "bringing up loopback", f"link set lo up\n{commands}{sources}")

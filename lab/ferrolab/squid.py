@@ -69,11 +69,11 @@ def write_passwords():
 def prepare(proxy):
     proxy.folder.mkdir(exist_ok=True)
     shutil.chown(proxy.folder, "proxy", "proxy")
-    if proxy.keytab.exists():
+    if "negotiate" in proxy.schemes:
         shutil.chown(proxy.keytab, "proxy", "proxy")
     access = "acl known proxy_auth REQUIRED\nhttp_access allow known\n" if proxy.schemes else "http_access allow all\n"
     (proxy.folder / "squid.conf").write_text(CONF.format(
-        address=names.PROXY_ADDRESS, port=proxy.port, host=proxy.host, folder=proxy.folder, dns=names.DC_ADDRESS,
+        address=proxy.address, port=proxy.port, host=proxy.host, folder=proxy.folder, dns=names.DC_ADDRESS,
         auth=auth_lines(proxy), access=access))
     proxy.access_log.touch()
     shutil.chown(proxy.access_log, "proxy", "proxy")
@@ -82,4 +82,4 @@ def prepare(proxy):
 def daemon(proxy):
     # Asked politely it takes a second to end; its log has every line already.
     return Daemon(f"squid-{proxy.name}", ["squid", "-N", "-n", f"lab{proxy.name}", "-f", proxy.folder / "squid.conf"],
-                  [listens(names.PROXY_ADDRESS, proxy.port)], logs=[proxy.folder / "cache.log"], stop_signal=signal.SIGKILL)
+                  [listens(proxy.address, proxy.port)], logs=[proxy.folder / "cache.log"], stop_signal=signal.SIGKILL)

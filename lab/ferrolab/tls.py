@@ -24,25 +24,26 @@ commonName = supplied
 KEY = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
 
 
-def subject(host):
-    return ["-subj", f"/CN={host}", "-addext", f"subjectAltName=DNS:{host}"]
+def subject(hosts):
+    names_in_it = ",".join(f"DNS:{host}" for host in hosts)
+    return ["-subj", f"/CN={hosts[0]}", "-addext", f"subjectAltName={names_in_it}"]
 
 
 def self_signed(name, host, *options):
     run(["openssl", "req", "-x509", *KEY, "-keyout", FOLDER / f"{name}.key", "-out", FOLDER / f"{name}.crt", "-days", "30",
-         *subject(host), *options], f"making the certificate '{name}'")
+         *subject([host]), *options], f"making the certificate '{name}'")
 
 
-def issued(name, host, start="20200101000000Z", end="20491231235959Z"):
+def issued(name, *hosts, start="20200101000000Z", end="20491231235959Z"):
     """A certificate of the lab's authority."""
     request = FOLDER / f"{name}.csr"
-    run(["openssl", "req", "-new", *KEY, "-keyout", FOLDER / f"{name}.key", "-out", request, *subject(host)],
+    run(["openssl", "req", "-new", *KEY, "-keyout", FOLDER / f"{name}.key", "-out", request, *subject(hosts)],
         f"asking for the certificate '{name}'")
     run(["openssl", "ca", "-batch", "-notext", "-config", FOLDER / "ca.conf", "-in", request, "-startdate", start,
          "-enddate", end, "-out", FOLDER / f"{name}.crt"], f"issuing the certificate '{name}'")
 
 
-def make():
+def make(features):
     FOLDER.mkdir()
     (FOLDER / "ca.conf").write_text(CA_CONF.format(folder=FOLDER))
     (FOLDER / "index").touch()
@@ -52,7 +53,7 @@ def make():
     issued("good", names.PLATFORM)
     issued("expired", names.PLATFORM, end="20200201000000Z")
     issued("wrongname", f"elsewhere.{names.DOMAIN}")
-    issued("connector", names.CONNECTOR)
+    issued("connector", *(connector.host for connector in names.iwa_connectors(features)))
     self_signed("foreign", names.PLATFORM)
     names.CA_FOLDER.mkdir()
     shutil.copy(names.CA_FILE, names.CA_FOLDER / "lab.pem")

@@ -48,7 +48,7 @@ PLATFORM = """Listen {address}:{port}
 CONNECTOR = """Listen {address}:{port}
 <VirtualHost {address}:{port}>
   ServerName {host}
-  CustomLog {folder}/connector.log lab
+  CustomLog {folder}/{name}.log lab
   DocumentRoot {folder}/connector
   <Directory {folder}/connector>
     ForceType application/json
@@ -73,30 +73,32 @@ def virtual_host(template, address, port, host, certificate, **more):
     return template.format(address=address, port=port, host=host, folder=FOLDER, tls=tls, statuses=statuses, **more)
 
 
-def configuration():
+def configuration(features):
     text = "".join(f"LoadModule {name}_module {MODULES}/mod_{name}.so\n" for name in LOADED) + HEAD.format(folder=FOLDER)
     for kind, port in names.PLATFORM_PORTS.items():
         text += virtual_host(PLATFORM, names.PLATFORM_ADDRESS, port, names.PLATFORM, kind)
     text += virtual_host(PLATFORM, names.PLATFORM_ADDRESS, 80, names.PLATFORM, "")
-    for port, certificate in ((443, "connector"), (80, "")):
-        text += virtual_host(CONNECTOR, names.CONNECTOR_ADDRESS, port, names.CONNECTOR, certificate,
-                             keytab=names.CONNECTOR_KEYTAB)
+    for connector in names.iwa_connectors(features):
+        for port, certificate in ((443, "connector"), (80, "")):
+            text += virtual_host(CONNECTOR, connector.address, port, connector.host, certificate, name=connector.name,
+                                 keytab=connector.keytab)
     return text
 
 
-def prepare():
-    """Needs the certificates and the connector's keytab."""
+def prepare(features):
+    """Needs the certificates and the connectors' keytabs."""
     FOLDER.mkdir()
     (FOLDER / "platform").mkdir()
     (FOLDER / "platform" / "index.json").write_text('{"success":true,"Result":{"lab":"platform"}}\n')
     iwa = FOLDER / "connector" / "iwa"
     iwa.mkdir(parents=True)
     (iwa / "SiteCheck").write_text('{"result":"success","otc":"one-time-code-of-the-lab"}\n')
-    shutil.chown(names.CONNECTOR_KEYTAB, "www-data", "www-data")
-    (FOLDER / "apache.conf").write_text(configuration())
+    for connector in names.iwa_connectors(features):
+        shutil.chown(connector.keytab, "www-data", "www-data")
+    (FOLDER / "apache.conf").write_text(configuration(features))
 
 
-def daemon():
+def daemon(features):
     probes = [listens(names.PLATFORM_ADDRESS, port) for port in (80, *names.PLATFORM_PORTS.values())]
-    probes += [listens(names.CONNECTOR_ADDRESS, port) for port in (80, 443)]
+    probes += [listens(connector.address, port) for connector in names.iwa_connectors(features) for port in (80, 443)]
     return Daemon("apache", ["apache2", "-f", FOLDER / "apache.conf", "-DFOREGROUND"], probes, logs=[FOLDER / "error.log"])

@@ -148,7 +148,7 @@ void CloudConnectorLocator::processList(const LocatorLock& held, const boost::sh
 
 void CloudConnectorLocator::sortConnector(const LocatorLock& held, const ADObjectPtr& connector,
                                           SortedConnectors& sorted) {
-  // A copy of its own: what the binding remembers stays as the directory told it.
+  // A copy of its own: the answer stays as the directory gave it.
   const ADObjectPtr record = connector ? connector->clone() : boost::make_shared<lumo::ADObject>();
   loadAttributes(held, record);
   const std::string fqdn = record->getString(LUMO_CLOUD_PROXY_FQDN, "");

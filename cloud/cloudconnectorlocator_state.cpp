@@ -1,0 +1,122 @@
+#include <vector>
+
+#include "basalt/settings_store.h"
+#include "base/include/logger.h"
+#include "base/include/string_helpers.h"
+#include "cloud/cloudconnectorlocator_record.h"
+#include "cloud/include/cloudconnectorlocator.h"
+
+namespace {
+
+constexpr std::size_t FIELDS = 7;
+constexpr char NOT_ENABLED[] = "-";
+
+// The fields of the first line that has enough of them, none empty; empty when no line has.
+std::vector<std::string> firstUsableLine(const std::string& state) {
+  std::vector<std::string> lines;
+  StringSplit('\n', state, lines);
+  for (const std::string& line : lines) {
+    std::vector<std::string> fields;
+    StringSplit('|', line, fields);
+    bool whole = fields.size() >= FIELDS;
+    for (const std::string& field : fields) whole = whole && !field.empty();
+    if (whole) return fields;
+  }
+  return {};
+}
+
+bool isOn(const lumo::ADObject& record, const char* setting) { return record[setting].toBool(); }
+
+// The services as the two port fields tell them.
+void setIwa(lumo::ADObject& record, const std::string& httpPort, const std::string& httpsPort) {
+  const bool enabled = httpPort != NOT_ENABLED;
+  const bool https = enabled && httpsPort != NOT_ENABLED;
+  record[LUMO_CLOUD_CONNECTOR_IWA_USEHTTPS] = https ? "True" : "False";
+  record[LUMO_CLOUD_CONNECTOR_IWA_ENABLED] = enabled ? "True" : "False";
+  if (enabled) record[LUMO_CLOUD_CONNECTOR_IWA_HTTP_PORT] = httpPort;
+  if (https) record[LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT] = httpsPort;
+}
+
+ADObjectPtr recordOf(const std::vector<std::string>& fields) {
+  const std::string &fqdn = fields[2], &port = fields[4];
+  ADObjectPtr record(new lumo::ADObject);
+  lumo::ADObject& settings = *record;
+  settings[LUMO_CLOUD_PROXY_SCP] = "true";
+  settings[LUMO_CLOUD_URL] = fields[0];
+  settings[LUMO_CLOUD_CONNECTOR_SITE] = fields[1];
+  settings[LUMO_CLOUD_PROXY_FQDN] = fqdn;
+  settings[LUMO_CLOUD_TENANT_ID] = fields[3];
+  settings[LUMO_CLOUD_WEB_PROXY] = fqdn + ":" + port;
+  settings[LUMO_CLOUD_CONNECTOR_IWA_HOSTNAME] = fqdn;
+  if (port != NOT_ENABLED) {
+    settings[LUMO_CLOUD_WEB_PROXYENABLED] = "True";
+    settings[LUMO_CLOUD_CONNECTOR_PORT] = port;
+  }
+  setIwa(settings, fields[5], fields[6]);
+  return record;
+}
+
+}  // namespace
+
+ConnectorPorts connectorPorts(const ADObjectPtr& connector) {
+  const lumo::ADObject& record = *connector;
+  const bool iwa = isOn(record, LUMO_CLOUD_CONNECTOR_IWA_ENABLED);
+  const auto port = [&](bool enabled, const char* setting) {
+    return enabled ? record.getString(setting, std::string()) : std::string(NOT_ENABLED);
+  };
+  return {port(isOn(record, LUMO_CLOUD_WEB_PROXYENABLED), LUMO_CLOUD_CONNECTOR_PORT),
+          port(iwa, LUMO_CLOUD_CONNECTOR_IWA_HTTP_PORT),
+          port(iwa && isOn(record, LUMO_CLOUD_CONNECTOR_IWA_USEHTTPS), LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT)};
+}
+
+void CloudConnectorLocator::appendKsetLine(std::string& out, const ADObjectPtr& connector) {
+  const ConnectorPorts ports = connectorPorts(connector);
+  for (const char* setting :
+       {LUMO_CLOUD_URL, LUMO_CLOUD_CONNECTOR_SITE, LUMO_CLOUD_PROXY_FQDN, LUMO_CLOUD_TENANT_ID}) {
+    out += connector->getString(setting, std::string()) + "|";
+  }
+  out += ports.webProxy + "|" + ports.iwaHttp + "|" + ports.iwaHttps + "\n";
+}
+
+void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
+  LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "Update cloud connectors kset file.");
+  std::string state;
+  const auto append = [&](const Names& names, const char* whose) {
+    for (const std::string& fqdn : names) {
+      const ADObjectPtr connector = fetchCloudConnectorObject(held, fqdn);
+      if (lumo::ADObject::isValid(connector)) {
+        appendKsetLine(state, connector);
+      } else {
+        LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "Can't write connector(%s) of %s into kset file.", fqdn.c_str(),
+                 whose);
+      }
+    }
+  };
+  append(m_currentSiteTryList, "current site");
+  append(m_otherSiteTryList, "other sites");
+  append(m_discardedList, "other sites");
+  lumo::saveSetting(SETTING_CLOUD_CONNECTORS, state, lumo::SettingAccess::Root, true, true);
+}
+
+void CloudConnectorLocator::readKset(const LocatorLock&) {
+  const auto logger = getLogger(LOCATOR_LOGGER, false);
+  std::string state;
+  try {
+    state = lumo::GetSetting(SETTING_CLOUD_CONNECTORS, std::string(), true);
+  } catch (const LUMOException& failure) {
+    // What was remembered is a help, not a condition: a search finds it all again.
+    LUMO_LOG(logger, 4, "The remembered connectors cannot be read: %s", failure.what());
+  }
+  if (state.empty()) return;
+  LUMO_LOG(logger, 1, "Get cloud connectors info from kset.");
+  const std::vector<std::string> fields = firstUsableLine(state);
+  if (fields.empty()) return;
+  LUMO_LOG(logger, 1, "Getting preferred connector");
+  const ADObjectPtr connector = recordOf(fields);
+  LUMO_LOG(logger, 1, "Current cloud URL is : %s", fields[0].c_str());
+  LUMO_LOG(logger, 1, "Current cloud connector is : %s", fields[2].c_str());
+  m_cloudUrl = fields[0];
+  m_currentConnector = fields[2];
+  m_connectors.clear();
+  m_connectors[m_currentConnector] = connector->clone();
+}

@@ -1,5 +1,7 @@
 #include "cloud/cloudconnectorlocator_refresh.h"
 
+#include <boost/make_shared.hpp>
+#include <chrono>
 #include <exception>
 
 #include "basalt/clock.h"
@@ -15,15 +17,13 @@ namespace {
 
 constexpr long DEFAULT_REFRESH_HOURS = 8;
 
-long secondsNow() {
-  return static_cast<long>(std::chrono::system_clock::to_time_t(lumo::Clock::getInstance().now()));
-}
+long secondsNow() { return static_cast<long>(std::chrono::system_clock::to_time_t(lumo::Clock::getInstance().now())); }
 
 // A queue that is shutting down needs no refresh any more; everything else is told.
 template <class Queue>
 void enqueueRefresh(Queue& queue, long due, const char* caller) {
   try {
-    queue.enqueue(boost::shared_ptr<lumo::QueueAble>(new lumo::CloudConnectorsRefresh(due)));
+    queue.enqueue(boost::make_shared<lumo::CloudConnectorsRefresh>(due));
   } catch (const lumo::EndOfFileException&) {
   } catch (const std::exception& failure) {
     LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 4, "%s failed: %s", caller, failure.what());

@@ -17,11 +17,11 @@ class CloudConnectorsRefresh : public QueueAble {
 
   // Searches, and queues the next refresh.
   void run() override;
-  bool dedupMe() override { return true; }
-  std::string getID() override { return m_id; }
-  long getTimeout() override { return m_due; }
+  bool dedupMe() const override { return true; }
+  std::string getID() const override { return m_id; }
+  long getTimeout() const override { return m_due; }
   // An earlier one stays.
-  bool keepQueuedItem(long t) override { return getTimeout() < t; }
+  bool keepQueuedItem(long t) const override { return getTimeout() < t; }
 
  private:
   std::string m_id;

@@ -71,8 +71,7 @@ ConnectorPorts connectorPorts(const ADObjectPtr& connector) {
 
 void CloudConnectorLocator::appendKsetLine(std::string& out, const ADObjectPtr& connector) {
   const ConnectorPorts ports = connectorPorts(connector);
-  for (const char* setting :
-       {LUMO_CLOUD_URL, LUMO_CLOUD_CONNECTOR_SITE, LUMO_CLOUD_PROXY_FQDN, LUMO_CLOUD_TENANT_ID}) {
+  for (const char* setting : {LUMO_CLOUD_URL, LUMO_CLOUD_CONNECTOR_SITE, LUMO_CLOUD_PROXY_FQDN, LUMO_CLOUD_TENANT_ID}) {
     out += connector->getString(setting, std::string()) + "|";
   }
   out += ports.webProxy + "|" + ports.iwaHttp + "|" + ports.iwaHttps + "\n";

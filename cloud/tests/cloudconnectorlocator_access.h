@@ -13,8 +13,8 @@ struct CloudConnectorLocatorAccess {
   using Entries = CloudConnectorLocator::Entries;
   using Names = CloudConnectorLocator::Names;
 
-  explicit CloudConnectorLocatorAccess(const std::string& cloudUrl = std::string())
-      : locator(*new CloudConnectorLocator(cloudUrl)) {}
+  explicit CloudConnectorLocatorAccess(const std::string& url = std::string())
+      : locator(*new CloudConnectorLocator(url)) {}
   ~CloudConnectorLocatorAccess() { delete &locator; }
   CloudConnectorLocatorAccess(const CloudConnectorLocatorAccess&) = delete;
   CloudConnectorLocatorAccess& operator=(const CloudConnectorLocatorAccess&) = delete;

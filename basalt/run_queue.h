@@ -25,8 +25,8 @@ constexpr const char* OPX_RUN_QUEUE = "opx";
 // An item of a queue. Times are seconds of the wall clock, as time() gives them.
 //
 // The queue holds none of its locks while it calls an item, with one exception: keepQueuedItem runs under the queue's
-// lock, so neither it nor what it calls (getTimeout, as a rule) may take a lock or call a queue. One call at a time:
-// while run executes, only that thread calls the item.
+// lock, so neither it nor what it calls (getTimeout, as a rule) may take a lock or call a queue. One thread at a time
+// calls an item that does not queue itself; it is destroyed on the thread that lets go of it last.
 class QueueAble : public Runnable {
  public:
   // Does the work, on a thread of the queue. May queue further items, its own successor among them, and the item
@@ -34,7 +34,7 @@ class QueueAble : public Runnable {
   void run() override = 0;
   ~QueueAble() override = default;
 
-  // Whether only one item of this ID may wait in the queue; see keepQueuedItem.
+  // Whether of the items that say so only one of each ID may wait in the queue; see keepQueuedItem.
   virtual bool dedupMe() const { return false; }
   virtual std::string getID() const { return std::string(); }
   // When to run; what lies in the past runs at once. Read when the item is queued: a change while it waits has no
@@ -46,7 +46,7 @@ class QueueAble : public Runnable {
   // Moves a periodic item's due time to that of its next run. While that lies in the past too, it is called again, so
   // that missed runs are not made up for; an item that does not get past the present runs again in a second.
   virtual void updateTimeout() {}
-  // Asked of a waiting item when another one of its ID comes whose dedupMe is true, due at `due` (its getTimeout):
+  // Asked of a waiting item when another one of its ID comes, due at `due` (its getTimeout), both with dedupMe true:
   // true leaves the waiting one and drops the new one, false puts the new one in its place.
   virtual bool keepQueuedItem(long /*due*/) const { return false; }
   // The name that the thread bears while the item runs (15 bytes of it), as debuggers and /proc/PID/task show it. Empty
@@ -82,7 +82,7 @@ class RunQueue {
   void enqueue(const boost::shared_ptr<QueueAble>& item);
 
   // Refuses further items, drops those that wait, and returns when the running ones have ended and the threads are
-  // gone. Called by an item of this queue it does not wait, for it would wait for itself.
+  // gone. Called by an item of a queue it does not wait, for it might wait for itself.
   void shutdown();
 
   // The same for all queues of the process, which refuse together: an agent calls it at its end.

@@ -1,17 +1,143 @@
 #include "basalt/ad_agent.h"
 
+#include <atomic>
 #include <memory>
 
+#include "basalt/ad_cache_binding_question.h"
+#include "basalt/clock.h"
+#include "basalt/kerberos_credentials.h"
+#include "basalt/kerberos_machine_cache.h"
+#include "basalt/settings_store.h"
 #include "base/include/exceptions.h"
+#include "base/include/logger.h"
+#include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"
 
-ADAgent* ADAgent::GetADAgent(bool, bool) { return nullptr; }
+namespace {
 
-KerberosContext& ADAgent::kerberosContext() { LUMO_THROW(lumo::BadDataException, -1, "No agent"); }
+std::atomic<ADAgent*> g_agent{nullptr};
 
-ADCacheBinding* ADAgent::gcBinding() { return nullptr; }
+// Of start and stop alone.
+lumo::Mutex& lifeMutex() {
+  static lumo::Mutex mutex;
+  return mutex;
+}
 
-ADCacheBinding* ADAgent::dcBinding() { return nullptr; }
+boost::shared_ptr<lumo::Logger> logger() { return getLogger("base.directory", false); }
+
+ADAgent::Options completed(ADAgent::Options options) {
+  if (options.domain.empty()) options.domain = lumo::loadSetting(SETTING_DOMAIN_NAME, false, false);
+  if (options.domain.empty()) {
+    LUMO_THROW(lumo::BadDataException, -1,
+               "This host belongs to no domain: neither the settings nor the keytab name one; join it, or give a "
+               "domain");
+  }
+  return options;
+}
+
+std::function<std::string()> machineCache(const ADAgent::Options& options) {
+  if (options.keytab.empty() && options.ccache.empty()) return &ADHelper::GetMachineCredCache;
+  const auto orElse = [](const std::string& path, const char* usual) { return path.empty() ? usual : path; };
+  return [keytab = orElse(options.keytab, lumo::path::MACHINE_KEYTAB),
+          ccache = orElse(options.ccache, lumo::path::MACHINE_CCACHE)] {
+    return lumo::machineCredentialCache(keytab, ccache);
+  };
+}
+
+// One bracketed term; terms side by side are joined so that all must match.
+std::string wholeFilter(const std::string& filter) {
+  int depth = 0;
+  for (std::size_t i = 0; i < filter.size(); ++i) {
+    if (filter[i] == '(') ++depth;
+    if (filter[i] == ')' && --depth == 0) return i + 1 == filter.size() ? filter : "(&" + filter + ")";
+  }
+  return filter;  // no filter: the server says so
+}
+
+}  // namespace
+
+void ADAgent::start(const Options& options) {
+  const lumo::Lock lock(lifeMutex());
+  if (g_agent.load() != nullptr) LUMO_THROW(lumo::BadDataException, -1, "This process has an agent already");
+  std::unique_ptr<ADAgent> agent(new ADAgent(completed(options)));
+  const bool domain = agent->m_domain.isHealthy();
+  const bool catalogue = agent->m_catalogue.isHealthy();
+  const std::string site = domain || catalogue ? agent->siteName() : std::string();
+  LUMO_LOG(logger(), 2, "The agent of the domain '%s' has started: site '%s', controller %s, catalogue %s",
+           agent->m_domain.domain().c_str(), site.c_str(), domain ? "reached" : "not reached",
+           catalogue ? "reached" : "not reached");
+  g_agent.store(agent.release());
+}
+
+void ADAgent::stop() {
+  const lumo::Lock lock(lifeMutex());
+  delete g_agent.exchange(nullptr);
+}
+
+ADAgent* ADAgent::GetADAgent(bool, bool) { return g_agent.load(); }
+
+ADAgent::ADAgent(const Options& options)
+    : m_domain({options.domain, false, options.server, {}, {}}, machineCache(options)),
+      m_catalogue({options.domain, true, options.catalogue, {}, {}}, machineCache(options)) {}
+
+ADAgent::~ADAgent() = default;
+
+bool ADAgent::isConnected() { return m_domain.isHealthy(); }
+
+std::string ADAgent::siteName() {
+  const unsigned connections = m_domain.connections();
+  const lumo::Lock lock(m_siteMutex);
+  const auto now = lumo::Clock::getInstance().steadyNow();
+  if (m_siteAsked && connections == m_siteConnections && now < m_siteDue) return m_site;
+  const std::string told = DirectoryConnector::getInstance().site(m_domain.domain());
+  if (!told.empty()) m_site = told;
+  m_siteAsked = true;
+  m_siteConnections = connections;
+  m_siteDue = now + (told.empty() ? std::chrono::seconds(SITE_RETRY) : std::chrono::seconds(SITE_LIFE));
+  return m_site;
+}
+
+template <class Ask>
+auto ADAgent::inCatalogueOrDomain(const Ask& ask) {
+  try {
+    return ask(m_catalogue);
+  } catch (const LDAPException& failure) {
+    if (!isServerUnavailable(failure)) throw;
+    LUMO_LOG(logger(), 1, "The catalogue cannot be reached, asking the domain '%s': %s", m_domain.domain().c_str(),
+             failure.what());
+  }
+  return ask(m_domain);
+}
+
+ADObjectPtr ADAgent::find(const std::string& dn, const char* const* attributes, int cacheOps) {
+  if (dn.empty()) return nullptr;
+  if ((cacheOps & CACHE_READ) != 0 && (cacheOps & CACHE_RENEW) == 0) {
+    if (const auto known = m_catalogue.recall(lumo::ANY_OBJECT, dn, attributes, 0, 0)) {
+      return known->empty() ? nullptr : known->front();
+    }
+    // A controller knows its own domain only: that it has no such object says little.
+    const auto known = m_domain.recall(lumo::ANY_OBJECT, dn, attributes, 0, 0);
+    if (known && !known->empty()) return known->front();
+  }
+  const auto found = inCatalogueOrDomain([&](ADCacheBinding& binding) {
+    return binding.search(lumo::ANY_OBJECT, dn, attributes, 0, 0, cacheOps, false, false);
+  });
+  return found->empty() ? nullptr : found->front();
+}
+
+void ADAgent::prefetch(const std::vector<std::string>& dns, const char* const* attributes) {
+  inCatalogueOrDomain([&](ADCacheBinding& binding) { binding.prefetch(dns, attributes); });
+}
+
+boost::shared_ptr<ADObjectList> ADAgent::searchGCorDC(const std::string& filter, const std::string& base,
+                                                      const char* const* gcAttributes, const char* const* dcAttributes,
+                                                      int cacheOps) {
+  const std::string whole = wholeFilter(filter);
+  return inCatalogueOrDomain([&](ADCacheBinding& binding) {
+    const char* const* const attributes = &binding == &m_catalogue ? gcAttributes : dcAttributes;
+    return binding.search(whole, base, attributes, 2, 0, cacheOps, false, false);
+  });
+}
 
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
   *deleter = nullptr;
@@ -21,12 +147,15 @@ ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**d
 
 ADBind* OpenDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {
   *deleter = nullptr;
-  const auto* const own = dynamic_cast<ADBinding*>(&binding);
-  if (own == nullptr) {
+  std::unique_ptr<ADBinding> further;
+  if (const auto* const own = dynamic_cast<ADBinding*>(&binding)) {
+    further = std::make_unique<ADBinding>(domain, *own);
+  } else if (const auto* const agents = dynamic_cast<ADCacheBinding*>(&binding)) {
+    further = std::make_unique<ADBinding>(domain, agents->ccacheName(), false, "", "", nullptr);
+  } else {
     LUMO_THROW(lumo::BadDataException, 2,
                "Failed to downcast ADBind to ADBinding, incorrect binding type was supplied!");
   }
-  auto further = std::make_unique<ADBinding>(domain, *own);
   further->connect("", "", 0);
   *deleter = [](ADBind* opened) {
     if (opened != nullptr) static_cast<ADBinding*>(opened)->release();

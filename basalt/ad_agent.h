@@ -1,6 +1,7 @@
 // The process's own agent object, where it has one: its bindings to the directory and its site.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,6 +9,7 @@
 #include "basalt/ad_cache_binding.h"
 #include "basalt/directory.h"
 #include "base/include/kerb_wrap.h"
+#include "base/include/mutex.h"
 
 // Held by a process that started an agent; the command-line tool never does. Any thread.
 class ADAgent {
@@ -16,19 +18,22 @@ class ADAgent {
     std::string domain;     // DNS name; empty: that of the settings store or, without one, of the keytab
     std::string keytab;     // the machine's keys; empty: /etc/krb5.keytab
     std::string ccache;     // where the machine's tickets are kept; empty: /var/morvand/machine.ccache
+                            // (both empty: as ADHelper::GetMachineCredCache)
     std::string server;     // a given controller, host or host:port; empty: found by DNS
     std::string catalogue;  // a given server of the catalogue; empty: found by DNS
   };
 
   // Makes this process one with an agent: opens the two bindings and asks for the site. A directory that cannot be
   // reached is no failure: the bindings come up by themselves when they are used and it is there. Throws
-  // BadDataException "This process has an agent already", or when no domain is given or to be found. The agent lives
-  // until stop(), or until the process ends.
+  // BadDataException "This process has an agent already", or "This host belongs to no domain: ..." when none is given
+  // or to be found; KerberosException when no Kerberos context can be made; and what lumo::loadSetting throws. The
+  // agent lives until stop(), or until the process ends. It takes up to SEARCH_LIMIT of the bindings for each of them.
   static void start(const Options& options);
-  // Ends it. Nobody may hold or use the agent any more: queues are shut down before.
+  // Ends it; nothing happens without one. Nobody may hold or use the agent any more: queues are shut down before. Waits
+  // for a connection that is being opened.
   static void stop();
 
-  // The process's agent, or null. Both arguments are false, true in every call of this system.
+  // The process's agent, or null. Both arguments are false, true in every call of this system. Takes no lock.
   static ADAgent* GetADAgent(bool create, bool quiet);
 
   ~ADAgent();
@@ -38,30 +43,48 @@ class ADAgent {
   // Did the last use of the domain's binding reach a controller? Tries again first where it did not, as far as the
   // binding's RETRY_PAUSE allows. Never throws.
   bool isConnected();
-  // Never null.
-  ADCacheBinding* gcBinding();
-  ADCacheBinding* dcBinding();
+  // Never null; they live as long as the agent.
+  ADCacheBinding* gcBinding() { return &m_catalogue; }
+  ADCacheBinding* dcBinding() { return &m_domain; }
   // The Active Directory site of this host, empty when nobody told; asked anew each time that the domain's binding
-  // comes back, and when it is older than ten minutes.
+  // comes back, and when it is older than SITE_LIFE. While nobody answers the last name stays, and the question is
+  // put again after SITE_RETRY. Never throws.
+  static constexpr std::chrono::minutes SITE_LIFE{10};
+  static constexpr std::chrono::seconds SITE_RETRY{30};
   std::string siteName();
 
-  // One object, from the catalogue or, without it, from a controller; null when there is none. Throws LDAPException.
+  // One object, from the catalogue or, when that cannot be reached, from a controller; null when there is none, or for
+  // an empty name. Throws LDAPException and KerberosException as ADCacheBinding::search.
   ADObjectPtr find(const std::string& dn, const char* const* attributes, int cacheOps);
   // Reads many objects ahead, so that find with CACHE_READ answers from memory. Throws as find.
   void prefetch(const std::vector<std::string>& dns, const char* const* attributes);
-  // Searches the whole forest in the catalogue or, when that cannot be reached, the domain in its controller. Throws
-  // LDAPException.
+  // Searches the whole forest in the catalogue or, when that cannot be reached, the domain in its controller. A filter
+  // of several terms side by side means that all must match. Never null. Throws as find.
   boost::shared_ptr<ADObjectList> searchGCorDC(const std::string& filter, const std::string& base,
                                                const char* const* gcAttributes, const char* const* dcAttributes,
                                                int cacheOps);
 
-  // For the transfer's Kerberos side.
-  KerberosContext& kerberosContext();
+  // For the transfer's Kerberos side: to be cloned, by any thread.
+  KerberosContext& kerberosContext() { return m_kerberos; }
   ADBind* domainBinding() { return dcBinding(); }
   ADBind* catalogueBinding() { return gcBinding(); }
 
  private:
   explicit ADAgent(const Options& options);
+
+  // What `ask` gives for the catalogue's binding or, when no server of it can be reached, for the domain's.
+  template <class Ask>
+  auto inCatalogueOrDomain(const Ask& ask);
+
+  ADCacheBinding m_domain;
+  ADCacheBinding m_catalogue;
+  KerberosContext m_kerberos;
+
+  lumo::Mutex m_siteMutex;  // of all below, held while the site is asked
+  std::string m_site;
+  bool m_siteAsked = false;
+  std::chrono::steady_clock::time_point m_siteDue;
+  unsigned m_siteConnections = 0;
 };
 
 // The lookup function for the agent's bindings: the given binding itself for its own domain, else a new binding with
@@ -69,6 +92,6 @@ class ADAgent {
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*));
 
 // The lookup function of a process without an agent: a new binding to the domain with the given one's identity. The
-// caller releases it with `deleter`. Throws BadDataException, result code 2, when `binding` is no ADBinding, and what
-// ADBinding::connect throws.
+// caller releases it with `deleter`. Throws BadDataException, result code 2, when `binding` is neither an ADBinding nor
+// one of an agent, and what ADBinding::connect and ADCacheBinding::ccacheName throw.
 ADBind* OpenDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*));

@@ -5,7 +5,8 @@ namespace lumo {
 
 class ComputerObjectHelper {
  public:
-  // Both end with a null pointer and live for ever.
+  // Common and distinguished name, DNS host name, class, category, account control and account name. Both end with a
+  // null pointer and live for ever. Any thread.
   static const char* const* getAttributes();
   static const char* const* getComputerAttributes() { return getAttributes(); }
 };

@@ -1,7 +1,7 @@
 // Directory objects, bindings and the seam below them.
 #pragma once
 
-#include <functional>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,13 +21,24 @@ struct DirectorySearch {
 // Does the exception mean that the server cannot be reached, went away, is too busy or did not answer in time?
 bool isServerUnavailable(const LDAPException& failure);
 
+// Is it worth to open a new connection at once and ask again? Not where a server was silent or busy: that would double
+// the wait.
+bool isConnectionLost(const LDAPException& failure);
+
+// An exception with that text for which isServerUnavailable is true.
+LDAPException serverUnavailable(const std::string& text);
+
+// No search on one connection takes longer, with all its pages.
+inline constexpr std::chrono::seconds DIRECTORY_SEARCH_LIMIT{60};
+
 // The seam of the directory: one open connection to a server. One thread at a time.
 class DirectoryConnection {
  public:
   virtual ~DirectoryConnection() = default;
-  // All objects that match, results paged below. A base that does not exist gives none. Throws LDAPException with the
-  // server's words and the LDAP result code as rc(); isServerUnavailable tells when the server is gone or silent, and
-  // the connection is then of no more use.
+  // All objects that match, results paged below. A base that does not exist gives none. An attribute of which the
+  // server shows only a part, or whose values cannot be decoded, is ADAttribute::unreadable() under its plain name.
+  // Throws LDAPException with the server's words and the LDAP result code as rc(); isServerUnavailable tells when the
+  // server is gone or silent, and the connection is then of no more use.
   virtual std::vector<ADObjectPtr> search(const DirectorySearch& what) = 0;
   // Attributes of the server's root object.
   virtual ADObjectPtr rootDse() = 0;
@@ -97,6 +108,9 @@ std::string escapeFilterValue(const std::string& value);
 // case. Empty when there are none, or when the text is no distinguished name.
 std::string dnsDomainOf(const std::string& dn);
 
+// Is the text a distinguished name (RFC 4514) of at least one level?
+bool isDistinguishedName(const std::string& text);
+
 class DN {
  public:
   // As dnsDomainOf. Throws BadDataException "'%s' belongs to no domain" where that is empty.
@@ -106,7 +120,7 @@ class DN {
 class LDAPBinding {
  public:
   // The distinguished name behind the first component; empty when there is none, or when the text is no distinguished
-  // name. The spelling of what is left stays.
+  // name (RFC 4514). The spelling of what is left stays.
   static std::string parent(const std::string& dn);
   static bool isServerUnavailableException(const LDAPException& failure) { return isServerUnavailable(failure); }
 };

@@ -10,9 +10,6 @@ namespace {
 
 std::atomic<DirectoryConnector*> g_connector{nullptr};
 
-// A server that is silent or busy is not asked a second time: that would double the wait.
-bool connectionLost(const LDAPException& failure) { return failure.rc() == LDAP_SERVER_DOWN; }
-
 }  // namespace
 
 bool isServerUnavailable(const LDAPException& failure) {
@@ -26,6 +23,22 @@ bool isServerUnavailable(const LDAPException& failure) {
     default:
       return false;
   }
+}
+
+bool isConnectionLost(const LDAPException& failure) {
+  switch (failure.rc()) {
+    case LDAP_SERVER_DOWN:
+    case LDAP_CONNECT_ERROR:
+    case LDAP_UNAVAILABLE:  // servers say so when they end a session, e.g. for a ticket that has expired
+    case LDAP_LOCAL_ERROR:  // the layer that seals the connection, likewise
+      return true;
+    default:
+      return false;
+  }
+}
+
+LDAPException serverUnavailable(const std::string& text) {
+  return {__FILE__, __LINE__, lumo::exceptionMessage("%s", text.c_str()).c_str(), "LDAPException", LDAP_CONNECT_ERROR};
 }
 
 DirectoryConnector& DirectoryConnector::getInstance() {
@@ -58,7 +71,7 @@ std::vector<ADObjectPtr> ADBinding::search(const DirectorySearch& what) {
   try {
     return m_connection->search(what);
   } catch (const LDAPException& failure) {
-    if (!connectionLost(failure)) throw;
+    if (!isConnectionLost(failure)) throw;
   }
   connect("", "", 0);
   return m_connection->search(what);

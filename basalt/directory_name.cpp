@@ -35,10 +35,13 @@ class DnReader {
         if (!readPair(level)) return std::nullopt;
       } while (take('+'));
       levels.push_back(std::move(level));
+      if (levels.size() == 1) m_firstEnd = m_at;
     } while (take(','));
     if (!atEnd()) return std::nullopt;
     return levels;
   }
+  // Behind the first level, once all were read.
+  std::size_t firstEnd() const { return m_firstEnd; }
 
  private:
   bool atEnd() const { return m_at == m_text.size(); }
@@ -127,6 +130,7 @@ class DnReader {
 
   const std::string& m_text;
   std::size_t m_at = 0;
+  std::size_t m_firstEnd = 0;
 };
 
 // The value of a level that is one domain component.
@@ -158,6 +162,18 @@ std::string DN::domainFromDN(const std::string& dn) {
   std::string domain = dnsDomainOf(dn);
   if (domain.empty()) LUMO_THROW(lumo::BadDataException, -1, "'%s' belongs to no domain", dn.c_str());
   return domain;
+}
+
+bool isDistinguishedName(const std::string& text) {
+  const auto levels = DnReader(text).read();
+  return levels && !levels->empty();
+}
+
+std::string LDAPBinding::parent(const std::string& dn) {
+  DnReader reader(dn);
+  const auto levels = reader.read();
+  if (!levels || levels->size() < 2) return {};
+  return dn.substr(dn.find_first_not_of(' ', reader.firstEnd() + 1));
 }
 
 std::string escapeFilterValue(const std::string& value) {

@@ -52,7 +52,10 @@ krb5_context KerberosContext::clone() const {
   return copy;
 }
 
-void KerberosContext::profileUpdate() { setDefaultRealm(m_context); }
+void KerberosContext::profileUpdate() {
+  const lumo::Lock held(lock());
+  setDefaultRealm(m_context);
+}
 
 void mvd_krb5_trace_cb(krb5_context, const krb5_trace_info* info, void*) {
   if (info == nullptr) return;  // the context is being freed

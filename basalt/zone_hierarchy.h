@@ -5,9 +5,10 @@
 
 namespace lumo {
 
-// Reads the settings at each call. Any thread.
+// Reads the settings at each call. Any thread. Throws what lumo::Props throws.
 class ZoneHierarchy {
  public:
+  // The process's own, never null.
   static ZoneHierarchy* GetZoneHierarchy();
   // `ferrod.zone.hierarchical`: true for a zone whose platform is chosen on its property page, false for a legacy zone.
   bool hierarchicalZone() const;

@@ -1,0 +1,195 @@
+#include "basalt/ad_cache_binding.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "basalt/ad_cache_binding_question.h"
+#include "basalt/clock.h"
+#include "base/include/exceptions.h"
+#include "base/include/kerb_wrap.h"
+#include "base/include/logger.h"
+#include "base/include/string_helpers.h"
+
+namespace {
+
+constexpr char LOGGER_NAME[] = "base.directory";
+
+SearchScope scopeOf(int scope) {
+  switch (scope) {
+    case 0:
+      return SearchScope::Base;
+    case 1:
+      return SearchScope::OneLevel;
+    default:
+      return SearchScope::Subtree;
+  }
+}
+
+// Log messages and callers name an object by it.
+void addGuid(std::vector<std::string>& attributes) {
+  if (attributes.empty()) return;  // all
+  const std::string guid = lower(AD_OBJECT_GUID);
+  if (std::none_of(attributes.begin(), attributes.end(), [&](const auto& name) { return lower(name) == guid; })) {
+    attributes.emplace_back(AD_OBJECT_GUID);
+  }
+}
+
+}  // namespace
+
+namespace lumo {
+
+std::vector<std::string> attributeList(const char* const* attributes) {
+  std::vector<std::string> list;
+  for (; attributes != nullptr && *attributes != nullptr; ++attributes) list.emplace_back(*attributes);
+  return list;
+}
+
+std::string questionText(const DirectorySearch& what, int sizeLimit) {
+  std::string text =
+      lower(what.base) + '\n' + std::to_string(static_cast<int>(what.scope)) + '\n' + std::to_string(sizeLimit) + '\n';
+  for (const std::string& name : what.attributes) text += lower(name) + ',';
+  return text + '\n' + what.filter;
+}
+
+}  // namespace lumo
+
+ADCacheBinding::ADCacheBinding(DirectoryConnector::Target target, std::function<std::string()> ccache,
+                               std::chrono::milliseconds connectLimit)
+    : m_target(std::move(target)), m_ccache(std::move(ccache)), m_connectLimit(connectLimit) {}
+
+ADCacheBinding::~ADCacheBinding() = default;
+
+boost::shared_ptr<ADObjectList> ADCacheBinding::recall(const std::string& filter, const std::string& base,
+                                                       const char* const* attributes, int scope, int sizeLimit) {
+  const DirectorySearch what{base, scopeOf(scope), filter, lumo::attributeList(attributes)};
+  auto known = m_memory.read(lumo::questionText(what, sizeLimit));
+  return known ? boost::shared_ptr<ADObjectList>(new ADObjectList(std::move(*known))) : nullptr;
+}
+
+boost::shared_ptr<ADObjectList> ADCacheBinding::search(const std::string& filter, const std::string& base,
+                                                       const char* const* attributes, int scope, int sizeLimit,
+                                                       int cacheOps, bool, bool) {
+  const DirectorySearch what{base, scopeOf(scope), filter, lumo::attributeList(attributes)};
+  const std::string question = lumo::questionText(what, sizeLimit);
+  const bool fromMemory = (cacheOps & CACHE_READ) != 0 && (cacheOps & CACHE_RENEW) == 0;
+  const auto handle = [](ADObjectList list) {
+    return boost::shared_ptr<ADObjectList>(new ADObjectList(std::move(list)));
+  };
+  if (fromMemory) {
+    if (auto known = m_memory.read(question)) return handle(std::move(*known));
+  }
+  const lumo::Lock lock(m_mutex);
+  if (fromMemory) {
+    // Whoever was waited for may have asked the same.
+    if (auto known = m_memory.read(question)) return handle(std::move(*known));
+  }
+  ADObjectList found = search(what);
+  if (sizeLimit > 0 && found.size() > static_cast<std::size_t>(sizeLimit)) {
+    found.resize(static_cast<std::size_t>(sizeLimit));
+  }
+  remember(question, found, cacheOps);
+  return handle(std::move(found));
+}
+
+void ADCacheBinding::remember(const std::string& question, const ADObjectList& answer, int cacheOps) {
+  const bool wanted = (cacheOps & CACHE_STORE) != 0 && (!answer.empty() || (cacheOps & CACHE_MISSES) != 0);
+  if (wanted) {
+    m_memory.store(question, answer);
+  } else {
+    m_memory.forget(question);  // an older answer is a wrong one by now
+  }
+}
+
+std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
+  DirectorySearch whole = what;
+  addGuid(whole.attributes);
+  const lumo::Lock lock(m_mutex);
+  bool fresh = !m_connection;
+  requireConnection();
+  for (;; fresh = true) {
+    try {
+      return m_connection->search(whole);
+    } catch (const LDAPException& failure) {
+      if (!isConnectionLost(failure) && !isServerUnavailable(failure)) throw;
+      if (fresh || !isConnectionLost(failure)) {
+        lose({false, failure.rc(), failure.what()});
+      }
+      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The connection to the directory of '%s' was lost (%s), opening anew",
+               m_target.domain.c_str(), failure.what());
+    }
+    m_connection.reset();
+    connect();
+  }
+}
+
+ADObjectPtr ADCacheBinding::fetch(const std::string& dn, const std::vector<std::string>& attributes) {
+  if (dn.empty()) return nullptr;
+  const auto found = search({dn, SearchScope::Base, lumo::ANY_OBJECT, attributes});
+  return found.empty() ? nullptr : found.front();
+}
+
+bool ADCacheBinding::isHealthy() {
+  try {
+    const lumo::Lock lock(m_mutex);
+    requireConnection();
+    return true;
+  } catch (const std::exception& failure) {
+    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The directory of '%s' is not there: %s", m_target.domain.c_str(),
+             failure.what());
+    return false;
+  }
+}
+
+void ADCacheBinding::requireConnection() {
+  if (m_connection) return;
+  if (m_failure && lumo::Clock::getInstance().steadyNow() < m_failedAt + RETRY_PAUSE) raise(*m_failure);
+  connect();
+}
+
+void ADCacheBinding::connect() {
+  if (!m_opening.valid()) {
+    m_opening = std::async(std::launch::async, [target = m_target, ccache = m_ccache] { return open(target, ccache); });
+  }
+  if (m_opening.wait_for(m_connectLimit) != std::future_status::ready) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(m_connectLimit).count();
+    lose({false, serverUnavailable("").rc(),
+          lumo::exceptionMessage("No directory server of the domain '%s' was reached within %lld seconds",
+                                 m_target.domain.c_str(), static_cast<long long>(seconds))});
+  }
+  Opened opened = m_opening.get();
+  if (opened.failure) lose(std::move(*opened.failure));
+  m_connection = std::move(opened.connection);
+  m_failure.reset();
+  ++m_connections;
+}
+
+// No exception leaves the thread: what it says goes over as a value.
+ADCacheBinding::Opened ADCacheBinding::open(DirectoryConnector::Target target,
+                                            const std::function<std::string()>& ccache) {
+  try {
+    try {
+      target.ccacheName = ccache();
+    } catch (const LUMOException& failure) {
+      return {nullptr, Failure{true, failure.rc(), failure.what()}};
+    }
+    return {DirectoryConnector::getInstance().open(target), std::nullopt};
+  } catch (const KerberosException& failure) {
+    return {nullptr, Failure{true, failure.rc(), failure.what()}};
+  } catch (const LDAPException& failure) {
+    return {nullptr, Failure{false, failure.rc(), failure.what()}};
+  } catch (const std::exception& failure) {
+    return {nullptr, Failure{false, serverUnavailable("").rc(), failure.what()}};
+  }
+}
+
+void ADCacheBinding::lose(Failure failure) {
+  m_connection.reset();
+  m_failedAt = lumo::Clock::getInstance().steadyNow();
+  m_failure = std::move(failure);
+  raise(*m_failure);
+}
+
+void ADCacheBinding::raise(const Failure& failure) {
+  if (failure.kerberos) throw KerberosException(failure.rc, failure.text.c_str(), __FILE__, __LINE__);
+  throw LDAPException(__FILE__, __LINE__, failure.text.c_str(), "LDAPException", failure.rc);
+}

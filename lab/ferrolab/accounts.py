@@ -46,12 +46,12 @@ def add_services(directory, parameters, features):
             Net(None, parameters).export_keytab(keytab=str(keytab), principal=principal)
 
 
-def add_controller_services(directory):
+def add_controller_services(directory, host):
     """The names that the controller's own update service would add some time after the start."""
-    host, short = names.DC, names.DC.partition(".")[0].upper()
+    short, account = host.partition(".")[0].upper(), names.DC.partition(".")[0].upper() + "$"
     services = ["ldap/" + rest for rest in (short, host, f"{host}/{names.DOMAIN}", f"{host}/{names.NETBIOS}")]
     services += [f"GC/{host}/{names.DOMAIN}", f"HOST/{host}/{names.DOMAIN}"]
-    found = directory.search(directory.domain_dn(), ldb.SCOPE_SUBTREE, f"(sAMAccountName={short}$)", ["servicePrincipalName"])
+    found = directory.search(directory.domain_dn(), ldb.SCOPE_SUBTREE, f"(sAMAccountName={account})", ["servicePrincipalName"])
     have = {str(value).lower() for value in found[0]["servicePrincipalName"]}
     message = ldb.Message(found[0].dn)
     missing = [service for service in services if service.lower() not in have]

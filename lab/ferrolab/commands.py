@@ -16,6 +16,8 @@ COMMANDS = (
     "rename-site SITE NAME",
     "rename-parent CONNECTOR NAME",
     "set-keywords CONNECTOR KEYWORD=VALUE|KEYWORD...",
+    "add-second-dc before|after",
+    "del-second-dc",
     "add-dead-dc before|after",
     "del-dead-dc",
     "ldapsearch|ldapadd|ldapmodify|ldapdelete ARGS...",
@@ -94,8 +96,8 @@ def ctl(arguments):
             host.add_name(f"{name}.{names.DOMAIN}", f"{new_name}.{names.DOMAIN}")
         case ["set-enctypes", _, bits] if bits.isdigit():
             directory.database(*arguments)
-        case (["move-host", _] | ["rename-site", _, _] | ["set-keywords", _, _, *_] | ["del-dead-dc"]
-              | ["add-dead-dc", "before" | "after"]):
+        case (["move-host", _] | ["rename-site", _, _] | ["set-keywords", _, _, *_] 
+              | ["add-second-dc" | "add-dead-dc", "before" | "after"] | ["del-second-dc" | "del-dead-dc"]):
             directory.database(*arguments)
         case ["ldapsearch" | "ldapmodify" | "ldapadd" | "ldapdelete" as program, *options]:
             text = "" if program == "ldapsearch" else sys.stdin.read()

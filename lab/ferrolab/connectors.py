@@ -116,6 +116,7 @@ def environment(features):
     if "connectors" not in features:
         return {}
     variables = {
+        "FERRO_LAB_SECOND_DC": names.SECOND_DC,
         "FERRO_LAB_SITE_BRANCH": names.BRANCH_SITE,
         "FERRO_LAB_SITE_FAR": names.FAR_SITE,
         "FERRO_LAB_TENANT": TENANT,

@@ -9,7 +9,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
-from ferrolab import accounts, connector_records, dead_controller, names, sites  # noqa: E402
+from ferrolab import accounts, connector_records, further_controllers, names, sites  # noqa: E402
 
 from samba.auth import system_session  # noqa: E402
 from samba.param import LoadParm  # noqa: E402
@@ -31,8 +31,9 @@ def fill(directory, parameters, features):
     directory.transaction_start()
     accounts.add_users(directory)
     sites.add_subnet(directory, names.HOST_SUBNET, names.SITE)
-    accounts.add_controller_services(directory)
+    accounts.add_controller_services(directory, names.DC)
     if "connectors" in features:
+        accounts.add_controller_services(directory, names.SECOND_DC)
         sites.add_further_sites(directory)
         connector_records.add_all(directory)
     directory.transaction_commit()
@@ -57,9 +58,13 @@ def main(smb_conf, *command):
         case ["set-keywords", name, *changes]:
             connector_records.set_keywords(directory, name, changes)
         case ["add-dead-dc", place]:
-            dead_controller.add(directory, place)
+            further_controllers.add(directory, names.DEAD_DC, place)
         case ["del-dead-dc"]:
-            dead_controller.remove(directory)
+            further_controllers.remove(directory, names.DEAD_DC)
+        case ["add-second-dc", place]:
+            further_controllers.add(directory, names.SECOND_DC, place)
+        case ["del-second-dc"]:
+            further_controllers.remove(directory, names.SECOND_DC)
         case _:
             raise SystemExit(f"unknown command: {' '.join(command)}")
 

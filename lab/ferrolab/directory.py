@@ -15,10 +15,11 @@ SERVICES = "rpc ldap cldap kdc dns winbindd"
 
 def provision(features):
     WINBIND.parent.mkdir(exist_ok=True)
+    interfaces = " ".join(f"{address}/8" for address in names.controller_addresses(features))
     run(["samba-tool", "domain", "provision", "--server-role=dc", "--dns-backend=SAMBA_INTERNAL", "--use-rfc2307",
          f"--realm={names.REALM}", f"--domain={names.NETBIOS}", "--host-name=DC1", f"--host-ip={names.DC_ADDRESS}",
          f"--site={names.SITE}", f"--adminpass={names.ADMIN_PASSWORD}", f"--targetdir={FOLDER}",
-         f"--option=interfaces={names.DC_ADDRESS}/8", "--option=bind interfaces only=yes",
+         f"--option=interfaces={interfaces}", "--option=bind interfaces only=yes",
          f"--option=posix:eadb={FOLDER}/eadb.tdb", f"--option=server services={SERVICES}",
          f"--option=log file={FOLDER}/log", "--option=prefork children=1",
          "--option=dns forwarder="], "provisioning the domain")

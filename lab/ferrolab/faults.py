@@ -2,7 +2,7 @@
 from dataclasses import dataclass
 
 from ferrolab import names
-from ferrolab.daemons import LabError, run
+from ferrolab.daemons import run
 
 REFUSING, HANGING = "refusing", "hanging"
 
@@ -50,6 +50,8 @@ CONTROLLER = (
 def services(features):
     """Everything that can hang, by name; what is no daemon can be stopped as well."""
     found = [*CONTROLLER, Service("dc", names.DC_ADDRESS)]
+    if "connectors" in features:
+        found.append(Service("dc2", names.SECOND_DC_ADDRESS))
     found += [Service(f"squid-{proxy.name}", proxy.address, (proxy.port,)) for proxy in names.proxies(features)]
     return {service.name: service for service in found}
 
@@ -72,14 +74,13 @@ def mend(service):
 
 def break_connections(service):
     """The peers of the service's connections see them reset."""
-    for port in service.tcp:
-        run(["ss", "-K", "-H", "-t", "state", "connected", "src", service.address, "sport", "=", f":{port}"],
-            f"ending the connections of {service.name}")
+    from_service = ["src", service.address]
+    if service.tcp:
+        from_service += ["(", *" or ".join(f"sport = :{port}" for port in service.tcp).split(), ")"]
+    run(["ss", "-K", "-H", "-t", "state", "connected", *from_service], f"ending the connections of {service.name}")
 
 
 def refuse(service):
-    if not service.tcp:
-        raise LabError(f"{service.name} has no ports to refuse")
     mend(service)
     run(["nft", "-f", "-"], f"stopping {service.name}", service.rules(REFUSING))
     break_connections(service)

@@ -41,6 +41,7 @@ def hosts(features):
     rows = [("127.0.0.1", "localhost"), (names.DC_ADDRESS, f"{names.DC} dc1"), (names.HOST_ADDRESS, f"{names.HOST} host1")]
     rows += [(proxy.address, proxy.host) for proxy in names.proxies(features)]
     if "connectors" in features:
+        rows.append((names.SECOND_DC_ADDRESS, f"{names.SECOND_DC} dc2"))
         rows += [(names.SILENT_ADDRESS, record.host) for record in connectors.UNSERVED]
     else:
         rows.append((names.CONNECTOR_ADDRESS, names.CONNECTOR))

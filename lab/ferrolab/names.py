@@ -14,6 +14,7 @@ MIT_DOMAIN = "mit.ferro.test"
 MIT_REALM = MIT_DOMAIN.upper()
 
 DC = f"dc1.{DOMAIN}"
+SECOND_DC = f"dc2.{DOMAIN}"
 DEAD_DC = f"dc9.{DOMAIN}"
 HOST = f"host1.{DOMAIN}"
 CONNECTOR = f"connector1.{DOMAIN}"
@@ -30,8 +31,11 @@ MIT_KDC_ADDRESS = "127.0.0.7"
 CONNECTOR2_ADDRESS = "127.0.0.8"
 DEAD_DC_ADDRESS = "127.0.0.9"  # nobody listens there
 SILENT_ADDRESS = "127.0.0.10"  # nor there
+SECOND_DC_ADDRESS = "127.0.0.11"  # with `connectors`
 BRANCH1_ADDRESS = "127.0.1.5"
 ADDRESSES = (DC_ADDRESS, HOST_ADDRESS, PROXY_ADDRESS, CONNECTOR_ADDRESS, PLATFORM_ADDRESS, MIT_KDC_ADDRESS)
+
+FURTHER_CONTROLLERS = {SECOND_DC: SECOND_DC_ADDRESS, DEAD_DC: DEAD_DC_ADDRESS}
 
 # The subnets of the sites; this host's is there in every lab, the others with `connectors`.
 HOST_SUBNET = "127.0.0.0/24"
@@ -121,6 +125,10 @@ def proxies(features):
     return PROXIES + ((MIT_PROXY,) if "mit" in features else ()) + (CONNECTORS if "connectors" in features else ())
 
 
+def controller_addresses(features):
+    return (DC_ADDRESS, SECOND_DC_ADDRESS) if "connectors" in features else (DC_ADDRESS,)
+
+
 def iwa_connectors(features):
     """The connectors whose service with Negotiate runs."""
     return CONNECTORS if "connectors" in features else CONNECTORS[:1]
@@ -145,6 +153,7 @@ def environment(features, tool):
         "FERRO_LAB_SITE": SITE,
         "FERRO_LAB_BASE_DN": BASE_DN,
         "FERRO_LAB_DC": DC,
+        "FERRO_LAB_DEAD_DC": DEAD_DC,
         "FERRO_LAB_HOST": HOST,
         "FERRO_LAB_MACHINE": f"{COMPUTER}$",
         "FERRO_LAB_ADMIN": ADMIN,

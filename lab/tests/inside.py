@@ -25,8 +25,8 @@ def run(*argv, text="", **environment):
     return Result(done.returncode, done.stdout.decode(errors="replace"))
 
 
-def ctl(*arguments):
-    return run(var("TOOL"), "ctl", *arguments)
+def ctl(*arguments, text=""):
+    return run(var("TOOL"), "ctl", *arguments, text=text)
 
 
 def url_escape(text):

@@ -21,12 +21,12 @@ long secondsNow() { return static_cast<long>(std::chrono::system_clock::to_time_
 
 // A queue that is shutting down needs no refresh any more; everything else is told.
 template <class Queue>
-void enqueueRefresh(Queue& queue, long due, const char* caller) {
+void enqueueRefresh(Queue& queue, long due, const char* failureText) {
   try {
     queue.enqueue(boost::make_shared<lumo::CloudConnectorsRefresh>(due));
   } catch (const lumo::EndOfFileException&) {
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 4, "%s failed: %s", caller, failure.what());
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 4, failureText, failure.what());
   }
 }
 
@@ -40,7 +40,7 @@ void SetRefresh(unsigned seconds) {
   const long due = secondsNow() + static_cast<long>(seconds);
   LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "SetRefresh: refresh task is scheduled to execute in %d seconds",
            static_cast<int>(seconds));
-  enqueueRefresh(*queue, due, "SetRefresh");
+  enqueueRefresh(*queue, due, "SetRefresh failed: %s");
 }
 
 bool RefreshCloudConnectorsInfo() {
@@ -72,5 +72,5 @@ void UpdateCloudConnectors() {
              "Background task of refreshing Morvane Connectors has been suspended due to the interval being set to 0.");
     return;
   }
-  enqueueRefresh(*queue, secondsNow() + interval, "UpdateCloudConnectors");
+  enqueueRefresh(*queue, secondsNow() + interval, "UpdateCloudConnectors failed: %s");
 }

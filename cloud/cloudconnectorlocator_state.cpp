@@ -80,20 +80,19 @@ void CloudConnectorLocator::appendKsetLine(std::string& out, const ADObjectPtr& 
 void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
   LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "Update cloud connectors kset file.");
   std::string state;
-  const auto append = [&](const Names& names, const char* whose) {
+  const auto append = [&](const Names& names, const char* failure) {
     for (const std::string& fqdn : names) {
       const ADObjectPtr connector = fetchCloudConnectorObject(held, fqdn);
       if (lumo::ADObject::isValid(connector)) {
         appendKsetLine(state, connector);
       } else {
-        LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "Can't write connector(%s) of %s into kset file.", fqdn.c_str(),
-                 whose);
+        LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, failure, fqdn.c_str());
       }
     }
   };
-  append(m_currentSiteTryList, "current site");
-  append(m_otherSiteTryList, "other sites");
-  append(m_discardedList, "other sites");
+  append(m_currentSiteTryList, "Can't write connector(%s) of current site into kset file.");
+  append(m_otherSiteTryList, "Can't write connector(%s) of other sites into kset file.");
+  append(m_discardedList, "Can't write connector(%s) of other sites into kset file.");
   lumo::saveSetting(SETTING_CLOUD_CONNECTORS, state, lumo::SettingAccess::Root, true, true);
 }
 

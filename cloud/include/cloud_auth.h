@@ -7,11 +7,10 @@
 
 #include "cloud/include/cloud_object.h"
 
-// One thread at a time. Gives its connection back at its end.
+// One thread at a time.
 class CloudAuth : public CloudBase {
  public:
   using CloudBase::CloudBase;
-  ~CloudAuth() override;
 
   // 1 for status 200 and a body whose member "success" is the boolean true, else 0; the platform's words are then in
   // the log at level 1. The body of a 200 becomes the document, null when it is no JSON; with another status it stays.
@@ -24,7 +23,7 @@ class CloudAuth : public CloudBase {
   static void getJsonStringOptional(const rapidjson::Value& object, const std::string& key, std::string& out);
   // The member of that name, a null value where there is none.
   static const rapidjson::Value& member(const rapidjson::Value& object, const std::string& key);
-  // Compact text, members in their order.
+  // Compact text, members in their order, however deep the value is.
   static void jsonToString(std::string& out, const rapidjson::Value& object);
 
  protected:

@@ -1,0 +1,42 @@
+#include "cloud/include/cloud_auth.h"
+
+#include "base/include/logger.h"
+#include "base/include/string_helpers.h"
+#include "cloud/include/curl_object.h"
+
+namespace {
+
+constexpr long HTTP_OK = 200;
+
+boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
+
+}  // namespace
+
+void CloudAuth::dumpMrvHeader() {
+  LUMO_LOG(logger(), 1, "Dumping X-MRV-* headers:");
+  if (curl == nullptr) return;
+  for (const std::string& line : curl->lastHeaderLines()) {
+    if (contains(line, "X-MRV-")) LUMO_LOG(logger(), 1, "%s", line.c_str());
+  }
+}
+
+int CloudAuth::processResult() {
+  LUMO_LOG(logger(), 1, "HTTP code = %ld", httpCode);
+  dumpMrvHeader();
+  if (httpCode != HTTP_OK) return 0;
+  LUMO_LOG(logger(), 0, "HTTP response: %s", responseBody.c_str());
+  // A new one each time: a document only gives its memory back as a whole. Without recursion: the peer says how deep.
+  document = rapidjson::Document();
+  document.Parse<rapidjson::kParseIterativeFlag>(responseBody.data(), responseBody.size());
+  if (member(document, "success").IsTrue()) return 1;
+  const auto read = [this](const char* key) {
+    std::string value;
+    getJsonStringOptional(document, key, value);
+    return value;
+  };
+  LUMO_LOG(logger(), 1,
+           "processResult returns false, error information from cloud errorCode = %s, errorId = %s, message = %s, "
+           "messageId = %s.",
+           read("ErrorCode").c_str(), read("ErrorID").c_str(), read("Message").c_str(), read("MessageID").c_str());
+  return 0;
+}

@@ -24,6 +24,7 @@ class EmptyDirectory : public DirectoryConnector {
     opened.push_back(target);
     return std::make_unique<Connection>();
   }
+  std::string site(const std::string&) override { return {}; }
 
   std::vector<Target> opened;
 

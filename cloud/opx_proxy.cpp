@@ -102,8 +102,8 @@ CloudProxyInfo getCloudHttpProxy(const std::string& url) {
   CloudProxyInfo proxy;
   if (lumo::Props(false, false).getBool(lumo::PN::CLOUD_DIRECT_CONNECTION, false)) return proxy;
   proxy = configuredProxy();
-  if (!proxy.proxyUsable) return CloudProxyInfo();
-  if (!proxy.proxyServer.empty()) return proxy;
+  // One that may not be used is no proxy at all: the connector takes its place.
+  if (proxy.proxyUsable && !proxy.proxyServer.empty()) return proxy;
   // opxLock is free here: the locator's own lock comes before it.
   CloudProxyInfo connector;
   connector.proxyServer = CloudConnectorLocator::getInstance(url)->getCloudConnector();

@@ -80,7 +80,7 @@ std::time_t nextRun(QueueAble& item) {
 }  // namespace
 
 boost::shared_ptr<RunQueueCore> RunQueueCore::start(const std::string& name, int threads) {
-  const auto core = boost::make_shared<RunQueueCore>(name);
+  auto core = boost::make_shared<RunQueueCore>(name);
   const auto count = static_cast<std::size_t>(std::max(threads, 1));
   try {
     const std::lock_guard<std::mutex> lock(core->m_mutex);

@@ -6,29 +6,47 @@
 #include <cerrno>
 #include <condition_variable>
 #include <ctime>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
 
+#include "basalt/kerberos_abandoned.h"
 #include "basalt/kerberos_handles.h"
 #include "base/include/kerb_wrap.h"
 
 namespace lumo {
 namespace {
 
-// What caller and thread share; the last of the two frees it.
+// What caller and thread share. The thread gives up its part before it can be joined, so that the one who joins frees
+// it: the library's exit handlers then run after the thread's last use of it.
 struct Exchange {
   ~Exchange() {
     if (context == nullptr) return;
     krb5_free_cred_contents(context, &creds);
-    request = nullptr;
     krb5_free_context(context);
+  }
+
+  bool hasEnded() {
+    const std::lock_guard<std::mutex> held(mutex);
+    return done;
+  }
+  bool waitUntil(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> held(mutex);
+    return changed.wait_until(held, deadline, [this] { return done; });
+  }
+  // False, and the thread's result will be dropped, when it has not ended by then.
+  bool awaitOrAbandon(std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> held(mutex);
+    abandoned = !changed.wait_for(held, limit, [this] { return done; });
+    return !abandoned;
   }
 
   krb5_context context = nullptr;
   KdcRequest request;
+  std::thread thread;
   std::mutex mutex;
   std::condition_variable changed;
   bool done = false;
@@ -36,6 +54,42 @@ struct Exchange {
   krb5_error_code code = 0;
   krb5_creds creds{};
   std::string text;
+};
+
+using Exchanges = std::list<std::shared_ptr<Exchange>>;
+
+// The abandoned exchanges. A thread takes an exchange's lock inside this one, never the other way round.
+class Abandoned {
+ public:
+  // Never destroyed: the destructor of a thread that still runs would end the process.
+  static Abandoned& instance() {
+    static auto* const all = new Abandoned;
+    return *all;
+  }
+
+  // Takes the exchange out of a list of one, which needs no memory.
+  void add(Exchanges& one) {
+    const std::lock_guard<std::mutex> held(mutex_);
+    exchanges_.splice(exchanges_.end(), one);
+  }
+  // Joins those that have ended. One that still runs, or null.
+  std::shared_ptr<Exchange> reap() {
+    const std::lock_guard<std::mutex> held(mutex_);
+    exchanges_.remove_if([](const std::shared_ptr<Exchange>& exchange) {
+      if (!exchange->hasEnded()) return false;
+      exchange->thread.join();
+      return true;
+    });
+    return exchanges_.empty() ? nullptr : exchanges_.front();
+  }
+  std::size_t count() {
+    const std::lock_guard<std::mutex> held(mutex_);
+    return exchanges_.size();
+  }
+
+ private:
+  std::mutex mutex_;
+  Exchanges exchanges_;
 };
 
 // Trace lines stop with the caller's patience: by then the process may be ending, and its loggers with it.
@@ -55,7 +109,8 @@ void serve(const std::shared_ptr<Exchange>& exchange) {
   } catch (...) {
     code = ENOMEM;
   }
-  // The trace holds the same lock, so it must be off before the context is freed under whichever thread comes last.
+  exchange->request = nullptr;  // and the password in it
+  // The trace holds the same lock, so it must be off before the context is freed.
   krb5_set_trace_callback(exchange->context, nullptr, nullptr);
   const std::lock_guard<std::mutex> held(exchange->mutex);
   exchange->creds = creds;
@@ -72,7 +127,7 @@ void startQuietThread(const std::shared_ptr<Exchange>& exchange) {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   try {
-    std::thread(serve, exchange).detach();
+    exchange->thread = std::thread(serve, exchange);
   } catch (...) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     throw;
@@ -98,7 +153,9 @@ krb5_error_code fail(krb5_error_code code, const std::string& text, std::string*
 
 krb5_error_code runKdcRequest(krb5_context context, KdcRequest request, std::chrono::milliseconds limit,
                               krb5_creds* creds, std::string* errorText) {
+  Abandoned::instance().reap();
   const auto exchange = std::make_shared<Exchange>();
+  Exchanges one{exchange};
   const krb5_error_code copied = krb5_copy_context(context, &exchange->context);
   if (copied != 0) return fail(copied, krbErrorText(context, copied), errorText);
   krb5_set_trace_callback(exchange->context, traceWhileAwaited, exchange.get());
@@ -108,17 +165,27 @@ krb5_error_code runKdcRequest(krb5_context context, KdcRequest request, std::chr
   } catch (const std::system_error& failure) {
     return fail(failure.code().value(), failure.what(), errorText);
   }
-  std::unique_lock<std::mutex> held(exchange->mutex);
-  if (!exchange->changed.wait_for(held, limit, [&] { return exchange->done; })) {
-    exchange->abandoned = true;
+  if (!exchange->awaitOrAbandon(limit)) {
+    Abandoned::instance().add(one);
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit).count();
     return fail(static_cast<krb5_error_code>(KRB5_KDC_UNREACH),
                 "No answer from a KDC within " + std::to_string(seconds) + " seconds", errorText);
   }
+  exchange->thread.join();
   if (exchange->code != 0) return fail(exchange->code, exchange->text, errorText);
   takeOverClock(exchange->context, context);
   *creds = std::exchange(exchange->creds, krb5_creds{});
   return 0;
 }
+
+bool joinAbandonedKdcRequests(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (const std::shared_ptr<Exchange> running = Abandoned::instance().reap()) {
+    if (!running->waitUntil(deadline)) return false;
+  }
+  return true;
+}
+
+std::size_t abandonedKdcRequests() { return Abandoned::instance().count(); }
 
 }  // namespace lumo

@@ -6,11 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 
+#include "basalt/kerberos_abandoned.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 
@@ -197,4 +199,10 @@ int guardedMain(int argc, char** argv) {
   } catch (...) {
     return failed("Error: Unknown exception");
   }
+}
+
+int leaveWith(int status) {
+  if (lumo::joinAbandonedKdcRequests(std::chrono::milliseconds(0))) return status;
+  std::fflush(nullptr);
+  _exit(status);
 }

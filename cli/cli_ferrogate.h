@@ -31,10 +31,13 @@ struct CommandOptions {
   std::string opxUrl;
 };
 
-// cli_ferrogate.cpp: the entry. Both return the exit status. argv is writable: a password in it is overwritten once
-// read.
-int guardedMain(int argc, char** argv);  // the body of main: main2 inside the exception guard
+// cli_ferrogate.cpp: the entry. The first two return the exit status. argv is writable: a password in it is overwritten
+// once read.
+int guardedMain(int argc, char** argv);  // main2 inside the exception guard
 int main2(int argc, char** argv);
+// The last step of main: returns the status, or ends the process with it at once, streams flushed, when a thread is
+// still inside the Kerberos library, which exit handlers would tear down under it.
+int leaveWith(int status);
 void printUsage();
 // The options behind one of the letters S, D, L and T, from getopt's present place on. 0, or 7 after a report.
 int readCommandOptions(int letter, int argc, char** argv, CommandOptions& record);

@@ -1,3 +1,3 @@
 #include "cli/cli_ferrogate.h"
 
-int main(int argc, char** argv) { return guardedMain(argc, argv); }
+int main(int argc, char** argv) { return leaveWith(guardedMain(argc, argv)); }

@@ -90,10 +90,18 @@ std::string ADAgent::siteName() {
   const auto now = lumo::Clock::getInstance().steadyNow();
   if (m_siteAsked && connections == m_siteConnections && now < m_siteDue) return m_site;
   const std::string told = DirectoryConnector::getInstance().site(m_domain.domain());
-  if (!told.empty()) m_site = told;
+  if (!told.empty()) {
+    const lumo::Lock nameLock(m_siteNameMutex);
+    m_site = told;
+  }
   m_siteAsked = true;
   m_siteConnections = connections;
   m_siteDue = now + (told.empty() ? std::chrono::seconds(SITE_RETRY) : std::chrono::seconds(SITE_LIFE));
+  return m_site;
+}
+
+std::string ADAgent::lastSiteName() {
+  const lumo::Lock lock(m_siteNameMutex);
   return m_site;
 }
 

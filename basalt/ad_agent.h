@@ -52,6 +52,8 @@ class ADAgent {
   static constexpr std::chrono::minutes SITE_LIFE{10};
   static constexpr std::chrono::seconds SITE_RETRY{30};
   std::string siteName();
+  // What siteName gave last, empty before. Asks nobody and waits for nothing.
+  std::string lastSiteName();
 
   // One object, from the catalogue or, when that cannot be reached, from a controller; null when there is none, or for
   // an empty name. Throws LDAPException and KerberosException as ADCacheBinding::search.
@@ -81,10 +83,11 @@ class ADAgent {
   KerberosContext m_kerberos;
 
   lumo::Mutex m_siteMutex;  // of all below, held while the site is asked
-  std::string m_site;
+  std::string m_site;       // written under m_siteNameMutex too
   bool m_siteAsked = false;
   std::chrono::steady_clock::time_point m_siteDue;
   unsigned m_siteConnections = 0;
+  lumo::Mutex m_siteNameMutex;
 };
 
 // The lookup function for the agent's bindings: the given binding itself for its own domain, else a new binding with

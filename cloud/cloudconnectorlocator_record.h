@@ -3,12 +3,14 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "basalt/directory_object.h"
 #include "base/include/mutex.h"
 
 class ADAgent;
+class CloudConnectorLocator;
 
 inline constexpr char LOCATOR_LOGGER[] = "base.cloudconnector.locator";
 
@@ -45,6 +47,13 @@ class LocatorLock {
   lumo::Lock m_lock;
 };
 
+struct CloudConnectorLocatorDeleter {
+  void operator()(const CloudConnectorLocator* locator) const;
+};
+using CloudConnectorLocatorOwner = std::unique_ptr<CloudConnectorLocator, CloudConnectorLocatorDeleter>;
+// The owner of the process-wide instance; empty until somebody asked for it.
+CloudConnectorLocatorOwner& theLocator(const LocatorLock& held);
+
 // The setting of a keyword, empty for an unknown one.
 std::string keywordToSetting(const LocatorLock& held, const std::string& keyword);
 void fillKeywordMap(const LocatorLock& held);
@@ -52,8 +61,11 @@ void fillKeywordMap(const LocatorLock& held);
 // The text between "://" and the next ":"; empty where either is missing, so for every URL without a port.
 std::string getFqdnFromUrl(const std::string& url);
 
-// The ports of a record as state and report write them: "-" for what is not enabled.
+// The search terms for the computers of that DNS name, side by side as ADAgent::searchGCorDC takes them.
+std::string computerFilter(const std::string& fqdn);
+
+// The ports of a record; another text for what is not enabled, by default that of state and report.
 struct ConnectorPorts {
   std::string webProxy, iwaHttp, iwaHttps;
 };
-ConnectorPorts connectorPorts(const ADObjectPtr& connector);
+ConnectorPorts connectorPorts(const ADObjectPtr& connector, const char* notEnabled = "-");

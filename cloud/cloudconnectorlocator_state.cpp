@@ -58,11 +58,11 @@ ADObjectPtr recordOf(const std::vector<std::string>& fields) {
 
 }  // namespace
 
-ConnectorPorts connectorPorts(const ADObjectPtr& connector) {
+ConnectorPorts connectorPorts(const ADObjectPtr& connector, const char* notEnabled) {
   const lumo::ADObject& record = *connector;
   const bool iwa = isOn(record, LUMO_CLOUD_CONNECTOR_IWA_ENABLED);
   const auto port = [&](bool enabled, const char* setting) {
-    return enabled ? record.getString(setting, std::string()) : std::string(NOT_ENABLED);
+    return enabled ? record.getString(setting, std::string()) : std::string(notEnabled);
   };
   return {port(isOn(record, LUMO_CLOUD_WEB_PROXYENABLED), LUMO_CLOUD_CONNECTOR_PORT),
           port(iwa, LUMO_CLOUD_CONNECTOR_IWA_HTTP_PORT),

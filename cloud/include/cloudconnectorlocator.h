@@ -104,6 +104,11 @@ class CloudConnectorLocator {
   void rebuildTryList(const LocatorLock& held);
   static long getRecoverInterval();  // seconds
 
+  // cloudconnectorlocator_select.cpp: false when all were tried.
+  bool takeNextConnector(const LocatorLock& held);
+  // What was discarded is tried again where it looks fit, and a search comes soon.
+  void recover(const LocatorLock& held);
+
   // cloudconnectorlocator_state.cpp: what the next process starts with.
   void readKset(const LocatorLock& held);
   void updateKsetFile(const LocatorLock& held);
@@ -114,6 +119,7 @@ class CloudConnectorLocator {
   ADObjectPtr fetchCloudConnectorObject(const LocatorLock& held, const std::string& fqdn);
 
   // cloudconnectorlocator_report.cpp
+  void appendReport(const LocatorLock& held, std::string& out);
   static void appendConnectorReport(std::string& out, const ADObjectPtr& connector);
   bool getConnectorInfo(const LocatorLock& held, const std::string& fqdn, CloudConnectorInfo& out);
   void appendTriedConnectors(const LocatorLock& held, const std::string& filter, std::vector<CloudConnectorInfo>& out);

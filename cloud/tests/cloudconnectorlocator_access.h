@@ -13,12 +13,24 @@ struct CloudConnectorLocatorAccess {
   using Entries = CloudConnectorLocator::Entries;
   using Names = CloudConnectorLocator::Names;
 
-  explicit CloudConnectorLocatorAccess(const std::string& url = std::string())
-      : locator(*new CloudConnectorLocator(url)) {}
-  ~CloudConnectorLocatorAccess() { delete &locator; }
+  explicit CloudConnectorLocatorAccess(const std::string& url = std::string()) : own(make(url)), locator(*own) {}
+  // Of somebody else's, e.g. the process-wide one.
+  explicit CloudConnectorLocatorAccess(CloudConnectorLocator& wrapped) : locator(wrapped) {}
+  explicit CloudConnectorLocatorAccess(const CloudConnectorLocatorOwner& owner) : locator(*owner) {}
   CloudConnectorLocatorAccess(const CloudConnectorLocatorAccess&) = delete;
   CloudConnectorLocatorAccess& operator=(const CloudConnectorLocatorAccess&) = delete;
 
+  static CloudConnectorLocatorOwner make(const std::string& url) {
+    return CloudConnectorLocatorOwner(new CloudConnectorLocator(url));
+  }
+  // The next getInstance makes a new locator and asks for the agent anew.
+  static void resetProcess() {
+    const LocatorLock held;
+    theLocator(held).reset();
+    g_adAgent = nullptr;
+  }
+
+  const CloudConnectorLocatorOwner own;
   CloudConnectorLocator& locator;
 
   std::string& zoneCloudUrl = locator.m_zoneCloudUrl;
@@ -52,6 +64,7 @@ struct CloudConnectorLocatorAccess {
   void logUnavailableConnector(const ADObjectPtr& connector) const { locator.logUnavailableConnector(connector); }
   static const char* const* getSearchAttributes() { return CloudConnectorLocator::getSearchAttributes(); }
   void processList(const boost::shared_ptr<ADObjectList>& found) { locator.processList(LocatorLock(), found); }
+  void tryOverrideFirst() { locator.tryOverrideFirst(LocatorLock()); }
   void decideCloudUrl() { locator.decideCloudUrl(LocatorLock()); }
   void insertCloudConnectors(Entries& current, Entries& other, const std::string& url) {
     locator.insertCloudConnectors(LocatorLock(), current, other, url);
@@ -74,5 +87,8 @@ struct CloudConnectorLocatorAccess {
   }
   static void appendConnectorReport(std::string& out, const ADObjectPtr& connector) {
     CloudConnectorLocator::appendConnectorReport(out, connector);
+  }
+  bool getConnectorInfo(const std::string& fqdn, CloudConnectorInfo& out) {
+    return locator.getConnectorInfo(LocatorLock(), fqdn, out);
   }
 };

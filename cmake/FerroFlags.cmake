@@ -6,6 +6,11 @@ option(FERRO_FUZZ "Build the fuzz targets (clang only)" OFF)
 option(FERRO_COVERAGE "Instrument for line coverage" OFF)
 set(FERRO_SANITIZE "" CACHE STRING "Sanitizers, comma separated: address,undefined or thread")
 
+# A changed compiler makes CMake forget what the preset said: such a build would have no sanitizers and tell nobody.
+if(NOT CMAKE_BUILD_TYPE)
+  message(FATAL_ERROR "No build type: configure with a preset, and a build folder of another compiler with --fresh")
+endif()
+
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE_PROGRAM}")

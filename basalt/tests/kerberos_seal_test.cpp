@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <unistd.h>
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
 
 #include <string>
 #include <vector>
@@ -14,7 +11,12 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "testsupport/keytab.h"
+#include "testsupport/sanitizers.h"
 #include "testsupport/temp_folder.h"
+
+#ifdef FERRO_SANITIZED_ADDRESS
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace {
 
@@ -281,7 +283,7 @@ TEST_F(KerberosSealTest, MissingAndDamagedKeytabsAreSaid) {
   const std::string text = failureOf<KerberosException>(bytes, keytab);
   EXPECT_THAT(text, HasSubstr("Cannot read the keytab " + keytab + ": "));
   EXPECT_THAT(text, HasSubstr("; repair it or join the machine again"));
-#ifdef __SANITIZE_ADDRESS__
+#ifdef FERRO_SANITIZED_ADDRESS
   __lsan_disable();  // the library forgets the half of an entry that it could read
 #endif
   // However the file is cut, the answer is a LUMOException with words.
@@ -289,7 +291,7 @@ TEST_F(KerberosSealTest, MissingAndDamagedKeytabsAreSaid) {
     testsupport::writeFile(keytab, good.substr(0, length));
     EXPECT_NE(failureOf<LUMOException>(bytes, keytab), "no failure") << length;
   }
-#ifdef __SANITIZE_ADDRESS__
+#ifdef FERRO_SANITIZED_ADDRESS
   __lsan_enable();
 #endif
 }

@@ -17,8 +17,9 @@
 
 #include "base/include/shredder.h"
 #include "testsupport/log_capture.h"
+#include "testsupport/sanitizers.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef FERRO_SANITIZED
 // The sanitizers turn mlock into nothing and lay out memory of their own.
 constexpr bool sanitized = true;
 #else
@@ -35,7 +36,7 @@ std::atomic<bool> wasWiped{false};
 
 }  // namespace
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef FERRO_SANITIZED
 // Takes the place of the C library's: the last moment at which a secret's memory can be looked at before it is gone.
 extern "C" int munlock(const void* start, std::size_t size) noexcept {
   const char* bytes = watched;

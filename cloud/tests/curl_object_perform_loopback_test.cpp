@@ -7,6 +7,7 @@
 
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
+#include "testsupport/sanitizers.h"
 #include "testsupport/temp_folder.h"
 
 using std::chrono::seconds;
@@ -201,7 +202,7 @@ TEST_F(CurlObjectTest, LargeBodyArrivesWhole) {
   EXPECT_TRUE(object.perform(urlOf(server), "", 0).second == body);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef FERRO_SANITIZED
 TEST_F(CurlObjectTest, NoMemoryForTheResponseIsAnExceptionAndTheObjectStaysUsable) {
   HttpServer server([](const HttpRequest& request) {
     return httpReply("200 OK", {}, request.target() == "/large" ? std::string(192 << 20, 'x') : "small");

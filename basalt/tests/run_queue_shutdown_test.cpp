@@ -74,6 +74,20 @@ TEST_F(RunQueueShutdownTest, LetsTheRunningItemEndAndDropsThoseThatWait) {
   for (const auto& item : dropped) EXPECT_TRUE(item.expired());
 }
 
+TEST_F(RunQueueShutdownTest, ReturnsWhenTheThreadsAreGone) {
+  struct Farewell {
+    ~Farewell() { notes->add("thread gone"); }
+    Notes* notes;
+  };
+  queue->enqueue(boost::make_shared<TestItem>("", 0, [this] {
+    thread_local const Farewell farewell{&notes};
+    notes.add("run");
+  }));
+  EXPECT_EQ(notes.await(1).size(), 1U);
+  queue->shutdown();
+  EXPECT_THAT(notes.all(), ElementsAre("run", "thread gone"));
+}
+
 TEST_F(RunQueueShutdownTest, WakesAThreadThatWaits) {
   queue->enqueue(noting("item", at(900)));
   ASSERT_TRUE(clock.awaitWaiting(at(900)));
@@ -88,7 +102,7 @@ TEST_F(RunQueueShutdownTest, OfAllRefusesInAllQueuesBeforeItWaits) {
   Gate go;
   queue->enqueue(boost::make_shared<TestItem>("running", 0, [&] {
     running.open();
-    go.await();
+    notes.add(go.await() ? "let go" : "left waiting");
   }));
   ASSERT_TRUE(running.await());
   std::thread shutting([] { RunQueue::shutdownAll(); });
@@ -96,6 +110,7 @@ TEST_F(RunQueueShutdownTest, OfAllRefusesInAllQueuesBeforeItWaits) {
   EXPECT_EQ(refusal(other), "The queue 'zone' is shutting down.");
   go.open();
   shutting.join();
+  EXPECT_THAT(notes.all(), ElementsAre("let go"));
   EXPECT_EQ(RunQueue::getRunQueue("test", false, 0), nullptr);
 }
 

@@ -48,25 +48,18 @@ bool isRefusal(const LDAPException& failure) { return !isServerUnavailable(failu
 class LdapConnector : public DirectoryConnector {
  public:
   std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    const LocatorSources sources{
-        lookUpSrv, [this](const auto& servers, const std::string& domain) { return m_ping(servers, domain); },
-        askForest, randomUpTo};
-    return openFirst(target, locateServers(target, sources));
+    return openFirst(target, locateServers(target, m_sources));
   }
 
   std::string site(const std::string& domain) override {
     try {
-      const SrvAnswer answer = lookUpSrv("_ldap._tcp.dc._msdcs." + domain);
-      std::vector<DirectoryServer> servers;
-      for (const SrvRecord& record : orderSrvRecords(answer.records, randomUpTo)) {
-        servers.push_back({record.target, record.port});
-      }
-      const auto reply = netlogonPing(servers, domain);
-      return reply ? reply->clientSite : std::string();
+      const auto reply = m_ping.renew(domainControllers(domain, m_sources), domain);
+      if (reply) return reply->clientSite;
+      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "No controller of '%s' tells the site", domain.c_str());
     } catch (const std::exception& failure) {
       LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The site in '%s' is not known: %s", domain.c_str(), failure.what());
-      return {};
     }
+    return {};
   }
 
  private:
@@ -101,6 +94,9 @@ class LdapConnector : public DirectoryConnector {
   }
 
   PingMemory m_ping{[](const auto& servers, const std::string& domain) { return netlogonPing(servers, domain); }};
+  const LocatorSources m_sources{
+      lookUpSrv, [this](const auto& servers, const std::string& domain) { return m_ping(servers, domain); }, askForest,
+      randomUpTo};
 };
 
 }  // namespace

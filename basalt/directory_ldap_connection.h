@@ -14,8 +14,9 @@ namespace lumo {
 
 // How long a server may take.
 struct LdapLimits {
-  std::chrono::milliseconds connect{5000};     // to take the connection, and for each step of the bind
-  std::chrono::milliseconds operation{15000};  // for each request and each page of a search
+  std::chrono::milliseconds connect{5000};                    // to take the connection, and for each step of the bind
+  std::chrono::milliseconds operation{15000};                 // for each request and each page of a search
+  std::chrono::milliseconds search = DIRECTORY_SEARCH_LIMIT;  // for all pages of a search
 };
 
 // Owns the library's connection: ldap_unbind_ext. The peer that closed first raises no signal.
@@ -50,9 +51,11 @@ class LdapConnection : public DirectoryConnection {
   void setOption(int option, T value);
   std::string defaultBase();
   std::vector<ADObjectPtr> searchAll(const DirectorySearch& what, bool paged);
-  Page searchPage(const DirectorySearch& what, const std::string* cookie);
+  Page searchPage(const DirectorySearch& what, const std::string* cookie, SteadyTime end);
   void readEntries(LDAPMessage* result, std::vector<ADObjectPtr>& objects);
-  void completeRanges(ADObject& object);
+  ADAttribute readValues(LDAPMessage* entry, const char* name);
+  void completeRanges(ADObject& object, SteadyTime end);
+  ADAttribute completed(const ADObject& object, const std::string& partName, SteadyTime end);
 
   const DirectoryServer m_server;
   const bool m_globalCatalog;

@@ -1,5 +1,6 @@
 // Searches of an LDAP connection: pages, entries, values in ranges.
-#include <strings.h>
+#include <algorithm>
+#include <utility>
 
 #include "basalt/directory_ldap_connection.h"
 #include "basalt/directory_ldap_handles.h"
@@ -48,15 +49,6 @@ std::string nextCookie(LDAP* ld, LDAPControl** controls) {
   return bytes;
 }
 
-std::vector<std::string> valuesOf(LDAP* ld, LDAPMessage* entry, const char* attribute) {
-  std::vector<std::string> values;
-  const LdapValues found(ldap_get_values_len(ld, entry, attribute));
-  for (berval** one = found.get(); one != nullptr && *one != nullptr; ++one) {
-    values.emplace_back((*one)->bv_val, (*one)->bv_len);
-  }
-  return values;
-}
-
 // Where the values in an attribute named "NAME;range=0-1499" go on; nothing behind the last ("NAME;range=1500-*").
 struct Range {
   std::string attribute;
@@ -100,27 +92,31 @@ std::string LdapConnection::defaultBase() {
 
 std::vector<ADObjectPtr> LdapConnection::searchAll(const DirectorySearch& what, bool paged) {
   const NoBrokenPipe guard;
+  const SteadyTime end = std::chrono::steady_clock::now() + m_limits.search;
   const std::string first;
-  Page page = searchPage(what, paged ? &first : nullptr);
+  Page page = searchPage(what, paged ? &first : nullptr, end);
   std::vector<ADObjectPtr> objects = std::move(page.objects);
   for (int pages = 1; !page.cookie.empty(); ++pages) {
     if (pages == MAX_PAGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's pages do not end");
-    page = searchPage(what, &page.cookie);
+    page = searchPage(what, &page.cookie, end);
     objects.insert(objects.end(), page.objects.begin(), page.objects.end());
   }
-  for (const ADObjectPtr& object : objects) completeRanges(*object);
+  for (const ADObjectPtr& object : objects) completeRanges(*object, end);
   return objects;
 }
 
-LdapConnection::Page LdapConnection::searchPage(const DirectorySearch& what, const std::string* cookie) {
+LdapConnection::Page LdapConnection::searchPage(const DirectorySearch& what, const std::string* cookie,
+                                                SteadyTime end) {
   const std::string doing = "Cannot search '" + what.base + "'";
   requireUsable(doing);
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  if (left.count() <= 0) fail(LDAP_TIMEOUT, doing);
   std::vector<char*> attributes;
   for (const std::string& name : what.attributes) attributes.push_back(const_cast<char*>(name.c_str()));
   attributes.push_back(nullptr);
   const LdapControl control = cookie != nullptr ? pageControl(m_ld.get(), *cookie) : nullptr;
   LDAPControl* controls[] = {control.get(), nullptr};
-  timeval limit = timeOf(m_limits.operation);
+  timeval limit = timeOf(std::min(m_limits.operation, left));
   int id = 0;
   int rc = ldap_search_ext(m_ld.get(), what.base.c_str(), scopeOf(what.scope), what.filter.c_str(),
                            what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr, &limit,
@@ -128,7 +124,7 @@ LdapConnection::Page LdapConnection::searchPage(const DirectorySearch& what, con
   if (rc != LDAP_SUCCESS) fail(rc, doing);
 
   LDAPMessage* answer = nullptr;
-  limit = timeOf(m_limits.operation);
+  limit = timeOf(std::min(m_limits.operation, left));
   const int got = ldap_result(m_ld.get(), id, LDAP_MSG_ALL, &limit, &answer);
   const LdapMessage result(answer);
   if (got == 0) {
@@ -160,35 +156,57 @@ void LdapConnection::readEntries(LDAPMessage* result, std::vector<ADObjectPtr>& 
     LdapText name(ldap_first_attribute(ld, entry, &position));
     const LdapAttributes attributes(position);
     for (; name; name.reset(ldap_next_attribute(ld, entry, position))) {
-      object->set(name.get(), valuesOf(ld, entry, name.get()));
+      (*object)[name.get()] = readValues(entry, name.get());
     }
     objects.push_back(object);
   }
 }
 
+ADAttribute LdapConnection::readValues(LDAPMessage* entry, const char* name) {
+  LDAP* ld = m_ld.get();
+  int rc = LDAP_SUCCESS;
+  ldap_set_option(ld, LDAP_OPT_RESULT_CODE, &rc);
+  const LdapValues found(ldap_get_values_len(ld, entry, name));
+  if (!found && errorOf(ld) != LDAP_SUCCESS) return ADAttribute::unreadable();
+  std::vector<std::string> values;
+  for (berval** one = found.get(); one != nullptr && *one != nullptr; ++one) {
+    values.emplace_back((*one)->bv_val, (*one)->bv_len);
+  }
+  return ADAttribute(std::move(values));
+}
+
 // A server gives the values of a long attribute in parts, each under a name that tells which they are. The plain name
-// then holds all of them.
-void LdapConnection::completeRanges(ADObject& object) {
+// then holds all of them; part of them alone would look like the whole.
+void LdapConnection::completeRanges(ADObject& object, SteadyTime end) {
   const auto received = object.attributes();
   for (const auto& [name, attribute] : received) {
     Range range;
-    if (!readRange(name, range)) continue;
-    const std::string plain = range.attribute;
-    std::vector<std::string> values = attribute.values();
-    for (int parts = 0; !range.next.empty(); ++parts) {
-      if (parts == MAX_RANGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's values do not end");
-      const std::string wanted = plain + RANGE_OPTION + range.next + "-*";
-      range.next.clear();
-      const Page page = searchPage({object.dn(), SearchScope::Base, "(objectClass=*)", {wanted}}, nullptr);
-      for (const ADObjectPtr& part : page.objects) {
-        for (const auto& [partName, more] : part->attributes()) {
-          if (!readRange(partName, range)) continue;
-          values.insert(values.end(), more.values().begin(), more.values().end());
-        }
-      }
-    }
-    object.set(plain, std::move(values));
+    if (readRange(name, range)) object[range.attribute] = completed(object, name, end);
   }
+}
+
+ADAttribute LdapConnection::completed(const ADObject& object, const std::string& partName, SteadyTime end) {
+  Range range;
+  readRange(partName, range);
+  const std::string plain = range.attribute;
+  std::vector<std::string> values = object[partName].values();
+  for (int parts = 0; !range.next.empty(); ++parts) {
+    if (parts == MAX_RANGES) return ADAttribute::unreadable();
+    const std::string wanted = plain + RANGE_OPTION + range.next + "-*";
+    const Page page = searchPage({object.dn(), SearchScope::Base, "(objectClass=*)", {wanted}}, nullptr, end);
+    if (page.objects.empty()) return ADAttribute::unreadable();
+    bool more = false;
+    for (const auto& [name, part] : page.objects.front()->attributes()) {
+      Range next;
+      if (!readRange(name, next) || lower(next.attribute) != lower(plain)) continue;
+      if (part.isNull()) return ADAttribute::unreadable();
+      more = true;
+      range.next = next.next;
+      values.insert(values.end(), part.values().begin(), part.values().end());
+    }
+    if (!more) return ADAttribute::unreadable();
+  }
+  return object[partName].isNull() ? ADAttribute::unreadable() : ADAttribute(std::move(values));
 }
 
 }  // namespace lumo

@@ -83,12 +83,16 @@ DirectoryServer given(const std::string& server, bool globalCatalog) {
 
 }  // namespace
 
+std::vector<DirectoryServer> domainControllers(const std::string& domain, const LocatorSources& sources) {
+  return required("_ldap._tcp.dc._msdcs." + domain, domain, sources);
+}
+
 std::vector<DirectoryServer> locateServers(const DirectoryConnector::Target& target, const LocatorSources& sources) {
   if (!target.server.empty()) return {given(target.server, target.globalCatalog)};
   if (target.domain.empty()) {
     LUMO_THROW(DNSUnavailableException, -1, "No directory server was found: the name of the domain is empty");
   }
-  const auto ofDomain = required("_ldap._tcp.dc._msdcs." + target.domain, target.domain, sources);
+  const auto ofDomain = domainControllers(target.domain, sources);
   std::optional<NetlogonReply> reply;
   if (target.site.empty() || target.globalCatalog) reply = sources.ping(ofDomain, target.domain);
   const std::string site = !target.site.empty() ? target.site : reply ? reply->clientSite : std::string();

@@ -21,6 +21,9 @@ struct LocatorSources {
   RandomUpTo random;
 };
 
+// The controllers of a domain in the order in which to try them. Throws as locateServers.
+std::vector<DirectoryServer> domainControllers(const std::string& domain, const LocatorSources& sources);
+
 // The servers for a target, those of the host's site first. A given server stands alone. Throws
 // DNSUnavailableException with words that say what to look at.
 std::vector<DirectoryServer> locateServers(const DirectoryConnector::Target& target, const LocatorSources& sources);

@@ -92,15 +92,19 @@ std::optional<NetlogonReply> netlogonPing(const std::vector<DirectoryServer>& se
 
 std::optional<NetlogonReply> PingMemory::operator()(const std::vector<DirectoryServer>& servers,
                                                     const std::string& domain) {
+  {
+    const Lock lock(m_mutex);
+    const auto known = m_known.find(lower(domain));
+    if (known != m_known.end() && Clock::getInstance().steadyNow() < known->second.until) return known->second.reply;
+  }
+  return renew(servers, domain);
+}
+
+std::optional<NetlogonReply> PingMemory::renew(const std::vector<DirectoryServer>& servers, const std::string& domain) {
   const auto now = Clock::getInstance().steadyNow();
-  const std::string key = lower(domain);
-  Lock lock(m_mutex);
-  const auto known = m_known.find(key);
-  if (known != m_known.end() && now < known->second.until) return known->second.reply;
-  lock.unLock();
   auto reply = m_ping(servers, domain);
-  lock.doLock();
-  if (reply) m_known[key] = Known{*reply, now + LIFE};
+  const Lock lock(m_mutex);
+  if (reply) m_known[lower(domain)] = Known{*reply, now + LIFE};
   return reply;
 }
 

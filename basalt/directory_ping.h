@@ -51,6 +51,8 @@ class PingMemory {
 
   explicit PingMemory(Ping ping) : m_ping(std::move(ping)) {}
   std::optional<NetlogonReply> operator()(const std::vector<DirectoryServer>& servers, const std::string& domain);
+  // Pings whatever is remembered; a reply is then remembered, silence leaves the last one until its time.
+  std::optional<NetlogonReply> renew(const std::vector<DirectoryServer>& servers, const std::string& domain);
 
  private:
   struct Known {

@@ -1,6 +1,7 @@
 #include "testsupport/memory_directory.h"
 
 #include <algorithm>
+#include <set>
 
 #include "base/include/exceptions.h"
 #include "base/include/string_helpers.h"
@@ -87,7 +88,7 @@ void MemoryDirectory::add(const std::string& dn, const std::map<std::string, std
   object->set(AD_DN, {dn});
   if (!object->attributeExists("objectClass", true)) object->set("objectClass", {"top"});
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_objects[dn] = object;
+  m_objects[dn] = {object, dnsDomainOf(dn)};
 }
 
 void MemoryDirectory::remove(const std::string& dn) {
@@ -95,25 +96,47 @@ void MemoryDirectory::remove(const std::string& dn) {
   m_objects.erase(dn);
 }
 
+void MemoryDirectory::makeUnreadable(const std::string& dn, const std::string& attribute) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  (*m_objects.at(dn).object)[attribute] = lumo::ADAttribute::unreadable();
+}
+
 void MemoryDirectory::hideFromCatalogue(const std::string& attribute) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_hidden.push_back(attribute);
 }
 
-void MemoryDirectory::failOpen(Failure failure, int times) {
-  const std::lock_guard<std::mutex> lock(m_mutex);
-  m_openFailure.reset(new Pending{std::move(failure), times});
+void MemoryDirectory::Failures::set(const Failure& failure, int times, Servers servers) {
+  if (servers != Servers::Catalogue) of[0] = Pending{failure, times};
+  if (servers != Servers::Domain) of[1] = Pending{failure, times};
+  // One count for all servers together.
+  shared = servers == Servers::All;
 }
 
-void MemoryDirectory::failSearch(Failure failure, int times) {
+void MemoryDirectory::Failures::meet(const Target& target) {
+  std::optional<Pending>& due = of[target.globalCatalog ? 1 : 0];
+  if (!due || due->times == 0) return;
+  if (due->times > 0) {
+    --due->times;
+    if (shared) of[target.globalCatalog ? 0 : 1] = due;
+  }
+  fail(due->failure, target.domain);
+}
+
+void MemoryDirectory::failOpen(Failure failure, int times, Servers servers) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_searchFailure.reset(new Pending{std::move(failure), times});
+  m_openFailures.set(failure, times, servers);
+}
+
+void MemoryDirectory::failSearch(Failure failure, int times, Servers servers) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_searchFailures.set(failure, times, servers);
 }
 
 void MemoryDirectory::clearFailures() {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_openFailure.reset();
-  m_searchFailure.reset();
+  m_openFailures = {};
+  m_searchFailures = {};
 }
 
 std::vector<DirectoryConnector::Target> MemoryDirectory::opened() const {
@@ -126,48 +149,79 @@ std::vector<MemoryDirectory::Search> MemoryDirectory::searches() const {
   return m_searches;
 }
 
+void MemoryDirectory::forgetQuestions() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_opened.clear();
+  m_searches.clear();
+}
+
 void MemoryDirectory::setSite(const std::string& site) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_site = site;
 }
 
+int MemoryDirectory::sitesAsked() const {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_sitesAsked;
+}
+
 std::string MemoryDirectory::site(const std::string&) {
   const std::lock_guard<std::mutex> lock(m_mutex);
+  ++m_sitesAsked;
   return m_site;
 }
 
 std::unique_ptr<DirectoryConnection> MemoryDirectory::open(const Target& target) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_opened.push_back(target);
-  if (m_openFailure && m_openFailure->times != 0) {
-    if (m_openFailure->times > 0) --m_openFailure->times;
-    fail(m_openFailure->failure, target.domain);
-  }
+  m_openFailures.meet(target);
   return std::make_unique<Connection>(*this, target);
+}
+
+MemoryDirectory::Candidates MemoryDirectory::candidates(const std::string& base, const DirectorySearch& what) const {
+  Candidates result;
+  const auto add = [&](const std::string& dn) {
+    const auto found = m_objects.find(dn);
+    if (found != m_objects.end()) result.objects.push_back(found);
+  };
+  if (what.scope == SearchScope::Base) {
+    add(base);
+  } else if (const auto names = namesAskedFor(what.filter)) {
+    const std::set<std::string, lumo::StringCaseLessThan> each(names->begin(), names->end());
+    for (const std::string& dn : each) add(dn);
+    result.filtered = true;
+  } else {
+    for (auto one = m_objects.begin(); one != m_objects.end(); ++one) result.objects.push_back(one);
+  }
+  return result;
+}
+
+// The object as the server shows it.
+ADObjectPtr MemoryDirectory::shown(const Target& target, const lumo::ADObject& object,
+                                   const DirectorySearch& what) const {
+  ADObjectPtr copy(new lumo::ADObject(object.dn()));
+  for (const auto& [name, attribute] : object.attributes()) {
+    const bool visible = !target.globalCatalog || !holds(m_hidden, name);
+    if (visible && (what.attributes.empty() || holds(what.attributes, name))) (*copy)[name] = attribute;
+  }
+  return copy;
 }
 
 std::vector<ADObjectPtr> MemoryDirectory::search(const Target& target, const DirectorySearch& what) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_searches.push_back({target.globalCatalog, target.domain, what});
-  if (m_searchFailure && m_searchFailure->times != 0) {
-    if (m_searchFailure->times > 0) --m_searchFailure->times;
-    fail(m_searchFailure->failure, target.domain);
-  }
+  m_searchFailures.meet(target);
+  matchesFilter(lumo::ADObject(), what.filter);  // a fault in it is told whatever objects there are
+  const std::string domain = lower(target.domain);
   const std::string base = what.base.empty() && !target.globalCatalog ? dnOf(target.domain) : what.base;
   std::vector<ADObjectPtr> found;
-  for (const auto& [dn, object] : m_objects) {
-    if (!target.globalCatalog && dnsDomainOf(dn) != lower(target.domain)) continue;
-    ADObjectPtr visible(new lumo::ADObject(dn));
-    for (const auto& [name, attribute] : object->attributes()) {
-      if (!target.globalCatalog || !holds(m_hidden, name)) visible->set(name, attribute.values());
-    }
+  const Candidates looked = candidates(base, what);
+  for (const auto& one : looked.objects) {
+    const auto& [dn, held] = *one;
+    if (!target.globalCatalog && held.domain != domain) continue;
     // The filter sees the whole object: a catalogue may know by an index what it does not show.
-    if (!inScope(dn, base, what.scope) || !matchesFilter(*object, what.filter)) continue;
-    ADObjectPtr copy(new lumo::ADObject(dn));
-    for (const auto& [name, attribute] : visible->attributes()) {
-      if (what.attributes.empty() || holds(what.attributes, name)) copy->set(name, attribute.values());
-    }
-    found.push_back(copy);
+    if (!inScope(dn, base, what.scope)) continue;
+    if (looked.filtered || matchesFilter(*held.object, what.filter)) found.push_back(shown(target, *held.object, what));
   }
   return found;
 }

@@ -122,6 +122,25 @@ class FilterReader {
 
 }  // namespace
 
+std::optional<std::vector<std::string>> namesAskedFor(const std::string& filter) {
+  static const std::string start = std::string("(") + AD_DN + "=";
+  const bool several = filter.compare(0, 2, "(|") == 0;
+  std::vector<std::string> names;
+  std::size_t at = several ? 2 : 0;
+  while (startsWith(filter.substr(at, start.size()), start, true, false)) {
+    const std::size_t end = filter.find(')', at);
+    if (end == std::string::npos) return std::nullopt;
+    const auto parts = pieces(filter.substr(at + start.size(), end - at - start.size()));
+    if (parts.size() != 1) return std::nullopt;
+    names.push_back(parts.front());
+    at = end + 1;
+    if (!several) break;
+  }
+  const bool whole = several ? at + 1 == filter.size() && filter[at] == ')' : at == filter.size();
+  if (names.empty() || !whole) return std::nullopt;
+  return names;
+}
+
 bool matchesFilter(const lumo::ADObject& object, const std::string& filter) {
   return FilterReader(object, filter).whole();
 }

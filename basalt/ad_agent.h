@@ -24,10 +24,10 @@ class ADAgent {
   };
 
   // Makes this process one with an agent: opens the two bindings and asks for the site. A directory that cannot be
-  // reached is no failure: the bindings come up by themselves when they are used and it is there. Throws
-  // BadDataException "This process has an agent already", or "This host belongs to no domain: ..." when none is given
-  // or to be found; KerberosException when no Kerberos context can be made; and what lumo::loadSetting throws. The
-  // agent lives until stop(), or until the process ends. It takes up to SEARCH_LIMIT of the bindings for each of them.
+  // reached is no failure: the bindings come up by themselves when they are used and it is there. Takes up to
+  // ADCacheBinding::CONNECT_LIMIT for each of the two. Throws BadDataException "This process has an agent already", or
+  // "This host belongs to no domain: ..." when none is given or to be found; KerberosException when no Kerberos context
+  // can be made; and what lumo::loadSetting throws. The agent lives until stop(), or until the process ends.
   static void start(const Options& options);
   // Ends it; nothing happens without one. Nobody may hold or use the agent any more: queues are shut down before. Waits
   // for a connection that is being opened.

@@ -25,6 +25,11 @@ SearchScope scopeOf(int scope) {
   }
 }
 
+std::string spanText(std::chrono::milliseconds span) {
+  return span < std::chrono::seconds(1) ? std::to_string(span.count()) + " milliseconds"
+                                        : std::to_string(span.count() / 1000) + " seconds";
+}
+
 // Log messages and callers name an object by it.
 void addGuid(std::vector<std::string>& attributes) {
   if (attributes.empty()) return;  // all
@@ -151,10 +156,9 @@ void ADCacheBinding::connect() {
     m_opening = std::async(std::launch::async, [target = m_target, ccache = m_ccache] { return open(target, ccache); });
   }
   if (m_opening.wait_for(m_connectLimit) != std::future_status::ready) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(m_connectLimit).count();
     lose({false, serverUnavailable("").rc(),
-          lumo::exceptionMessage("No directory server of the domain '%s' was reached within %lld seconds",
-                                 m_target.domain.c_str(), static_cast<long long>(seconds))});
+          lumo::exceptionMessage("No directory server of the domain '%s' was reached within %s",
+                                 m_target.domain.c_str(), spanText(m_connectLimit).c_str())});
   }
   Opened opened = m_opening.get();
   if (opened.failure) lose(std::move(*opened.failure));

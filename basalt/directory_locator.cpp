@@ -84,14 +84,14 @@ DirectoryServer given(const std::string& server, bool globalCatalog) {
 }  // namespace
 
 std::vector<DirectoryServer> domainControllers(const std::string& domain, const LocatorSources& sources) {
+  if (domain.empty()) {
+    LUMO_THROW(DNSUnavailableException, -1, "No directory server was found: the name of the domain is empty");
+  }
   return required("_ldap._tcp.dc._msdcs." + domain, domain, sources);
 }
 
 std::vector<DirectoryServer> locateServers(const DirectoryConnector::Target& target, const LocatorSources& sources) {
   if (!target.server.empty()) return {given(target.server, target.globalCatalog)};
-  if (target.domain.empty()) {
-    LUMO_THROW(DNSUnavailableException, -1, "No directory server was found: the name of the domain is empty");
-  }
   const auto ofDomain = domainControllers(target.domain, sources);
   std::optional<NetlogonReply> reply;
   if (target.site.empty() || target.globalCatalog) reply = sources.ping(ofDomain, target.domain);

@@ -1,6 +1,7 @@
 // A Kerberos credential source without a KDC.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <vector>
@@ -9,7 +10,7 @@
 
 namespace testsupport {
 
-// In force from construction to destruction. One thread.
+// In force from construction to destruction. One thread, but for the cache that bindings of an agent ask for on theirs.
 class FakeCredentialSource : public KerberosCredentialSource {
  public:
   FakeCredentialSource() { setInstance(this); }
@@ -32,7 +33,7 @@ class FakeCredentialSource : public KerberosCredentialSource {
   std::string machineCacheName = "MEMORY:machine";
   std::string machineError = "no machine account";
   std::vector<Request> requests;
-  int machineCacheCalls = 0;
+  std::atomic<int> machineCacheCalls{0};
 
   krb5_error_code ticketByPassword(krb5_context context, krb5_principal principal, const lumo::Shredder& password,
                                    const std::string& realm, int lifetime, krb5_creds* creds,

@@ -106,8 +106,6 @@ TEST(ServerUnavailable, IsToldByTheResultCode) {
   for (const int rc : {1, 10, 32, 49, 50, 53, -2, -7}) EXPECT_FALSE(isServerUnavailable(code(rc))) << rc;
 }
 
-TEST(Agent, IsNotThereUnlessTheProcessStartedOne) { EXPECT_EQ(ADAgent::GetADAgent(false, true), nullptr); }
-
 TEST_F(Binding, AgentsLookupKeepsTheBindingOfItsOwnDomain) {
   ADBinding binding("corp.test", "c", false, "", "", nullptr);
   void (*deleter)(ADBind*) = [](ADBind*) {};
@@ -147,6 +145,14 @@ TEST_F(Binding, AgentsLookupRefusesABindingOfAnotherKind) {
     EXPECT_EQ(failure.rc(), 2);
   }
   EXPECT_EQ(deleter, nullptr);
+}
+
+TEST(ConnectionLost, IsToldByTheResultCode) {
+  const auto code = [](int rc) { return LDAPException("f", 1, "m", "LDAPException", rc); };
+  for (const int rc : {-1, -11, -2, 52}) EXPECT_TRUE(isConnectionLost(code(rc))) << rc;
+  for (const int rc : {-5, 51, 1, 10, 32, 49, 50, 53, -7}) EXPECT_FALSE(isConnectionLost(code(rc))) << rc;
+  EXPECT_TRUE(isServerUnavailable(serverUnavailable("away")));
+  EXPECT_STREQ(serverUnavailable("away %s").what(), "away %s");
 }
 
 }  // namespace

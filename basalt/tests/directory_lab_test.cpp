@@ -15,6 +15,7 @@
 #include "basalt/kerberos_credentials.h"
 #include "base/include/exceptions.h"
 #include "base/include/kerb_wrap.h"
+#include "testsupport/lab_control.h"
 #include "testsupport/process.h"
 #include "testsupport/temp_folder.h"
 
@@ -23,19 +24,11 @@ namespace {
 using testing::Contains;
 using testing::HasSubstr;
 using testing::SizeIs;
+using testsupport::env;
+using testsupport::labControl;
 using testsupport::ProcessOptions;
 using testsupport::run;
 using testsupport::TempFolder;
-
-std::string env(const char* name) {
-  const char* value = std::getenv(name);
-  return value != nullptr ? value : "";
-}
-
-void labControl(const std::string& verb, const std::string& daemon) {
-  const auto result = run({env("FERRO_LAB_TOOL"), "ctl", verb, daemon});
-  ASSERT_EQ(result.status, 0) << result.out << result.err;
-}
 
 void takeTicket(const std::string& principal, const std::string& password, const std::string& ccacheName) {
   ProcessOptions options;
@@ -237,7 +230,7 @@ TEST_F(DirectoryLab, UnknownDomainIsToldFromSilentServers) {
 TEST_F(DirectoryLab, StoppedControllerIsToldAndFoundAgain) {
   ADBinding binding(m_domain, m_cache, false, "", "", nullptr);
   binding.connect("", "", 0);
-  labControl("stop", "dc");
+  labControl({"stop", "dc"});
   std::string lost;
   const auto took = timeOf([&] {
     try {
@@ -258,7 +251,7 @@ TEST_F(DirectoryLab, StoppedControllerIsToldAndFoundAgain) {
     EXPECT_EQ(std::string(failure.what()),
               "No directory server of the domain '" + m_domain + "' answers: " + m_dc + ":389: Connection refused");
   }
-  labControl("start", "dc");
+  labControl({"start", "dc"});
   binding.connect("", "", 0);
   EXPECT_TRUE(binding.fetch(m_base, {AD_DN}));
 }
@@ -267,7 +260,7 @@ TEST_F(DirectoryLab, RestartedControllerIsFoundWithoutANewConnect) {
   ADBinding binding(m_domain, m_cache, false, "", "", nullptr);
   binding.connect("", "", 0);
   EXPECT_TRUE(binding.fetch(m_base, {AD_DN}));
-  labControl("restart", "dc");
+  labControl({"restart", "dc"});
   EXPECT_TRUE(binding.fetch(m_base, {AD_DN}));
 }
 

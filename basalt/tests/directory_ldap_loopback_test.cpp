@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <thread>
 #include <tuple>
 
+#include "basalt/ad_cache_binding.h"
 #include "basalt/directory_ldap.h"
 #include "basalt/directory_ldap_connection.h"
 #include "basalt/tests/netlogon_bytes.h"
@@ -84,6 +86,49 @@ TEST(LdapConnection, PutsValuesThatComeInPartsTogether) {
   const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"member"}});
   ASSERT_EQ(found.size(), 1U);
   EXPECT_THAT((*found.front())["member"].values(), ElementsAre("one", "two", "three"));
+}
+
+// Part of the values would look like all of them.
+TEST(LdapConnection, SaysOfAnAttributeThatTheServerShowsOnlyInPartThatItCannotBeRead) {
+  ScriptedServer server([&](const std::string& message) {
+    const bool more = message.find("keywords;range=1-*") != std::string::npos;
+    return (more ? std::string() : ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "keywords;range=0-0", "one"))) +
+           ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"keywords"}});
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_TRUE((*found.front())["keywords"].isNull());
+  EXPECT_TRUE(found.front()->attributeExists("keywords", true));
+}
+
+TEST(LdapConnection, SaysOfValuesThatCannotBeDecodedThatTheyCannotBeRead) {
+  ScriptedServer server([&](const std::string& message) {
+    // The set of values holds one that promises more bytes than there are.
+    const std::string damaged = berItem(0x30, berItem(0x04, "keywords") + berItem(0x31, std::string("\x04\x7fxy", 4)));
+    return ldapMessage(idOf(message), berItem(0x64, berItem(0x04, "CN=a,DC=b") + berItem(0x30, damaged))) +
+           ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"keywords"}});
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_TRUE((*found.front())["keywords"].isNull());
+}
+
+// Each page comes in time, and there is no end of them.
+TEST(LdapConnection, EndsWhenAllPagesTogetherTakeTooLong) {
+  ScriptedServer server([](const std::string& message) {
+    std::this_thread::sleep_for(milliseconds(20));
+    const std::string cookie = berItem(0x30, berItem(0x02, std::string(1, '\0')) + berItem(0x04, "next"));
+    const std::string control = berItem(0x30, berItem(0x04, "1.2.840.113556.1.4.319") + berItem(0x04, cookie));
+    return berItem(
+        0x30, berItem(0x02, std::string(1, static_cast<char>(idOf(message)))) + ldapDone(0) + berItem(0xa0, control));
+  });
+  LdapConnection connection(server.server(), true, {milliseconds(300), milliseconds(300), milliseconds(200)});
+  const Outcome lost = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
+  EXPECT_EQ(lost.rc, -5);
+  EXPECT_EQ(lost.text, "Cannot search 'DC=b': no answer in time");
+  EXPECT_LT(lost.took, SOON);
 }
 
 TEST(LdapConnection, AsksForPages) {
@@ -209,5 +254,21 @@ TEST(RealDirectory, NamesTheGivenServerThatDoesNotAnswer) {
               "No directory server of the domain 'corp.test' answers: " + name + ": Connection refused");
   }
 }
+
+// The agent's side of it: the same words, and a code that says that the server is not there.
+TEST(RealDirectory, GivesTheAgentsBindingItsWords) {
+  lumo::DirectoryServer server;
+  { const auto gone = boundSocket(SOCK_STREAM, server); }
+  const std::string name = "127.0.0.1:" + std::to_string(server.port);
+  ADCacheBinding binding({"corp.test", false, name, "", ""}, [] { return "FILE:/none"; });
+  for (int i = 0; i < 2; ++i) {
+    const Outcome lost = outcome([&] { binding.search({}); });
+    EXPECT_EQ(lost.rc, -11);
+    EXPECT_EQ(lost.text, "No directory server of the domain 'corp.test' answers: " + name + ": Connection refused");
+  }
+  EXPECT_FALSE(binding.isHealthy());
+}
+
+TEST(RealDirectory, TellsNoSiteOfADomainThatIsNoName) { EXPECT_EQ(ldapDirectoryConnector().site(""), ""); }
 
 }  // namespace

@@ -66,4 +66,38 @@ TEST(FilterValue, EscapesBytesThatAreNoAscii) {
   EXPECT_EQ(escapeFilterValue(std::string("\x00\x7f\x80\xff", 4)), "\\00\x7f\\80\\ff");
 }
 
+class ParentOfName : public testing::TestWithParam<NameCase> {};
+
+TEST_P(ParentOfName, IsWhatStandsBehindTheFirstComponent) {
+  EXPECT_EQ(LDAPBinding::parent(GetParam().dn), GetParam().domain) << GetParam().dn;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Plain, ParentOfName,
+    testing::Values(NameCase{"CN=proxy,CN=HOST1,CN=Computers,DC=corp,DC=test", "CN=HOST1,CN=Computers,DC=corp,DC=test"},
+                    NameCase{"DC=corp,DC=test", "DC=test"}, NameCase{"cn=a ,  Cn = B , dc=X", "Cn = B , dc=X"},
+                    NameCase{"CN=a+OU=b,DC=test", "DC=test"}));
+
+INSTANTIATE_TEST_SUITE_P(Escaped, ParentOfName,
+                         testing::Values(NameCase{"CN=Smith\\, John,OU=b\\,c,DC=test", "OU=b\\,c,DC=test"},
+                                         NameCase{"CN=a\\\\,DC=test", "DC=test"},
+                                         NameCase{"CN=a\\2C,DC=test", "DC=test"},
+                                         NameCase{"CN=a\\+b,DC=test", "DC=test"},
+                                         NameCase{"CN=#04024869,DC=#0c0474657374", "DC=#0c0474657374"},
+                                         NameCase{"CN=\\ a\\ ,CN=\\ b,DC=test", "CN=\\ b,DC=test"}));
+
+INSTANTIATE_TEST_SUITE_P(None, ParentOfName,
+                         testing::Values(NameCase{"", ""}, NameCase{"DC=test", ""}, NameCase{"corp.test", ""},
+                                         NameCase{"CN=a,,DC=test", ""}, NameCase{"CN=a,DC=test,", ""},
+                                         NameCase{"CN=a,garbage", ""}, NameCase{"<GUID=0>", ""}));
+
+TEST(DistinguishedName, IsToldFromOtherTexts) {
+  for (const char* name : {"DC=test", "CN=a\\,b,DC=test", "CN=a + OU=b , DC=test"}) {
+    EXPECT_TRUE(isDistinguishedName(name)) << name;
+  }
+  for (const char* text : {"", " ", "corp.test", "<SID=S-1-5-18>", "<GUID=0>", "CN=a,", "CN=a;DC=b"}) {
+    EXPECT_FALSE(isDistinguishedName(text)) << text;
+  }
+}
+
 }  // namespace

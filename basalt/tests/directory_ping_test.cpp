@@ -143,4 +143,22 @@ TEST(PingMemory, DoesNotRememberSilence) {
   EXPECT_EQ(pings, 2);
 }
 
+TEST(PingMemory, AsksAnewWhereThatIsWanted) {
+  testsupport::ManualClock clock;
+  int pings = 0;
+  lumo::PingMemory memory([&](const std::vector<lumo::DirectoryServer>&, const std::string&) {
+    lumo::NetlogonReply reply;
+    reply.clientSite = "Site" + std::to_string(++pings);
+    return pings == 3 ? std::nullopt : std::optional<lumo::NetlogonReply>(reply);
+  });
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site1");
+  EXPECT_EQ(memory.renew({}, "corp.test")->clientSite, "Site2");
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site2");
+  // Silence leaves what was known.
+  EXPECT_FALSE(memory.renew({}, "corp.test"));
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site2");
+  clock.advance(lumo::PingMemory::LIFE);
+  EXPECT_EQ(memory({}, "corp.test")->clientSite, "Site4");
+}
+
 }  // namespace

@@ -164,4 +164,63 @@ TEST_F(Forest, RemembersWhatItWasAsked) {
   EXPECT_EQ(m_directory.searches().front().what.filter, "(cn=a)");
 }
 
+TEST_F(Forest, FailsForTheCatalogueOrTheDomainsAlone) {
+  using Kind = MemoryDirectory::Failure::Kind;
+  using Servers = MemoryDirectory::Servers;
+  m_directory.failOpen({Kind::Unreachable, -1, ""}, -1, Servers::Catalogue);
+  EXPECT_NO_THROW(m_directory.open(m_domain));
+  EXPECT_THROW(m_directory.open(m_catalogue), lumo::IOException);
+  m_directory.failOpen({Kind::NoServers, -1, ""}, 1, Servers::Domain);
+  EXPECT_THROW(m_directory.open(m_catalogue), lumo::IOException);
+  EXPECT_THROW(m_directory.open(m_domain), lumo::DNSUnavailableException);
+  EXPECT_NO_THROW(m_directory.open(m_domain));
+  // One count for all servers.
+  m_directory.failOpen({Kind::Unreachable, -1, ""}, 2);
+  EXPECT_THROW(m_directory.open(m_domain), lumo::IOException);
+  EXPECT_THROW(m_directory.open(m_catalogue), lumo::IOException);
+  EXPECT_NO_THROW(m_directory.open(m_domain));
+  EXPECT_NO_THROW(m_directory.open(m_catalogue));
+}
+
+TEST_F(Forest, FindsByNamesWhatAFilterOfAnotherShapeFinds) {
+  const std::vector<std::string> both{"CN=h1\\,x,CN=Computers,DC=corp,DC=test", "CN=h2,DC=sub,DC=corp,DC=test"};
+  const std::string terms =
+      "(distinguishedName=cn=H1\\5c,x,CN=Computers,DC=corp,DC=test)"
+      "(DistinguishedName=CN=h2,DC=sub,DC=corp,DC=test)"
+      "(distinguishedName=CN=none,DC=corp,DC=test)";
+  for (const std::string& filter : {"(|" + terms + ")", "(|" + terms + "(cn=x))", "(|" + terms + terms + ")"}) {
+    EXPECT_THAT(names(m_catalogue, {"", SearchScope::Subtree, filter, {}}), testing::UnorderedElementsAreArray(both));
+    EXPECT_THAT(names(m_domain, {"", SearchScope::Subtree, filter, {}}), ElementsAre(both[0]));
+    EXPECT_THAT(names(m_catalogue, {"CN=Computers,DC=corp,DC=test", SearchScope::Subtree, filter, {}}),
+                ElementsAre(both[0]));
+  }
+  EXPECT_THAT(names(m_domain, {both[0], SearchScope::Base, "(objectClass=domain)", {}}), IsEmpty());
+}
+
+TEST(NamesAskedFor, AreReadFromAFilterOfNamesAlone) {
+  using testsupport::namesAskedFor;
+  EXPECT_THAT(*namesAskedFor("(distinguishedName=CN=a\\2a)"), ElementsAre("cn=a*"));
+  EXPECT_THAT(*namesAskedFor("(|(distinguishedName=CN=a)(DISTINGUISHEDNAME=CN=b))"), ElementsAre("cn=a", "cn=b"));
+  for (const char* other :
+       {"", "(cn=a)", "(|(cn=a))", "(|(distinguishedName=CN=a)(cn=b))", "(|)", "(distinguishedName=*)",
+        "(&(distinguishedName=CN=a))", "(distinguishedName=CN=a)(distinguishedName=CN=b)", "(|(distinguishedName=CN=a)",
+        "(|(distinguishedName=CN=a"}) {
+    EXPECT_FALSE(namesAskedFor(other)) << other;
+  }
+}
+
+TEST_F(Forest, ShowsThatAnAttributeCannotBeRead) {
+  m_directory.makeUnreadable("CN=h1\\,x,CN=Computers,DC=corp,DC=test", "secret");
+  const auto host = m_directory.open(m_domain)->search(
+      {"CN=h1\\,x,CN=Computers,DC=corp,DC=test", SearchScope::Base, "(objectClass=*)", {}});
+  ASSERT_EQ(host.size(), 1U);
+  EXPECT_TRUE((*host.front())["secret"].isNull());
+}
+
+TEST_F(Forest, TellsTheSiteAndCountsWhoAsks) {
+  m_directory.setSite("Paris");
+  EXPECT_EQ(m_directory.site("corp.test"), "Paris");
+  EXPECT_EQ(m_directory.sitesAsked(), 1);
+}
+
 }  // namespace

@@ -95,6 +95,13 @@ void CurlObject::setOpt(int option, const char* value) {
   options.insert(option);
 }
 
+void CurlObject::setOpt(int option, const lumo::Shredder2& secret) {
+  if (NegotiateLayer::owns(option)) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
+  if (!layer->withholds(option)) setCurl(handle, option, secret.c_str());
+  layer->keep(option, secret);
+  options.insert(option);
+}
+
 void CurlObject::setOpt(int option, void* object) {
   if (NegotiateLayer::owns(option)) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
   setCurl(handle, option, object);

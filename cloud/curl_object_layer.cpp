@@ -20,20 +20,22 @@ constexpr char EMPTY_PROXY_LINE[] = "Proxy-Authorization:";
 constexpr int OWN_OPTIONS[] = {CURLOPT_PROXY_GSS_SPN, CURLOPT_PROXY_GSS_CRED, CURLOPT_PROXY_GSS_SETUP_FUNCTION,
                                CURLOPT_PROXY_GSS_SETUP_DATA};
 
-// Texts that make the identity of a connection, and the mask that each belongs to.
+// Texts that make the identity of a connection, and the mask that each belongs to. Only a secret is worth locked
+// memory, which costs several system calls.
 struct WatchedText {
   int option;
   int mask;
+  bool secret;
 };
 constexpr WatchedText WATCHED_TEXTS[] = {
-    {CURLOPT_PROXY, 0},
-    {CURLOPT_PROXY_GSS_SPN, 0},
-    {CURLOPT_PROXYUSERPWD, CURLOPT_PROXYAUTH},
-    {CURLOPT_PROXYUSERNAME, CURLOPT_PROXYAUTH},
-    {CURLOPT_PROXYPASSWORD, CURLOPT_PROXYAUTH},
-    {CURLOPT_USERPWD, CURLOPT_HTTPAUTH},
-    {CURLOPT_USERNAME, CURLOPT_HTTPAUTH},
-    {CURLOPT_PASSWORD, CURLOPT_HTTPAUTH},
+    {CURLOPT_PROXY, 0, false},
+    {CURLOPT_PROXY_GSS_SPN, 0, false},
+    {CURLOPT_PROXYUSERPWD, CURLOPT_PROXYAUTH, true},
+    {CURLOPT_PROXYUSERNAME, CURLOPT_PROXYAUTH, false},
+    {CURLOPT_PROXYPASSWORD, CURLOPT_PROXYAUTH, true},
+    {CURLOPT_USERPWD, CURLOPT_HTTPAUTH, true},
+    {CURLOPT_USERNAME, CURLOPT_HTTPAUTH, false},
+    {CURLOPT_PASSWORD, CURLOPT_HTTPAUTH, true},
 };
 constexpr int WATCHED_MASKS[] = {CURLOPT_PROXYAUTH, CURLOPT_HTTPAUTH};
 
@@ -58,8 +60,8 @@ void copyCookies(CURL* from, CURL* to) {
 }  // namespace
 
 bool NegotiateLayer::Identity::operator==(const Identity& other) const {
-  return texts == other.texts && masks == other.masks && hasCredential == other.hasCredential &&
-         credentialOwner == other.credentialOwner;
+  return names == other.names && secrets == other.secrets && masks == other.masks &&
+         hasCredential == other.hasCredential && credentialOwner == other.credentialOwner;
 }
 
 bool NegotiateLayer::owns(int option) {
@@ -73,12 +75,23 @@ bool NegotiateLayer::keep(int option, long value) {
 }
 
 bool NegotiateLayer::keep(int option, const char* text) {
-  if (watchedText(option) == nullptr) return false;
+  const WatchedText* watched = watchedText(option);
+  if (watched == nullptr) return false;
   if (text == nullptr) {
-    told.texts.erase(option);
+    told.names.erase(option);
+    told.secrets.erase(option);
+  } else if (watched->secret) {
+    told.secrets[option] = lumo::Shredder2(text);
   } else {
-    told.texts[option] = lumo::Shredder2(text);
+    told.names[option] = text;
   }
+  return true;
+}
+
+bool NegotiateLayer::keep(int option, const lumo::Shredder2& secret) {
+  const WatchedText* watched = watchedText(option);
+  if (watched == nullptr || !watched->secret) return false;
+  told.secrets[option] = secret;
   return true;
 }
 
@@ -104,7 +117,8 @@ bool NegotiateLayer::keep(int option, ProxyGssCallbacks* block) {
 }
 
 void NegotiateLayer::forget(int option) {
-  told.texts.erase(option);
+  told.names.erase(option);
+  told.secrets.erase(option);
   told.masks.erase(option);
   keep(option, gss_cred_id_t{GSS_C_NO_CREDENTIAL});
   keep(option, GssSetupFunction{nullptr});
@@ -115,7 +129,7 @@ bool NegotiateLayer::isActiveAt(int maskOption) const {
   if (credential == GSS_C_NO_CREDENTIAL) return false;
   const auto mask = told.masks.find(maskOption);
   if (mask == told.masks.end() || (mask->second & NEGOTIATE) == 0) return false;
-  return (told.texts.count(CURLOPT_PROXY) != 0) == (maskOption == CURLOPT_PROXYAUTH);
+  return (told.names.count(CURLOPT_PROXY) != 0) == (maskOption == CURLOPT_PROXYAUTH);
 }
 
 long NegotiateLayer::maskForCurl(int option, long mask) const {
@@ -139,12 +153,14 @@ void NegotiateLayer::renewHandle() {
   owner.handle = renewed.release();
 }
 
+void NegotiateLayer::applyText(int option, const char* text) {
+  if (!owns(option)) setCurl(owner.handle, option, withholds(option) ? nullptr : text);
+}
+
 void NegotiateLayer::applyAuthentication() {
   for (const auto& [option, mask] : told.masks) setCurl(owner.handle, option, maskForCurl(option, mask));
-  for (const auto& [option, text] : told.texts) {
-    if (owns(option)) continue;
-    setCurl(owner.handle, option, withholds(option) ? nullptr : text.c_str());
-  }
+  for (const auto& [option, name] : told.names) applyText(option, name.c_str());
+  for (const auto& [option, secret] : told.secrets) applyText(option, secret.c_str());
 }
 
 void NegotiateLayer::applyProxyTokens() {
@@ -159,8 +175,8 @@ void NegotiateLayer::applyProxyTokens() {
 
 std::string NegotiateLayer::freshToken() {
   running.reset();
-  const auto name = told.texts.find(CURLOPT_PROXY_GSS_SPN);
-  const char* text = name == told.texts.end() ? nullptr : name->second.c_str();
+  const auto name = told.names.find(CURLOPT_PROXY_GSS_SPN);
+  const char* text = name == told.names.end() ? nullptr : name->second.c_str();
   if (setup != nullptr && GSS_ERROR(static_cast<OM_uint32>(setup(nullptr, text, nullptr, nullptr, setupData)))) {
     LUMO_LOG(logger(), 1, "The set-up of the Negotiate exchange failed.");
     return std::string();

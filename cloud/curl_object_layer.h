@@ -24,6 +24,7 @@ class NegotiateLayer {
   // Remember a value. False when the option is none that the layer watches with a value of this kind.
   bool keep(int option, long value);
   bool keep(int option, const char* text);
+  bool keep(int option, const lumo::Shredder2& secret);
   bool keep(int option, gss_cred_id_t newCredential);
   bool keep(int option, GssSetupFunction function);
   bool keep(int option, ProxyGssCallbacks* block);
@@ -44,9 +45,10 @@ class NegotiateLayer {
   const std::string& authorizationLine() const { return serverLine; }
 
  private:
-  // Under whose name connections were made. Texts and masks by option number.
+  // Under whose name connections were made. Names, secrets and masks by option number.
   struct Identity {
-    std::map<int, lumo::Shredder2> texts;
+    std::map<int, std::string> names;
+    std::map<int, lumo::Shredder2> secrets;
     std::map<int, long> masks;
     bool hasCredential = false;
     std::string credentialOwner;
@@ -56,6 +58,7 @@ class NegotiateLayer {
   bool isActiveAt(int maskOption) const;
   void renewHandle();
   void applyAuthentication();
+  void applyText(int option, const char* text);
   void applyProxyTokens();
   std::string freshToken();
   CURLcode performBarred();

@@ -9,11 +9,25 @@ bool isUnreserved(unsigned char c) {
          c == '_' || c == '~';
 }
 
+void appendEscaped(lumo::Shredder2& text, const char* data, size_t length) {
+  static constexpr char DIGITS[] = "0123456789ABCDEF";
+  for (size_t i = 0; i < length; ++i) {
+    const auto c = static_cast<unsigned char>(data[i]);
+    if (isUnreserved(c)) {
+      text += data[i];
+    } else {
+      const char escaped[] = {'%', DIGITS[c >> 4], DIGITS[c & 15]};
+      text.append(escaped, sizeof escaped);
+    }
+  }
+}
+
 // user ":" password as libcurl wants it, which decodes both before use.
 lumo::Shredder2 userAndPassword(const std::string& user, const lumo::Shredder2& password) {
-  lumo::Shredder2 text = percentEscape(user.data(), user.size());
+  lumo::Shredder2 text;
+  appendEscaped(text, user.data(), user.size());
   text += ':';
-  text += percentEscape(password.data(), password.size());
+  appendEscaped(text, password.data(), password.size());
   return text;
 }
 
@@ -25,17 +39,8 @@ long maskOf(const std::string& authType) {
 }  // namespace
 
 lumo::Shredder2 percentEscape(const char* data, size_t length) {
-  static constexpr char DIGITS[] = "0123456789ABCDEF";
   lumo::Shredder2 text;
-  for (size_t i = 0; i < length; ++i) {
-    const auto c = static_cast<unsigned char>(data[i]);
-    if (isUnreserved(c)) {
-      text += data[i];
-    } else {
-      const char escaped[] = {'%', DIGITS[c >> 4], DIGITS[c & 15]};
-      text.append(escaped, sizeof escaped);
-    }
-  }
+  appendEscaped(text, data, length);
   return text;
 }
 
@@ -74,7 +79,7 @@ void CurlObject::setProxy(const std::string& proxy, const std::string& authType,
 void CurlObject::setProxyAuthentication(const std::string& proxy, long mask, const std::string& user,
                                         const lumo::Shredder2& password) {
   setOpt(CURLOPT_PROXYAUTH, mask);
-  setOpt(CURLOPT_PROXYUSERPWD, userAndPassword(user, password).c_str());
+  setOpt(CURLOPT_PROXYUSERPWD, userAndPassword(user, password));
   const std::string plainName = "HTTP/" + proxy.substr(0, proxy.find(':'));
   const std::string canonicalName = negotiate.canonicalizeSpn(plainName);
   setOpt(CURLOPT_PROXY_GSS_SPN, canonicalName.empty() ? plainName : canonicalName);

@@ -58,6 +58,7 @@ class CurlObject {
   void setOpt(int option, int value) { setOpt(option, static_cast<long>(value)); }
   void setOpt(int option, const char* value);
   void setOpt(int option, const std::string& value) { setOpt(option, value.c_str()); }
+  void setOpt(int option, const lumo::Shredder2& secret);
   void setOpt(int option, void* object);
   void setOpt(int option, ReadFunction callback);  // also write and header callbacks
   void setOpt(int option, DebugFunction callback);

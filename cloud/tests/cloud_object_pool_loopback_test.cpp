@@ -6,10 +6,10 @@
 #include <mutex>
 #include <thread>
 
-#include "basalt/clock.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
+#include "testsupport/manual_clock.h"
 #include "testsupport/temp_folder.h"
 
 namespace {
@@ -66,24 +66,6 @@ class TellingProxy {
   std::mutex m_mutex;
   std::map<int, std::string> m_holders;
   HttpServer m_server;
-};
-
-// Goes on with the real time, and jumps ahead. Any thread.
-class JumpingClock : public lumo::Clock {
- public:
-  JumpingClock() { setInstance(this); }
-  ~JumpingClock() override { setInstance(nullptr); }
-  JumpingClock(const JumpingClock&) = delete;
-  JumpingClock& operator=(const JumpingClock&) = delete;
-  std::chrono::system_clock::time_point now() override {
-    return std::chrono::system_clock::now() + seconds(m_ahead.load());
-  }
-  std::chrono::steady_clock::time_point steadyNow() override { return std::chrono::steady_clock::now(); }
-  void sleepFor(std::chrono::milliseconds) override {}
-  void jump(long span) { m_ahead += span; }
-
- private:
-  std::atomic<long> m_ahead{0};
 };
 
 class PoolLoopback : public CurlObjectTest {
@@ -151,11 +133,11 @@ TEST_F(PoolLoopback, ConnectionThatIsOutKeepsItsProxy) {
 
 TEST_F(PoolLoopback, ConnectionThatWasTakenAwayStillWorks) {
   TellingProxy proxy;
-  JumpingClock clock;
+  testsupport::ManualClock clock;
   access.pool.setProxy(proxyInfo(proxy.address(), "basic", "alice", "secret"));
   CurlObject* curl = access.pool.getCurl("user", "program");
   EXPECT_THAT(curl->perform(PLAIN, "", 0), Pair(200, ALICE));
-  clock.jump(1000);
+  clock.advance(seconds(1000));
   EXPECT_EQ(exchange(proxyInfo(proxy.address(), "basic", "bob", "other")), BOB) << "its place was free";
   EXPECT_THAT(curl->perform(PLAIN, "", 0), Pair(200, ALICE));
   EXPECT_EQ(proxy.server().connections(), 2);
@@ -186,7 +168,7 @@ TEST_F(PoolLoopback, ThreadsShareFourConnectionsWhileTheProxyChanges) {
   const testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "proxy", {});
   TellingProxy one(&certificate);
   TellingProxy two(&certificate);
-  JumpingClock clock;
+  testsupport::ManualClock clock;
   access.maxConnections = 4;
 
   std::mutex turn;  // so that a hand-out is known to be that of the proxy set before it
@@ -233,7 +215,7 @@ TEST_F(PoolLoopback, ThreadsShareFourConnectionsWhileTheProxyChanges) {
   std::thread reaper([&] {
     for (int quarter = 1; !over;) {
       if (done >= quarter * THREADS * EXCHANGES / 4) {
-        clock.jump(1000);
+        clock.advance(seconds(1000));
         ++quarter;
       }
       access.pool.reapCurls();

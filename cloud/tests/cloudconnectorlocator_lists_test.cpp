@@ -177,6 +177,7 @@ TEST_F(ConnectorLists, WarnsOfAUrlThatIsNearlyTheConfiguredOne) {
       {"https://pod.test/x", "pod", true},                  // in the middle
       {"https://pod1.test/", "https://pod2.test/", false},  // of one length
       {"https://pod.test/", "https://other.test/", false},  // nothing in common
+      {"https://pod.test/", "https://pod.test/", false},    // the same
       {"https://POD.test", "https://pod.test/", false},     // case counts
       {"https://pod.test/", "", true},                      // nothing is part of everything
   };
@@ -252,9 +253,10 @@ TEST(ManyConnectors, AreOrderedInTimeThatGrowsWithTheirNumber) {
   CloudConnectorLocatorAccess locator;
   locator.cloudUrl = POD;
   Entries entries;
+  const ADObjectPtr record = locatortest::connectorRecord("all.of.them.test");
   for (int i = 0; i < MANY; ++i) {
     entries.emplace_back(POD, "connector" + std::to_string(i) + ".with.a.name.of.some.length.test");
-    locator.connectors[entries.back().second] = locatortest::connectorRecord(entries.back().second);
+    locator.connectors[entries.back().second] = record;
   }
   const auto start = std::chrono::steady_clock::now();
   locator.inserIntoTryList(std::move(entries), {});

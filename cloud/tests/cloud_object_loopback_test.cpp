@@ -1,0 +1,153 @@
+// The calls of a REST client over real exchanges: what goes out, what is logged, what is kept.
+#include <gmock/gmock.h>
+
+#include "cloud/include/cloud_object.h"
+#include "cloud/tests/cloud_object_pool_access.h"
+#include "cloud/tests/curl_object_fixture.h"
+#include "testsupport/http_server.h"
+#include "testsupport/log_capture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::Pair;
+using testsupport::httpReply;
+using testsupport::HttpRequest;
+using testsupport::HttpServer;
+
+constexpr int VERDICT = 7;
+
+// Judges every exchange alike, and counts.
+class Client : public CloudBase {
+ public:
+  using CloudBase::CloudBase;
+  using CloudBase::curl;
+
+  int processResult() override {
+    ++judged;
+    return VERDICT;
+  }
+
+  int judged = 0;
+};
+
+class CloudObjectLoopback : public CurlObjectTest {
+ protected:
+  CloudObjectLoopback() {
+    access.maxConnections = 2;
+    access.occupiedTimeout = 900;
+    client.getCurl("alice", "login");
+  }
+
+  std::string url(const std::string& path = "path") const { return "http://" + server.address() + "/" + path; }
+  HttpRequest last() const { return server.requests().back(); }
+  static std::string call(const std::string& text) { return "DEBUG cloud.object: " + text; }
+
+  std::string replyStatus = "200 OK";
+  std::string replyBody = "{}";
+  HttpServer server{[this](const HttpRequest&) { return httpReply(replyStatus, {}, replyBody); }};
+  CloudCurlPoolAccess access;
+  Client client{"http://platform.example.test/"};
+};
+
+}  // namespace
+
+TEST_F(CloudObjectLoopback, GetCallsTheUrlAsItStands) {
+  const testsupport::LogCapture log;
+  EXPECT_EQ(client.get(url("a?b=c")), VERDICT);
+  EXPECT_EQ(last().method(), "GET");
+  EXPECT_EQ(last().target(), "/a?b=c");
+  EXPECT_EQ(last().body, "");
+  EXPECT_THAT(log.texts(), ElementsAre(call("HTTP get URL = " + url("a?b=c"))));
+}
+
+TEST_F(CloudObjectLoopback, PostSendsTheContentAndTheHeadersOfThePool) {
+  const testsupport::LogCapture log("TRACE");
+  EXPECT_EQ(client.post(url(), "{\"secret\":\"word\"}"), VERDICT);
+  EXPECT_EQ(last().method(), "POST");
+  EXPECT_EQ(last().target(), "/path");
+  EXPECT_EQ(last().body, "{\"secret\":\"word\"}");
+  EXPECT_EQ(last().header("Content-Type"), "application/json");
+  EXPECT_EQ(last().header("X-MORVANE-NATIVE-CLIENT"), "1");
+  EXPECT_EQ(last().header("X-MRV-SRC"), "QRS");
+  EXPECT_THAT(log.texts(), ElementsAre(call("HTTP post URL = " + url() + ". with content")));
+}
+
+TEST_F(CloudObjectLoopback, ParametersComeInTheOrderOfTheirKeysAndEncoded) {
+  const CloudBase::Parameters params{{"z", "last"}, {"a b", "1 2"},         {"amp&", "x=y/z?"},
+                                     {"empty", ""}, {"unreserved", "-._~"}, {"word", "\xc3\xbc%"}};
+  const std::string encoded = "/path?a%20b=1%202&amp%26=x%3Dy%2Fz%3F&empty=&unreserved=-._~&word=%C3%BC%25&z=last";
+  const testsupport::LogCapture log;
+  EXPECT_EQ(client.get(url(), params), VERDICT);
+  EXPECT_EQ(last().target(), encoded);
+  EXPECT_EQ(client.post(url(), params, "{}"), VERDICT);
+  EXPECT_EQ(last().target(), encoded);
+  EXPECT_EQ(last().body, "{}");
+  EXPECT_THAT(log.texts(), ElementsAre(call("HTTP get with params URL = " + url()),
+                                       call("HTTP post with params URL = " + url() + ". content: (hidden)")));
+}
+
+TEST_F(CloudObjectLoopback, ZeroByteInAParameterIsEncodedToo) {
+  client.get(url(), {{"key", std::string("a\0b", 3)}});
+  EXPECT_EQ(last().target(), "/path?key=a%00b");
+}
+
+TEST_F(CloudObjectLoopback, NoParametersLeaveABareQuestionMark) {
+  client.get(url(), CloudBase::Parameters());
+  EXPECT_EQ(last().target(), "/path?");
+  client.post(url(), CloudBase::Parameters(), "{}");
+  EXPECT_EQ(last().target(), "/path?");
+}
+
+TEST_F(CloudObjectLoopback, EachExchangeReplacesTheResult) {
+  replyStatus = "404 Not Found";
+  replyBody = "nothing here";
+  client.get(url());
+  EXPECT_THAT(client.getResult(), Pair(404, "nothing here"));
+  replyStatus = "200 OK";
+  replyBody = "";
+  client.get(url());
+  EXPECT_EQ(client.getHttpCode(), 200);
+  EXPECT_THAT(client.getResult(), Pair(200, ""));
+  EXPECT_EQ(client.judged, 2);
+}
+
+TEST_F(CloudObjectLoopback, FailedTransferLeavesTheLastResultAndIsNotJudged) {
+  replyStatus = "403 Forbidden";
+  replyBody = "first";
+  client.get(url());
+  HttpServer cut([](const HttpRequest&) {
+    return testsupport::HttpReply{"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc", testsupport::HttpReply::Close};
+  });
+  EXPECT_EQ(failureOf([&] { client.get("http://" + cut.address() + "/"); }),
+            "CurlException -1 curl error occurred in curl_easy_perform: Transferred a partial file (18)");
+  EXPECT_THAT(client.getResult(), Pair(403, "first"));
+  EXPECT_EQ(client.judged, 1);
+}
+
+TEST_F(CloudObjectLoopback, VerboseIsAnOptionOfTheConnection) {
+  EXPECT_EQ(client.curl->recordedOptions().count(CURLOPT_VERBOSE), 0U);
+  client.setVerbose();
+  EXPECT_EQ(client.curl->recordedOptions().count(CURLOPT_VERBOSE), 1U);
+  EXPECT_EQ(client.curl->recordedOptions().count(CURLOPT_DEBUGFUNCTION), 0U);
+}
+
+TEST_F(CloudObjectLoopback, TraceOfAnExchangeIsKeptByTheConnection) {
+  client.get(url());
+  EXPECT_THAT(client.curl->debugLines, IsEmpty());
+  client.setDebugTrace();
+  client.post(url(), "{}");
+  EXPECT_THAT(testing::PrintToString(client.curl->debugLines), HasSubstr("POST /path HTTP/1.1"));
+}
+
+TEST_F(CloudObjectLoopback, NoBodyIsEverInTheLog) {
+  const testsupport::LogCapture log("TRACE");
+  replyBody = "answer-of-the-server";
+  client.post(url(), "content-of-the-caller");
+  client.post(url(), {{"k", "v"}}, "content-of-the-caller");
+  EXPECT_THAT(log.text(), Not(HasSubstr("content-of-the-caller")));
+  EXPECT_THAT(log.text(), Not(HasSubstr("answer-of-the-server")));
+}

@@ -71,7 +71,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Judged{"Cut", 200, R"({"success":true)", 0}, Judged{"Behind", 200, R"({"success":true} x)", 0},
                     Judged{"Empty", 200, "", 0}, Judged{"OtherStatus", 201, R"({"success":true})", 0},
                     Judged{"NoStatus", 0, R"({"success":true})", 0}, Judged{"Server", 500, R"({"success":true})", 0}),
-    [](const auto& info) { return info.param.name; });
+    [](const auto& test) { return test.param.name; });
 
 TEST(CloudAuth, WordsOfThePlatformAreLogged) {
   Client client;

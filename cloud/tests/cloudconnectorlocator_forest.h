@@ -136,6 +136,13 @@ class LocatorTest : public testing::Test {
   AgentInForce agent;
   CloudConnectorLocatorAccess locator;
 
+  LocatorTest() {
+    // Whatever the machine itself remembers of connectors.
+    locator.locator.resetState();
+    locator.cloudUrl.clear();
+    logged();
+  }
+
   // A connector with its computer; without a DNS name where that is empty.
   void addConnector(const std::string& name, const Keywords& keywords, const std::string& dnsName) {
     directory.add(connectorDn(name),

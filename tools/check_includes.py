@@ -13,7 +13,10 @@ ROOMS = {
     "quill": {"basalt", "base"},
     "cloud": {"basalt", "base"},
     "cli": {"cloud", "quill", "basalt", "base"},
+    "examples": {"cloud", "basalt", "base"},
 }
+# The public headers, beside those that they include: what an example may include.
+PUBLIC = re.compile(r"^(cloud/include/\w+|basalt/(ad_agent|kerberos_abandoned|run_queue)|base/include/logger)\.h$")
 # What a room's code may not know, told by the header's name: the files that may.
 GUARDED = [
     (re.compile(r"^curl/"), re.compile(r"^cloud/(include/)?curl_")),
@@ -48,6 +51,8 @@ def faults_of(path, name):
                 yield where + f'"{header}" is not named from the root of the tree'
             elif target != room and target not in ROOMS[room]:
                 yield where + f"{room} must not include {target} ({header})"
+            elif room == "examples" and not PUBLIC.match(header):
+                yield where + f"{header} is not a public header"
         if is_test:
             continue
         for headers, users in GUARDED:

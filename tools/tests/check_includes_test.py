@@ -40,6 +40,13 @@ class IncludeCheck(unittest.TestCase):
         self.refused("cloud/a.h", '#include "cli/b.h"', "cloud must not include cli")
         self.refused("cloud/a.h", '#include "quill/b.h"', "cloud must not include quill")
 
+    def test_examples_include_public_headers_only(self):
+        self.refused("examples/a/main.cpp", '#include "cloud/cloud_object_certs.h"', "is not a public header")
+        self.refused("examples/a/main.cpp", '#include "basalt/directory.h"', "is not a public header")
+        self.refused("examples/a/main.cpp", '#include "quill/c.h"', "examples must not include quill")
+        status, out = check({"examples/a/main.cpp": '#include "basalt/ad_agent.h"\n#include "cloud/include/opx.h"\n'})
+        self.assertEqual(status, 0, out)
+
     def test_guarded_headers(self):
         self.refused("cli/a.cpp", "#include <curl/curl.h>", "<curl/curl.h> is not known")
         self.refused("cloud/a.cpp", "#include <ldap.h>", "<ldap.h> is not known")

@@ -1,0 +1,82 @@
+// Finds the connectors of this host's forest and prints what is known of them: the first things that an agent does.
+#include <getopt.h>
+
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include "basalt/ad_agent.h"
+#include "basalt/run_queue.h"
+#include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/include/opx.h"
+
+namespace {
+
+constexpr char USAGE[] = R"(usage: find_connectors [OPTION...]
+Finds the connectors of the forest and prints them. Run it as root on a joined host.
+
+  --domain NAME   the domain's DNS name; without it that of this host's settings or keytab
+  --keytab FILE   the machine's keys, /etc/krb5.keytab
+  --ccache FILE   where the machine's tickets are kept, /var/morvand/machine.ccache
+  --help
+
+Exit status: 0 a connector can be used, 1 none can or an error, 2 wrong usage. The log says more: morvand.conf(5).
+)";
+enum Status : int { SUCCESS = 0, FAILED = 1, WRONG_USAGE = 2 };
+
+int say(std::ostream& stream, const std::string& text, Status status) {
+  stream << text << std::flush;
+  return status;
+}
+
+// The agent of this process. Background work needs it, so it outlives the queues.
+struct Agent {
+  explicit Agent(const ADAgent::Options& options) { ADAgent::start(options); }
+  ~Agent() { ADAgent::stop(); }
+};
+
+// The queue of the agent's background work: the library queues the next refresh there.
+struct Queues {
+  Queues() { lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 1); }
+  ~Queues() { lumo::RunQueue::shutdownAll(); }
+};
+
+int findConnectors(const ADAgent::Options& options) {
+  UpdateCloudHttpProxy();  // whenever the configuration was read
+  const Agent agent(options);
+  const Queues queues;
+  UpdateCloudConnectors();  // once; from here on the main queue sees to it
+  std::cout << dumpCloudConnectors() << std::flush;
+  if (!CloudConnectorLocator::getInstance("")->getCloudConnector().empty()) return SUCCESS;
+  return say(std::cerr, "find_connectors: no connector can be used at the moment; the log says why\n", FAILED);
+}
+
+int run(int argc, char** argv) {
+  constexpr option LONG_OPTIONS[] = {{"domain", required_argument, nullptr, 'd'},
+                                     {"keytab", required_argument, nullptr, 'k'},
+                                     {"ccache", required_argument, nullptr, 'c'},
+                                     {"help", no_argument, nullptr, 'h'},
+                                     {nullptr, 0, nullptr, 0}};
+  ADAgent::Options options;
+  for (int letter; (letter = getopt_long(argc, argv, "", LONG_OPTIONS, nullptr)) != -1;) {
+    if (letter == 'd') options.domain = optarg;
+    if (letter == 'k') options.keytab = optarg;
+    if (letter == 'c') options.ccache = optarg;
+    if (letter == 'h') return say(std::cout, USAGE, SUCCESS);
+    if (letter == '?') return say(std::cerr, USAGE, WRONG_USAGE);
+  }
+  return optind == argc ? findConnectors(options) : say(std::cerr, USAGE, WRONG_USAGE);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A peer that goes away is a failed write, not the end: the library leaves the signal to its caller.
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& failure) {
+    return say(std::cerr, std::string("find_connectors: ") + failure.what() + "\n", FAILED);
+  }
+}

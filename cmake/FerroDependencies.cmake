@@ -3,13 +3,20 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(Boost REQUIRED)
-pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
-pkg_check_modules(KRB5 REQUIRED IMPORTED_TARGET krb5 krb5-gssapi)
-pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap lber)
-pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
-pkg_check_modules(BSD REQUIRED IMPORTED_TARGET libbsd)
-pkg_check_modules(SPDLOG REQUIRED IMPORTED_TARGET spdlog)
-find_path(RAPIDJSON_INCLUDE_DIR rapidjson/document.h REQUIRED)
+# Prefix and modules of pkg-config. What is installed asks for the same: packaging/development.cmake.
+set(FERRO_MODULES
+  "CURL libcurl"
+  "KRB5 krb5 krb5-gssapi"
+  "LDAP ldap lber"
+  "SODIUM libsodium"
+  "BSD libbsd"
+  "SPDLOG spdlog"
+  "RAPIDJSON RapidJSON")
+foreach(row ${FERRO_MODULES})
+  separate_arguments(modules UNIX_COMMAND "${row}")
+  list(POP_FRONT modules prefix)
+  pkg_check_modules(${prefix} REQUIRED IMPORTED_TARGET ${modules})
+endforeach()
 if(FERRO_TESTS)
   find_package(GTest REQUIRED)
   pkg_check_modules(OPENSSL REQUIRED IMPORTED_TARGET openssl)

@@ -2,6 +2,7 @@
 """What an installation puts where, with which modes. usage: install_rules_test.py ROOT BUILD CMAKE [TEST...]"""
 import os
 import pathlib
+import re
 import stat
 import subprocess
 import sys
@@ -28,12 +29,40 @@ BELOW = {
     "share/man": ANY, "share/man/man5": ANY, "share/man/man5/morvand.conf.5": FILE,
     "share/man/man8": ANY, "share/man/man8/ferrogate.8": FILE,
 }
+# What the programmer of an agent includes, beside all of cloud/include.
+AGENT = ["basalt/ad_agent.h", "basalt/kerberos_abandoned.h", "basalt/run_queue.h", "base/include/logger.h"]
+
+
+def cached(name):
+    return re.search(rf"^{name}:\w+=(.*)$", (pathlib.Path(BUILD) / "CMakeCache.txt").read_text(), re.M).group(1)
+
+
+def public_headers():
+    left, found = AGENT + [f"cloud/include/{path.name}" for path in tree.ROOT.glob("cloud/include/*.h")], set()
+    while left:
+        header = left.pop()
+        if header not in found:
+            found.add(header)
+            left += re.findall(r'^#include "(.*)"', tree.text(header), re.M)
+    return found
+
+
+def development():
+    lib = cached("CMAKE_INSTALL_LIBDIR")
+    files = {f"include/ferrogate/{header}" for header in public_headers()}
+    files |= {f"{lib}/libferro_cloud.a", f"{lib}/libbasalt.a", f"{lib}/libferro_base.a",
+              f"{lib}/pkgconfig/ferrogate-cloud.pc"}
+    files |= {f"{lib}/cmake/ferrogate/ferrogate{part}.cmake"
+              for part in ("Config", "ConfigVersion", "Targets", f"Targets-{cached('CMAKE_BUILD_TYPE').lower()}")}
+    folders = {str(folder) for file in files for folder in pathlib.PurePath(file).parents if folder.name}
+    return {folder: ANY for folder in folders} | {file: FILE for file in files}
 
 
 def wanted(prefix, umask):
     parts = prefix.strip("/").split("/")
     folders = {"/".join(parts[:count]): ANY for count in range(1, len(parts) + 1)}
-    paths = OUTSIDE | folders | {f"{prefix.strip('/')}/{path}": mode for path, mode in BELOW.items()}
+    below = BELOW | development()
+    paths = OUTSIDE | folders | {f"{prefix.strip('/')}/{path}": mode for path, mode in below.items()}
     usual = stat.filemode(stat.S_IFDIR | (0o777 & ~umask))
     return {path: usual if mode is ANY else mode for path, mode in paths.items()}
 
@@ -46,8 +75,9 @@ class Installation(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.destination = pathlib.Path(folder.name)
 
-    def install(self, prefix, umask=0o022):
-        done = subprocess.run([CMAKE, "--install", BUILD, "--prefix", prefix], umask=umask, capture_output=True,
+    def install(self, prefix, umask=0o022, component=None):
+        only = ["--component", component] if component else []
+        done = subprocess.run([CMAKE, "--install", BUILD, "--prefix", prefix, *only], umask=umask, capture_output=True,
                               text=True, env=os.environ | {"DESTDIR": str(self.destination)}, check=False)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         return done.stdout
@@ -71,6 +101,16 @@ class Installation(unittest.TestCase):
                                   ("usr/share/man/man8/ferrogate.8", "docs/ferrogate.8"),
                                   ("usr/share/man/man5/morvand.conf.5", "docs/morvand.conf.5")):
             self.assertEqual((self.destination / installed).read_text(), tree.text(source), installed)
+
+    def test_the_headers_are_those_of_the_tree(self):
+        self.install("/usr")
+        folder = self.destination / "usr/include/ferrogate"
+        for header in public_headers():
+            self.assertEqual((folder / header).read_text(), tree.text(header), header)
+
+    def test_development_files_are_a_component_of_their_own(self):
+        self.install("/usr", component="dev")
+        self.assertEqual(set(self.found()), {"usr"} | {f"usr/{path}" for path in development()})
 
     def test_an_existing_configuration_is_left_alone(self):
         self.install("/usr")

@@ -17,17 +17,18 @@ class CloudAuth : public CloudBase {
   int processResult() override;
 
   // The string member of that name; `key` must match to the byte, the first one of a name counts. Throws
-  // lumo::CloudException "Errors in parsing result from Json: '%s' does NOT exist".
+  // lumo::CloudException "Errors in parsing result from Json: '%s' does NOT exist"; `out` then stays.
   static void getJsonString(const rapidjson::Value& object, const std::string& key, std::string& out);
   // The same, empty where there is none.
   static void getJsonStringOptional(const rapidjson::Value& object, const std::string& key, std::string& out);
-  // The member of that name, a null value where there is none.
+  // The member of that name, part of `object`; where there is none, a null value that lives as long as the process.
   static const rapidjson::Value& member(const rapidjson::Value& object, const std::string& key);
-  // Compact text, members in their order, however deep the value is.
+  // Replaces `out` by compact text, members in their order, however deep the value is.
   static void jsonToString(std::string& out, const rapidjson::Value& object);
 
  protected:
+  // Logs the headers X-MRV-* of the last reply at level 1.
   void dumpMrvHeader();
 
-  rapidjson::Document document;
+  rapidjson::Document document;  // the body of the last reply with status 200
 };

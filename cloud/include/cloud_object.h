@@ -15,6 +15,7 @@ class CloudBase {
  public:
   using Parameters = std::map<std::string, std::string>;
 
+  // `url` is the platform's and ends in "/".
   explicit CloudBase(std::string url) : cloudUrl(std::move(url)) {}
   CloudBase(const CloudBase&) = delete;
   CloudBase& operator=(const CloudBase&) = delete;
@@ -23,9 +24,9 @@ class CloudBase {
   virtual int processResult() = 0;
   virtual ~CloudBase();
 
-  // One exchange each: `url`, or `url` + "?" + the parameters in the order of their keys, percent-encoded. Needs a
-  // connection. Return what processResult says; throw CurlException when the transfer fails, the last result then
-  // stays.
+  // One exchange each: `url`, or `url` + "?" + the parameters in the order of their keys, percent-encoded. `content` is
+  // JSON. Not to be called without a connection. Return what processResult says; throw what CurlObject::perform throws
+  // when the transfer fails, the last result then stays.
   int post(const std::string& url, const std::string& content);
   int post(const std::string& url, const Parameters& params, const std::string& content);
   int get(const std::string& url);
@@ -44,11 +45,13 @@ class CloudBase {
 
   // The proxy of every later hand-out of the pool.
   static void setProxy(const CloudProxyInfo& proxy);
-  // Gives up the connector in use and takes the proxy setting anew; with a direct connection nothing changes. Throws
-  // lumo::CloudConnectorException; the pool's setting then stays.
+  // Gives up the connector in use and takes the proxy setting anew; with a direct connection nothing changes. The
+  // client's own connection keeps its proxy until it is given back. Throws lumo::CloudConnectorException "Can not get
+  // ADAgent"; the pool's setting then stays.
   void resetProxy();
 
-  // What goes over the connection: to standard error, or to the connection's trace. Need a connection.
+  // What goes over the connection: to standard error, or to the connection's trace. Not to be called without a
+  // connection. Throw CurlException.
   void setVerbose();
   void setDebugTrace();
 

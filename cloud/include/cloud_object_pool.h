@@ -20,7 +20,7 @@ struct CloudProxyInfo {
   std::string proxyAuth;    // a name of proxyAuthTypes, lower case
   std::string proxyUser;
   lumo::Shredder2 proxyPassword;
-  bool proxyUsable = true;
+  bool proxyUsable = true;  // false: its authentication is not allowed in FIPS mode, so nobody goes through it
 };
 
 // What the pool notes of one connection. The names are for the report only: any free connection serves any user.
@@ -35,7 +35,7 @@ struct CloudConnEntry {
 // is made under it. Logs by "cloud.object".
 class CloudCurlPool {
  public:
-  // Built at the first call, destroyed when the process ends.
+  // Built at the first call. At the end of the process its connections stay as they are: a thread may still hold one.
   static CloudCurlPool& getInstance();
   CloudCurlPool(const CloudCurlPool&) = delete;
   CloudCurlPool& operator=(const CloudCurlPool&) = delete;
@@ -48,7 +48,7 @@ class CloudCurlPool {
   // A connection with the proxy of the last setProxy and the time zone of now, for the caller alone until releaseCurl.
   // It keeps cookies, headers and trust settings from earlier use. Throws lumo::CloudConnException "Failed to get CURL
   // handle for connection: connections exceeded." when as many as allowed are out, and CurlException when libcurl
-  // refuses or has no memory.
+  // refuses or has no memory, and what CurlObject::setProxy throws.
   CurlObject* getCurl(const std::string& userName, const std::string& programName);
 
   // Takes a connection back: proxy, credential and Kerberos state of its user go. Null does nothing. A connection that

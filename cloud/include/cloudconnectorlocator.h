@@ -40,11 +40,11 @@ class CloudConnectorLocator {
   CloudConnectorLocator(const CloudConnectorLocator&) = delete;
   CloudConnectorLocator& operator=(const CloudConnectorLocator&) = delete;
 
-  // The connector to use as "host:port". Empty when there is none at the moment; the next call may give another one,
-  // and a refresh is queued. Reads memory only.
+  // The connector to use, its web proxy as "host:port". Empty when there is none at the moment; the next call may give
+  // another one, and a refresh is queued. Asks nobody.
   std::string getCloudConnector();
-  // To be called when the connector in use has failed: the next one is then in use. When all were tried, those that
-  // look fit stand on the lists again, and a refresh is queued.
+  // To be called when the connector in use has failed: the next one is then in use, also in the next process. When all
+  // were tried, those that look fit stand on the lists again, and a refresh is queued.
   void discardCurrentCloudConnector();
 
   // The URL of the IWA service of the connector in use, "https://HOST:PORT/", and the service principal name for it,
@@ -54,19 +54,23 @@ class CloudConnectorLocator {
 
   // Searches the forest for connectors and rebuilds all that is known of them. `cloudUrl` is the zone's, may be empty;
   // `iwaRequired` says which service this host needs: IWA, or the web proxy. A directory that is known to be away
-  // leaves all as it was and queues a refresh. Throws lumo::CloudConnectorException when the search fails; the former
-  // knowledge stays, and a refresh is queued.
+  // leaves all as it was and queues a refresh. Throws lumo::CloudConnectorException "Failed to search Morvane
+  // Connectors in AD", "... in GC" or "... in GC due to LDAP exception" when the search fails; the former knowledge
+  // stays, and a refresh is queued. Throws SystemException when what was found cannot be remembered for the next
+  // process; it is in use all the same.
   void searchCloudConnetors(const std::string& cloudUrl, bool iwaRequired);
 
   void setZoneCloudUrl(const std::string& url);
   // The platform URL that was decided on; empty when none was.
   std::string cloudUrl() const;
-  // Forgets connectors and lists, not the URLs.
+  // Forgets connectors and lists, not the URLs, nor what the next process starts with.
   void resetState();
 
-  // All that is known, as text; never throws.
+  // All that is known, as lines of text. Never throws: a failure ends the text early, and the log says so at level 3.
   std::string dump();
-  // Appends the connectors whose platform URL contains `filter`; all for an empty one.
+  // Appends the connectors whose platform URL contains `filter`; all for an empty one. First those to be tried, in this
+  // order, then the discarded, unused and invalid ones. Throws lumo::CloudConnectorException "Null host DC FQDN when
+  // fetching the Morvane Connector object" while `ferrod.cloud.connector` is an address without a name.
   void getConnectors(const std::string& filter, std::vector<CloudConnectorInfo>& out);
 
  private:
@@ -152,8 +156,9 @@ class CloudConnectorLocator {
 // One search now, with the zone's URL and what `ferrod.cloud.rest.version` needs, and idle connections of the pool go.
 // False when it failed; the log says why at level 4. Any thread.
 bool RefreshCloudConnectorsInfo();
-// The same, and the next one is queued by `ferrod.cloud.connector.refresh.interval` (hours, 8; 0 for none). An agent
-// calls it once at its start. Any thread.
+// The same, and the next one is queued on the process's main run queue, where there is one, by
+// `ferrod.cloud.connector.refresh.interval` (hours, 8; 0 for none). An agent calls it once at its start. Whether it
+// found anything, the locator tells. Any thread.
 void UpdateCloudConnectors();
 // Queues a refresh in so many seconds on the process's main run queue; without a queue nothing happens. An earlier one
 // that waits stays. Never throws. Any thread.
@@ -165,4 +170,5 @@ void SetRefresh(unsigned seconds);
 std::string GetSPNFromIwaURL(const std::string& url);
 
 // CloudConnectorLocator::dump for the zone's platform URL. Throws lumo::CloudConnectorException "Can not get ADAgent".
+// Any thread.
 std::string dumpCloudConnectors();

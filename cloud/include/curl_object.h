@@ -38,8 +38,8 @@ class NegotiateLayer;
 struct CurlCallbacks;
 
 // Owner of one libcurl easy handle. One thread at a time; the owner sees to that. Built once and used for many
-// requests: options, `headers` and cookies stay until somebody changes them. Whenever proxy, mask, user, credential or
-// service name change, connections made under the former identity are no longer used.
+// requests: options, `headers` and cookies stay until somebody changes them. The process ignores SIGPIPE. Whenever
+// proxy, mask, user, credential or service name change, connections made under the former identity are no longer used.
 class CurlObject {
  public:
   using ReadFunction = size_t (*)(char*, size_t, size_t, void*);
@@ -74,6 +74,8 @@ class CurlObject {
   // as "anyauth", an empty one sets no authentication. Throws CurlException, and what canonicalizeSpn throws.
   void setProxy(const std::string& proxy, const std::string& authType, const std::string& user,
                 const lumo::Shredder2& password);
+  // A direct connection from here on; credential, user and password are forgotten. `clearUserCache`: the user's tickets
+  // too. Throws CurlException.
   void clearProxy(bool clearUserCache);
 
   // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
@@ -88,11 +90,14 @@ class CurlObject {
   // The callback for CURLOPT_DEBUGFUNCTION; its data (CURLOPT_DEBUGDATA) is the object.
   static int debugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* object);
 
+  // The options that are set; valid until the object goes.
   const std::set<int>& recordedOptions() const { return options; }
+  // The header lines of the last exchange, the proxy's too, as they came; valid until the next perform.
   const std::vector<std::string>& lastHeaderLines() const { return headerLines; }
 
   // Another one after each change of identity: to be looked up here for each use.
   CURL* handle = nullptr;
+  // Name -> value, sent with every request to a server, not to a proxy; perform adds Content-Length.
   std::map<std::string, std::string> headers;
   // What the debug callback was given since the last perform began, credentials in headers included; wiped by the next
   // perform and with the object.

@@ -44,4 +44,17 @@ std::vector<std::string> LogCapture::texts() const {
   return records;
 }
 
+std::vector<std::string> LogCapture::newTexts(const std::string& logger) {
+  const std::string marker = " " + logger + ":";
+  std::vector<std::string> found;
+  for (std::string& record : texts()) {
+    const std::size_t at = record.find(marker);
+    if (at == record.find(' ') && at != std::string::npos) found.push_back(record.erase(at, marker.size()));
+  }
+  std::size_t& seen = m_seen[logger];
+  found.erase(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(seen));
+  seen += found.size();
+  return found;
+}
+
 }  // namespace testsupport

@@ -1,6 +1,8 @@
 // The log of a test, by way of the log file.
 #pragma once
 
+#include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,10 +25,13 @@ class LogCapture {
   std::vector<std::string> lines() const;
   // The records' level, logger and text alone: "ERROR base.properties: TEXT".
   std::vector<std::string> texts() const;
+  // Of those of one logger what came since the last call, without the logger's name: "ERROR TEXT".
+  std::vector<std::string> newTexts(const std::string& logger);
   std::string path() const { return m_folder.file("log"); }
 
  private:
   TempFolder m_folder;
+  std::map<std::string, std::size_t> m_seen;  // by logger
 };
 
 }  // namespace testsupport

@@ -17,6 +17,7 @@
 #include "testsupport/fake_credential_source.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/memory_directory.h"
+#include "testsupport/setting.h"
 
 namespace locatortest {
 
@@ -95,19 +96,7 @@ inline ADObjectPtr connectorObject(const std::string& name, const Keywords& keyw
   return object;
 }
 
-// Settings of this process for the scope.
-class Setting {
- public:
-  Setting(std::string key, const std::string& value) : m_key(std::move(key)) {
-    lumo::Props(false, true).setProperty(m_key, value);
-  }
-  ~Setting() { lumo::Props(false, true).eraseProperty(m_key); }
-  Setting(const Setting&) = delete;
-  Setting& operator=(const Setting&) = delete;
-
- private:
-  const std::string m_key;
-};
+using testsupport::Setting;
 
 class AgentInForce {
  public:
@@ -159,17 +148,7 @@ class LocatorTest : public testing::Test {
   }
 
   // The locator's records since the last call, as "LEVEL TEXT".
-  Texts logged() {
-    const std::string logger = std::string(" ") + LOCATOR_LOGGER + ":";
-    Texts texts;
-    for (auto& record : log.texts()) {
-      const std::size_t at = record.find(logger);
-      if (at != std::string::npos) texts.push_back(record.erase(at, logger.size()));
-    }
-    const Texts fresh(texts.begin() + static_cast<std::ptrdiff_t>(m_seen), texts.end());
-    m_seen = texts.size();
-    return fresh;
-  }
+  Texts logged() { return log.newTexts(LOCATOR_LOGGER); }
   // Those of them that contain the text.
   Texts loggedWith(const std::string& text) {
     Texts some;
@@ -184,7 +163,6 @@ class LocatorTest : public testing::Test {
     directory.setSite("Berlin");
     return watched;
   }
-  std::size_t m_seen = 0;
 };
 
 }  // namespace locatortest

@@ -3,14 +3,11 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <functional>
-#include <sstream>
-#include <thread>
 
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"
 #include "cloud/include/curl_object.h"
+#include "cloud/tests/lab.h"
 #include "testsupport/process.h"
 
 using std::chrono::seconds;
@@ -22,85 +19,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
+using namespace labtest;
 
 namespace {
-
-std::string lab(const std::string& name) {
-  const char* value = std::getenv(("FERRO_LAB_" + name).c_str());
-  return value == nullptr ? std::string() : value;
-}
-
-std::string passwordOf(const std::string& user) { return lab("PASSWORD_" + upper(user)); }
-
-void control(std::vector<std::string> command) {
-  command.insert(command.begin(), {lab("TOOL"), "ctl"});
-  const auto result = testsupport::run(command);
-  ASSERT_EQ(result.status, 0) << result.out << result.err;
-}
-
-// One line of a proxy's access log.
-struct Entry {
-  std::string user, status, method, auth;
-};
-
-// What a log gains from now on. Squid writes a CONNECT's line when its tunnel closes.
-class LogTail {
- public:
-  explicit LogTail(const std::string& proxy) : m_path(lab("LOG_" + proxy)), m_start(size()) {}
-
-  // Waits until the log has grown by so many lines, then gives all that are there.
-  std::vector<Entry> entries(size_t count) const {
-    return waitFor([count](const std::vector<Entry>& found) { return found.size() >= count; });
-  }
-  // Waits for so many tunnels that were opened and gives their users.
-  std::vector<std::string> letIn(size_t count) const {
-    return opened(waitFor([count](const std::vector<Entry>& found) { return opened(found).size() >= count; }));
-  }
-  static std::vector<std::string> opened(const std::vector<Entry>& entries) {
-    std::vector<std::string> users;
-    for (const Entry& entry : entries) {
-      if (entry.status == "200") users.push_back(entry.user);
-    }
-    return users;
-  }
-
- private:
-  std::vector<Entry> waitFor(const std::function<bool(const std::vector<Entry>&)>& enough) const {
-    const auto end = std::chrono::steady_clock::now() + seconds(10);
-    std::vector<Entry> found = read();
-    while (!enough(found) && std::chrono::steady_clock::now() < end) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      found = read();
-    }
-    EXPECT_TRUE(enough(found)) << m_path << ": " << found.size() << " lines";
-    return found;
-  }
-  size_t size() const {
-    std::ifstream in(m_path, std::ios::ate);
-    return in ? static_cast<size_t>(in.tellg()) : 0;
-  }
-  std::vector<Entry> read() const {
-    std::ifstream in(m_path);
-    in.seekg(static_cast<std::streamoff>(m_start));
-    std::vector<Entry> found;
-    for (std::string line; std::getline(in, line);) {
-      Entry entry;
-      std::istringstream fields(line);
-      for (std::string field; fields >> field;) {
-        const std::string value = field.substr(field.find('=') + 1);
-        if (startsWith(field, "user=", false, false)) entry.user = value;
-        if (startsWith(field, "status=", false, false)) entry.status = value;
-        if (startsWith(field, "method=", false, false)) entry.method = value;
-        if (startsWith(field, "auth=", false, false)) entry.auth = value;
-      }
-      found.push_back(entry);
-    }
-    return found;
-  }
-
-  std::string m_path;
-  size_t m_start;
-};
 
 // The object of one test, ready to trust the lab's web servers.
 struct Lab : public testing::Test {

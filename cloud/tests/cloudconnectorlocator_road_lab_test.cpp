@@ -222,10 +222,11 @@ TEST_F(ConnectorRoadLab, IwaServiceOfTheConnectorLetsTheMachineIn) {
   EXPECT_EQ(spn, wanted) << "from the directory: what was remembered has no name there";
   EXPECT_THAT(
       logged(),
-      ElementsAre("DEBUG getIwaUrl: current cloud connector FQDN=" + used,
-                  "DEBUG getIwaUrl: fail to get SPN due to exception; err_msg 'No DNS domain in the distinguished "
-                  "name ''. Try to get SPN from IWA URL.",
-                  "DEBUG GetSPNFromIwaURL searches with filter '(objectCategory=computer)(dNSHostName=" + used + ")'"));
+      ElementsAre(
+          "DEBUG getIwaUrl: current cloud connector FQDN=" + used,
+          "DEBUG getIwaUrl: fail to get SPN due to exception; err_msg ''' belongs to no domain'. Try to get SPN from "
+          "IWA URL.",
+          "DEBUG GetSPNFromIwaURL searches with filter '(objectCategory=computer)(dNSHostName=" + used + ")'"));
   expectTicketFor(spn);
 }
 

@@ -172,7 +172,7 @@ HttpServer::~HttpServer() {
   const uint64_t one = 1;
   if (write(m_stop, &one, sizeof one) < 0) abort();
   m_acceptor.join();
-  for (auto& client : m_clients) client.join();
+  for (auto& [number, client] : m_clients) client.join();
   close(m_listener);
   close(m_stop);
 }
@@ -189,7 +189,21 @@ void HttpServer::acceptAll() {
       const std::lock_guard<std::mutex> lock(m_mutex);
       number = m_connections++;
     }
-    m_clients.emplace_back([this, fd, number] { serve(fd, number); });
+    joinEnded();
+    m_clients.emplace(number, [this, fd, number] { serve(fd, number); });
+  }
+}
+
+void HttpServer::joinEnded() {
+  std::vector<int> over;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    over.swap(m_over);
+  }
+  for (const int number : over) {
+    const auto client = m_clients.find(number);
+    client->second.join();
+    m_clients.erase(client);
   }
 }
 
@@ -200,6 +214,7 @@ void HttpServer::serve(int fd, int number) {
   }
   const std::lock_guard<std::mutex> lock(m_mutex);
   ++m_ended;
+  m_over.push_back(number);
   m_changed.notify_all();
 }
 
@@ -255,6 +270,11 @@ std::vector<HttpRequest> HttpServer::requests() const {
 int HttpServer::connections() const {
   const std::lock_guard<std::mutex> lock(m_mutex);
   return m_connections;
+}
+
+void HttpServer::forgetRequests() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_requests.clear();
 }
 
 bool HttpServer::waitForRequests(size_t count, std::chrono::milliseconds limit) const {

@@ -74,6 +74,8 @@ class HttpServer {
   // All requests so far.
   std::vector<HttpRequest> requests() const;
   int connections() const;
+  // Those that came so far are told no more; a long run would keep them all.
+  void forgetRequests();
   // Waits until so many requests have come; false after the time.
   bool waitForRequests(size_t count, std::chrono::milliseconds limit) const;
   // Waits until so many connections are over, hung up by the client or closed here; false after the time.
@@ -83,6 +85,7 @@ class HttpServer {
   class Stream;
 
   void acceptAll();
+  void joinEnded();
   void serve(int fd, int number);
   void answerAll(Stream& stream, int number);
   bool answer(Stream& stream, HttpRequest& request);
@@ -98,7 +101,8 @@ class HttpServer {
   std::vector<HttpRequest> m_requests;
   int m_connections = 0;
   size_t m_ended = 0;
-  std::vector<std::thread> m_clients;  // of the accepting thread, and of the destructor after it
+  std::vector<int> m_over;               // numbers of connections whose thread has nothing left to do
+  std::map<int, std::thread> m_clients;  // of the accepting thread, and of the destructor after it
   std::thread m_acceptor;
 };
 

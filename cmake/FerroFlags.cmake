@@ -4,6 +4,7 @@ option(FERRO_TESTS "Build the tests" ON)
 option(FERRO_BENCH "Build the benchmarks" OFF)
 option(FERRO_FUZZ "Build the fuzz targets (clang only)" OFF)
 option(FERRO_COVERAGE "Instrument for line coverage" OFF)
+set(FERRO_TEST_FLAGS "" CACHE STRING "Further compiler flags of the tests' own sources")
 set(FERRO_SANITIZE "" CACHE STRING "Sanitizers, comma separated: address,undefined or thread")
 
 # A changed compiler makes CMake forget what the preset said: such a build would have no sanitizers and tell nobody.

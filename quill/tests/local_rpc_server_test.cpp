@@ -12,6 +12,7 @@
 #include "base/include/exceptions.h"
 #include "quill/rpc_message.h"
 #include "quill/tests/raw_peer.h"
+#include "testsupport/sanitizers.h"
 
 namespace {
 
@@ -279,6 +280,9 @@ TEST_F(LocalRpcServerTest, AThousandClientsLeaveNothingBehind) {
 }
 
 TEST_F(LocalRpcServerTest, OutOfDescriptorsAClientIsServedOnceThereAreSome) {
+#if defined(__clang__) && defined(FERRO_SANITIZED_ADDRESS)
+  GTEST_SKIP() << "clang's UBSan looks at memory through a pipe, and takes it for damaged where it gets none";
+#endif
   LocalRpcServer server(agent, options);
   const FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   rlimit normal{};

@@ -109,9 +109,7 @@ std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
   DirectorySearch whole = what;
   addGuid(whole.attributes);
   const lumo::Lock lock(m_mutex);
-  bool fresh = !m_connection;
-  requireConnection();
-  for (;; fresh = true) {
+  for (bool fresh = requireConnection();;) {
     try {
       return m_connection->search(whole);
     } catch (const LDAPException& failure) {
@@ -123,7 +121,7 @@ std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
                m_target.domain.c_str(), failure.what());
     }
     m_connection.reset();
-    connect();
+    fresh = connect();
   }
 }
 
@@ -145,26 +143,39 @@ bool ADCacheBinding::isHealthy() {
   }
 }
 
-void ADCacheBinding::requireConnection() {
-  if (m_connection) return;
+bool ADCacheBinding::requireConnection() {
+  if (m_connection) return false;
   if (m_failure && lumo::Clock::getInstance().steadyNow() < m_failedAt + RETRY_PAUSE) raise(*m_failure);
-  connect();
+  return connect();
 }
 
-void ADCacheBinding::connect() {
-  if (!m_opening.valid()) {
-    m_opening = std::async(std::launch::async, [target = m_target, ccache = m_ccache] { return open(target, ccache); });
+bool ADCacheBinding::connect() {
+  const auto end = std::chrono::steady_clock::now() + m_connectLimit;
+  const bool leftBehind = m_opening.valid();
+  bool fresh = !leftBehind || m_opening.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+  Opened opened = awaitOpening(end);
+  // What an earlier search left behind may have failed long ago: it says nothing about now.
+  if (leftBehind && opened.failure) {
+    opened = awaitOpening(end);
+    fresh = true;
   }
-  if (m_opening.wait_for(m_connectLimit) != std::future_status::ready) {
-    lose({false, serverUnavailable("").rc(),
-          lumo::exceptionMessage("No directory server of the domain '%s' was reached within %s",
-                                 m_target.domain.c_str(), spanText(m_connectLimit).c_str())});
-  }
-  Opened opened = m_opening.get();
   if (opened.failure) lose(std::move(*opened.failure));
   m_connection = std::move(opened.connection);
   m_failure.reset();
   ++m_connections;
+  return fresh;
+}
+
+ADCacheBinding::Opened ADCacheBinding::awaitOpening(std::chrono::steady_clock::time_point end) {
+  if (!m_opening.valid()) {
+    m_opening = std::async(std::launch::async, [target = m_target, ccache = m_ccache] { return open(target, ccache); });
+  }
+  if (m_opening.wait_until(end) != std::future_status::ready) {
+    lose({false, serverUnavailable("").rc(),
+          lumo::exceptionMessage("No directory server of the domain '%s' was reached within %s",
+                                 m_target.domain.c_str(), spanText(m_connectLimit).c_str())});
+  }
+  return m_opening.get();
 }
 
 // No exception leaves the thread: what it says goes over as a value.

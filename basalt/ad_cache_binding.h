@@ -94,8 +94,11 @@ class ADCacheBinding : public ADBind {
 
   static Opened open(DirectoryConnector::Target target, const std::function<std::string()>& ccache);
   [[noreturn]] static void raise(const Failure& failure);
-  void requireConnection();
-  void connect();
+  // Both return whether the connection has just come about: any other may have been lost before now.
+  bool requireConnection();
+  bool connect();
+  // What comes of the opening under way, or of a new one where there is none.
+  Opened awaitOpening(std::chrono::steady_clock::time_point end);
   [[noreturn]] void lose(Failure failure);
   void remember(const std::string& question, const ADObjectList& answer, int cacheOps);
   void prefetchBatch(const std::vector<std::string>& dns, const std::vector<std::string>& attributes);

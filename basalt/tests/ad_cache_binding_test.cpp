@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <condition_variable>
-#include <mutex>
-
 #include "base/include/exceptions.h"
 #include "base/include/kerb_wrap.h"
 #include "testsupport/manual_clock.h"
@@ -281,70 +278,6 @@ TEST_F(CacheBinding, AFileThatCannotBeWrittenIsAMissingTicketToo) {
   } catch (const KerberosException& failure) {
     EXPECT_STREQ(failure.what(), "Cannot write /var/morvand/machine.ccache: No space left on device");
   }
-}
-
-// A connector whose connections come about when the test lets them.
-class SlowConnector : public DirectoryConnector {
- public:
-  explicit SlowConnector(MemoryDirectory& directory) : m_directory(directory) {}
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    ++m_opening;
-    m_changed.wait(lock, [&] { return m_free; });
-    return m_directory.open(target);
-  }
-  std::string site(const std::string&) override { return {}; }
-  void free() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_free = true;
-    m_changed.notify_all();
-  }
-  int opening() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_opening;
-  }
-
- private:
-  MemoryDirectory& m_directory;
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_free = false;
-  int m_opening = 0;
-};
-
-TEST_F(CacheBinding, DoesNotWaitForeverForAConnection) {
-  SlowConnector slow(m_directory);
-  DirectoryConnector::setInstance(&slow);
-  const milliseconds limit(50);
-  ADCacheBinding binding(
-      {"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; }, limit);
-  for (int i = 0; i < 2; ++i) {
-    try {
-      binding.search({});
-      ADD_FAILURE();
-    } catch (const LDAPException& failure) {
-      EXPECT_STREQ(failure.what(), "No directory server of the domain 'corp.test' was reached within 50 milliseconds");
-      EXPECT_TRUE(isServerUnavailable(failure));
-    }
-    m_clock.advance(ADCacheBinding::RETRY_PAUSE);
-  }
-  slow.free();
-  // The one that was begun is taken, however late it came.
-  while (!binding.isHealthy()) m_clock.advance(ADCacheBinding::RETRY_PAUSE);
-  EXPECT_THAT(binding.search({"", SearchScope::Subtree, "(cn=h1)", {}}), SizeIs(1));
-  EXPECT_EQ(slow.opening(), 1);
-}
-
-TEST_F(CacheBinding, EndsWithAConnectionThatIsBeingOpened) {
-  SlowConnector slow(m_directory);
-  DirectoryConnector::setInstance(&slow);
-  {
-    ADCacheBinding binding(
-        {"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; }, milliseconds(1));
-    EXPECT_FALSE(binding.isHealthy());
-    slow.free();
-  }
-  EXPECT_THAT(m_directory.opened(), SizeIs(1));
 }
 
 TEST_F(CacheBinding, ServesTheSeamWithoutItsMemory) {

@@ -65,6 +65,20 @@ TEST_F(CloudTrust, SkippedVerificationEndsWithTheHandOut) {
   EXPECT_EQ(access.connections.size(), 1U);
 }
 
+TEST_F(CloudTrust, ServerOfAnotherNameIsNotTrustedAfterASkippedVerification) {
+  testsupport::CertificateOptions named;
+  named.name = "other.example.test";
+  const testsupport::Certificate other = testsupport::makeCertificate(folder.path(), "other", named);
+  HttpServer proxy{[](const HttpRequest& request) {
+                     return request.method() == "CONNECT" ? tunnelReply(true) : httpReply("200 OK", {}, "in");
+                   },
+                   &other};
+  access.pool.setProxy(proxyInfo(proxy.address()));
+  EXPECT_EQ(outcome({skip()}), "in");
+  EXPECT_THAT(outcome({store(other.certificateFile)}), HasSubstr("(60)")) << "the name is checked again";
+  EXPECT_EQ(access.connections.size(), 1U);
+}
+
 TEST_F(CloudTrust, SecondCallDoesNotChangeTheTrust) {
   PlainClient client;
   {

@@ -1,6 +1,7 @@
 #include "basalt/ad_cache_binding.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include "basalt/ad_cache_binding_question.h"
@@ -167,15 +168,23 @@ bool ADCacheBinding::connect() {
 }
 
 ADCacheBinding::Opened ADCacheBinding::awaitOpening(std::chrono::steady_clock::time_point end) {
-  if (!m_opening.valid()) {
-    m_opening = std::async(std::launch::async, [target = m_target, ccache = m_ccache] { return open(target, ccache); });
-  }
+  if (!m_opening.valid()) beginOpening();
   if (m_opening.wait_until(end) != std::future_status::ready) {
     lose({false, serverUnavailable("").rc(),
           lumo::exceptionMessage("No directory server of the domain '%s' was reached within %s",
                                  m_target.domain.c_str(), spanText(m_connectLimit).c_str())});
   }
   return m_opening.get();
+}
+
+void ADCacheBinding::beginOpening() {
+  try {
+    m_opening = std::async(std::launch::async, [target = m_target, ccache = m_ccache] { return open(target, ccache); });
+  } catch (const std::system_error& failure) {
+    lose({false, serverUnavailable("").rc(),
+          lumo::exceptionMessage("Cannot start the thread that connects to the domain '%s': %s",
+                                 m_target.domain.c_str(), failure.what())});
+  }
 }
 
 // No exception leaves the thread: what it says goes over as a value.

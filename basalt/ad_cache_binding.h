@@ -97,6 +97,7 @@ class ADCacheBinding : public ADBind {
   // Both return whether the connection has just come about: any other may have been lost before now.
   bool requireConnection();
   bool connect();
+  void beginOpening();
   // What comes of the opening under way, or of a new one where there is none.
   Opened awaitOpening(std::chrono::steady_clock::time_point end);
   [[noreturn]] void lose(Failure failure);

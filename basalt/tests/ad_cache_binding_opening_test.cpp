@@ -1,5 +1,6 @@
 // Connections that take their time.
 #include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <condition_variable>
 #include <filesystem>
@@ -112,6 +113,43 @@ TEST_F(CacheBindingOpening, OpensAnewWhereTheConnectionLeftBehindIsLost) {
   leaveBehind(binding, slow, m_clock);
   EXPECT_THAT(binding.search({"", SearchScope::Subtree, "(cn=h1)", {}}), SizeIs(1));
   EXPECT_EQ(slow.opening(), 2);
+}
+
+// No thread can be started: the stack that each of them is to have fits into no process.
+class NoFurtherThread {
+ public:
+  NoFurtherThread() {
+    pthread_getattr_default_np(&m_usual);
+    pthread_attr_t endless = m_usual;
+    EXPECT_EQ(pthread_attr_setstacksize(&endless, std::size_t{1} << 47), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&endless), 0);
+  }
+  ~NoFurtherThread() {
+    pthread_setattr_default_np(&m_usual);
+    pthread_attr_destroy(&m_usual);
+  }
+  NoFurtherThread(const NoFurtherThread&) = delete;
+  NoFurtherThread& operator=(const NoFurtherThread&) = delete;
+
+ private:
+  pthread_attr_t m_usual{};
+};
+
+TEST_F(CacheBindingOpening, SaysThatNoThreadCanBeStarted) {
+  ADCacheBinding binding({"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; });
+  {
+    const NoFurtherThread scarcity;
+    try {
+      binding.search({});
+      ADD_FAILURE();
+    } catch (const LDAPException& failure) {
+      EXPECT_STREQ(failure.what(),
+                   "Cannot start the thread that connects to the domain 'corp.test': Resource temporarily unavailable");
+      EXPECT_TRUE(isServerUnavailable(failure));
+    }
+  }
+  m_clock.advance(ADCacheBinding::RETRY_PAUSE);
+  EXPECT_TRUE(binding.isHealthy());
 }
 
 TEST_F(CacheBindingOpening, EndsWithAConnectionThatIsBeingOpened) {

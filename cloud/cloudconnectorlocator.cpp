@@ -16,7 +16,8 @@ CloudConnectorLocator* CloudConnectorLocator::getInstance(const std::string& clo
   const LocatorLock held;
   CloudConnectorLocatorOwner& owner = theLocator(held);
   if (!owner) owner.reset(new CloudConnectorLocator(cloudUrl));
-  if (g_adAgent.load() == nullptr) g_adAgent = ADAgent::GetADAgent(false, true);
+  // Anew each time: a process may end its agent and start another one.
+  g_adAgent = ADAgent::GetADAgent(false, true);
   if (g_adAgent.load() == nullptr) LUMO_THROW(lumo::CloudConnectorException, -1, "Can not get ADAgent");
   return owner.get();
 }

@@ -13,7 +13,7 @@ constexpr unsigned RETRY_SECONDS = 900;
 boost::shared_ptr<lumo::Logger> logger() { return getLogger(LOCATOR_LOGGER, false); }
 
 ADAgent* agentOfProcess() {
-  if (g_adAgent.load() == nullptr) g_adAgent = ADAgent::GetADAgent(false, true);
+  g_adAgent = ADAgent::GetADAgent(false, true);
   return g_adAgent.load();
 }
 

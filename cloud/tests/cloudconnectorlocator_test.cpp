@@ -42,6 +42,22 @@ TEST_F(OneLocator, IsRefusedWithoutAnAgentButMadeWithTheFirstUrl) {
   EXPECT_EQ(g_adAgent.load(), ADAgent::GetADAgent(false, true));
 }
 
+TEST_F(OneLocator, FollowsTheAgentOfTheProcess) {
+  ADAgent::Options options;
+  options.domain = "forest.test";
+  ADAgent::start(options);
+  CloudConnectorLocator::getInstance("https://zone.test/");
+  ADAgent::stop();
+  EXPECT_EQ(refusal(), "CloudConnectorException -1 Can not get ADAgent");
+  EXPECT_EQ(GetSPNFromIwaURL("https://c1.forest.test:8443/"), "");
+  EXPECT_THAT(log.texts(),
+              testing::Contains("DEBUG base.cloudconnector.locator: GetSPNFromIwaURL failed: can't retrieve adagent"));
+  ADAgent::start(options);
+  CloudConnectorLocator::getInstance("https://zone.test/");
+  EXPECT_EQ(g_adAgent.load(), ADAgent::GetADAgent(false, true));
+  ADAgent::stop();
+}
+
 TEST_F(OneLocator, IsTheSameForAllAndKnowsTheZonesUrlFromTheFirstCall) {
   const locatortest::AgentInForce agent;
   CloudConnectorLocator* const first = CloudConnectorLocator::getInstance("https://zone.test/");

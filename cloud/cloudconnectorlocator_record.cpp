@@ -170,8 +170,7 @@ void CloudConnectorLocator::loadAttributes(const LocatorLock& held, const ADObje
 std::string CloudConnectorLocator::getConnectorFqdn(const LocatorLock&, const ADObjectPtr& connector) {
   const std::string parent = LDAPBinding::parent(textOf(connector, AD_DN));
   ADAgent* const agent = g_adAgent.load();
-  // An empty name would ask the server for its own root object, which has a DNS name too.
-  if (parent.empty() || agent == nullptr) return std::string();
+  if (agent == nullptr) return std::string();
   ADObjectPtr computer;
   try {
     computer =

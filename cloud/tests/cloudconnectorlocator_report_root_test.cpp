@@ -1,5 +1,6 @@
 #include "cloud/include/opx.h"
 #include "cloud/tests/cloudconnectorlocator_waiting.h"
+#include "testsupport/private_host.h"
 
 namespace {
 
@@ -12,8 +13,15 @@ using testing::IsEmpty;
 
 constexpr char OTHER_POD[] = "https://other.example.test/";
 
-// The process-wide locator: the report asks for the proxy, which asks for its connector.
-class ConnectorReport : public locatortest::WaitingLocatorTest {
+// A host that remembers nothing before, and forgets afterwards.
+struct CleanHost {
+  CleanHost() { testsupport::cleanPrivateHost(); }
+  ~CleanHost() { testsupport::cleanPrivateHost(); }
+};
+
+// The process-wide locator: the report asks for the proxy, which asks for its connector and so may move on to another
+// one, which is remembered.
+class ConnectorReport : private CleanHost, public locatortest::WaitingLocatorTest {
  protected:
   ConnectorReport() { UpdateCloudHttpProxy(); }
   ~ConnectorReport() override {

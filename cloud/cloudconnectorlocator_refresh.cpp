@@ -1,7 +1,9 @@
 #include "cloud/cloudconnectorlocator_refresh.h"
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <chrono>
+#include <climits>
 #include <exception>
 
 #include "basalt/clock.h"
@@ -65,8 +67,10 @@ void UpdateCloudConnectors() {
   RefreshCloudConnectorsInfo();
   const auto queue = lumo::TimeQueue::getTimeQueue(lumo::MAIN_RUN_QUEUE, false, 0);
   if (!queue) return;
-  const long interval =
+  const long configured =
       lumo::Props(false, false).getTime(lumo::PN::CLOUD_CONNECTOR_REFRESH_INTERVAL, 'h', DEFAULT_REFRESH_HOURS);
+  // Beyond the end of time lies the past: searches would follow each other without a pause.
+  const long interval = std::min(configured, static_cast<long>(INT_MAX));
   if (interval == 0) {
     LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 3,
              "Background task of refreshing Morvane Connectors has been suspended due to the interval being set to 0.");

@@ -31,7 +31,9 @@ std::string CloudConnectorLocator::getCloudConnector() {
 
 void CloudConnectorLocator::discardCurrentCloudConnector() {
   const LocatorLock held;
-  if (!m_currentConnector.empty()) m_discardedList.push_back(m_currentConnector);
+  // With nothing left to try it stays in use: each further failure would put it there once more.
+  const bool isLast = !m_discardedList.empty() && m_discardedList.back() == m_currentConnector;
+  if (!m_currentConnector.empty() && !isLast) m_discardedList.push_back(m_currentConnector);
   if (!takeNextConnector(held)) return;
   try {
     updateKsetFile(held);

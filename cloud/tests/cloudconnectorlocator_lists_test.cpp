@@ -225,6 +225,16 @@ TEST_F(ConnectorLists, WhatIsFitAgainGoesBackToTheListOfItsSiteInTheOrderOfDisca
                           "DEBUG rebuildTryList: no need to insert unknown into try list"));
 }
 
+TEST_F(ConnectorLists, WhatStaysInUseAlthoughItIsUnfitIsDiscardedOnce) {
+  know("x1", locatortest::NO_IWA);
+  know("x2", locatortest::NO_IWA);
+  locator.discardedList = {"x2"};
+  locator.currentConnector = "x1";
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(locator.locator.getCloudConnector(), "");
+  EXPECT_THAT(locator.discardedList, ElementsAre("x2", "x1"));
+  EXPECT_EQ(locator.currentConnector, "x1");
+}
+
 TEST_F(ConnectorLists, RebuildingAsksNobodyForTheSite) {
   know("c1");
   locator.discardedList = {"c1"};

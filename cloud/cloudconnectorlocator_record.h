@@ -64,6 +64,9 @@ std::string getFqdnFromUrl(const std::string& url);
 // The search terms for the computers of that DNS name, side by side as ADAgent::searchGCorDC takes them.
 std::string computerFilter(const std::string& fqdn);
 
+// The record of the first line of a state file that has all fields; null where none has.
+ADObjectPtr connectorOfState(const std::string& state);
+
 // The ports of a record; another text for what is not enabled, by default that of state and report.
 struct ConnectorPorts {
   std::string webProxy, iwaHttp, iwaHttps;

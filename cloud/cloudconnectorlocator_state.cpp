@@ -58,6 +58,11 @@ ADObjectPtr recordOf(const std::vector<std::string>& fields) {
 
 }  // namespace
 
+ADObjectPtr connectorOfState(const std::string& state) {
+  const std::vector<std::string> fields = firstUsableLine(state);
+  return fields.empty() ? nullptr : recordOf(fields);
+}
+
 ConnectorPorts connectorPorts(const ADObjectPtr& connector, const char* notEnabled) {
   const lumo::ADObject& record = *connector;
   const bool iwa = isOn(record, LUMO_CLOUD_CONNECTOR_IWA_ENABLED);
@@ -107,14 +112,15 @@ void CloudConnectorLocator::readKset(const LocatorLock&) {
   }
   if (state.empty()) return;
   LUMO_LOG(logger, 1, "Get cloud connectors info from kset.");
-  const std::vector<std::string> fields = firstUsableLine(state);
-  if (fields.empty()) return;
+  const ADObjectPtr connector = connectorOfState(state);
+  if (!connector) return;
+  const std::string url = connector->getString(LUMO_CLOUD_URL, std::string());
+  const std::string fqdn = connector->getString(LUMO_CLOUD_PROXY_FQDN, std::string());
   LUMO_LOG(logger, 1, "Getting preferred connector");
-  const ADObjectPtr connector = recordOf(fields);
-  LUMO_LOG(logger, 1, "Current cloud URL is : %s", fields[0].c_str());
-  LUMO_LOG(logger, 1, "Current cloud connector is : %s", fields[2].c_str());
-  m_cloudUrl = fields[0];
-  m_currentConnector = fields[2];
+  LUMO_LOG(logger, 1, "Current cloud URL is : %s", url.c_str());
+  LUMO_LOG(logger, 1, "Current cloud connector is : %s", fqdn.c_str());
+  m_cloudUrl = url;
+  m_currentConnector = fqdn;
   m_connectors.clear();
   m_connectors[m_currentConnector] = connector->clone();
 }

@@ -77,7 +77,6 @@ TEST_F(OneLocator, RequiresIwaUntilASearchKnowsBetterAndFillsTheKeywordsWhileItL
     EXPECT_TRUE(locator.iwaRequired);
     EXPECT_THAT(g_keywordMap, SizeIs(13));
     EXPECT_THAT(locator.currentSiteTryList, IsEmpty());
-    EXPECT_EQ(locator.cloudUrl, "");
   }
   EXPECT_THAT(g_keywordMap, IsEmpty());
 }

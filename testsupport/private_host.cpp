@@ -71,6 +71,17 @@ void enterPrivateHost() {
   fs::remove("/etc/krb5.conf");
 }
 
+void hideMachineState() {
+  require(unshare(CLONE_NEWNS), "make a mount namespace");
+  require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "make mounts private");
+  const std::string scratch = "/mnt";
+  mountTmpfs(scratch, "mode=0700");
+  for (const char* folder : {"/etc", "/var"}) {
+    mountCopyOnWrite(folder, scratch);
+    mountTmpfs(std::string(folder) + "/morvand", "mode=0755");
+  }
+}
+
 void cleanPrivateHost() {
   while (!extraMounts.empty()) {
     umount2(extraMounts.back().c_str(), MNT_DETACH);

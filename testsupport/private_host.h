@@ -10,6 +10,10 @@ namespace testsupport {
 // machine's. Needs uid 0. Throws std::system_error naming what is not allowed.
 void enterPrivateHost();
 
+// The small form, for tests that need no uid 0 and may have it: /etc/morvand and /var/morvand are empty and the
+// process's own. Needs uid 0. Throws std::system_error naming what is not allowed.
+void hideMachineState();
+
 // Everything that a test may have left in the private host goes: /etc/morvand, /var/morvand, /run and the keytab.
 void cleanPrivateHost();
 

@@ -27,7 +27,8 @@ Clock* replacement = nullptr;
 }  // namespace
 
 Clock& Clock::getInstance() {
-  static SystemClock own;
+  // Never destroyed: a queue's thread may still ask while the process ends.
+  static SystemClock& own = *new SystemClock;
   return replacement != nullptr ? *replacement : own;
 }
 

@@ -82,7 +82,8 @@ void warnOfNearMatch(const std::string& fqdn, const std::string& url, const std:
 long CloudConnectorLocator::getRecoverInterval() {
   const long seconds =
       lumo::Props(false, false).getTime(lumo::PN::CLOUD_CONNECTOR_RECOVER_INTERVAL, 'm', DEFAULT_RECOVER_MINUTES);
-  return std::clamp(seconds, 0L, static_cast<long>(INT_MAX));
+  // With no pause at all, a directory that is away would be asked without end.
+  return std::clamp(seconds, 1L, static_cast<long>(INT_MAX));
 }
 
 void CloudConnectorLocator::insertCloudConnectors(const LocatorLock& held, Entries& current, Entries& other,

@@ -250,7 +250,7 @@ TEST_F(ConnectorLists, TheRecoveryIntervalIsInMinutesUnlessTheSettingSaysOtherwi
   const struct {
     const char* text;
     long seconds;
-  } rows[] = {{"5", 300}, {"90s", 90}, {"2h", 7200}, {"0", 0}, {"soon", 60}, {"99999999999", 2147483647}};
+  } rows[] = {{"5", 300}, {"90s", 90}, {"2h", 7200}, {"0", 1}, {"soon", 60}, {"99999999999", 2147483647}};
   for (const auto& row : rows) {
     const Setting setting(lumo::PN::CLOUD_CONNECTOR_RECOVER_INTERVAL, row.text);
     EXPECT_EQ(CloudConnectorLocatorAccess::getRecoverInterval(), row.seconds) << row.text;

@@ -181,6 +181,25 @@ TEST_F(ConnectorFaultLab, SilentControllerKeepsNobodyWaitingLongerThanItsLimit) 
   RecordProperty("silent_ms", static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(silent).count()));
 }
 
+TEST_F(ConnectorFaultLab, ProcessThatStartsAtASilentControllerFindsItsConnectorsLater) {
+  endProcess();
+  stop({"gc", "ldap"}, "hang");
+  const auto start = timeOf([] { startProcess(); });
+  EXPECT_LT(start, seconds(30)) << "a step of the sign-in at each of the two, and the question for the site";
+  logged();
+  const auto search = timeOf([] { EXPECT_TRUE(RefreshCloudConnectorsInfo()); });
+  EXPECT_LT(search, seconds(15));
+  EXPECT_EQ(logged(), unhealthy(60));
+  EXPECT_EQ(CloudConnectorLocatorAccess(locator()).connectors.size(), 0U);
+  mend();
+  const auto found = [] {
+    RefreshCloudConnectorsInfo();
+    return !CloudConnectorLocatorAccess(locator()).connectors.empty();
+  };
+  EXPECT_TRUE(comesTrue(found, 2 * ADCacheBinding::RETRY_PAUSE));
+  expectConnectors();
+}
+
 TEST_F(ConnectorFaultLab, SecondControllerTakesOverFromTheFirst) {
   endProcess();
   change({"add-second-dc", "after"}, {"del-second-dc"});

@@ -39,8 +39,8 @@ class ADCacheBinding : public ADBind {
   // A connection that is lost on the last page, the next one, and the search anew. A server that falls silent is given
   // up much earlier, see LdapLimits.
   static constexpr std::chrono::seconds SEARCH_LIMIT = 2 * DIRECTORY_SEARCH_LIMIT + CONNECT_LIMIT;
-  // Names asked for by one question of prefetch.
-  static constexpr std::size_t PREFETCH_BATCH = 250;
+  // Names asked for by one question of prefetch: the work of a server grows with the square of it.
+  static constexpr std::size_t PREFETCH_BATCH = 25;
 
   // `ccache` names the identity's credential cache each time that a connection is opened; what it throws counts as a
   // connection that failed. It is called on a thread of the binding's own. Does not connect yet.

@@ -38,7 +38,7 @@ void ADCacheBinding::prefetch(const std::vector<std::string>& dns, const char* c
 }
 
 void ADCacheBinding::prefetchBatch(const std::vector<std::string>& dns, const std::vector<std::string>& attributes) {
-  DirectorySearch what{"", SearchScope::Subtree, "(|", attributes};
+  DirectorySearch what{"", SearchScope::Subtree, "(|", attributes, false};
   std::map<std::string, std::string> wanted;  // by name without case
   for (const std::string& dn : dns) {
     what.filter += std::string("(") + AD_DN + "=" + escapeFilterValue(dn) + ")";

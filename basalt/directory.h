@@ -16,6 +16,8 @@ struct DirectorySearch {
   SearchScope scope = SearchScope::Subtree;
   std::string filter = "(objectClass=*)";
   std::vector<std::string> attributes;  // empty: all
+  // False where the answer is known to fit into one page: servers find what they give in pages twice.
+  bool paged = true;
 };
 
 // Does the exception mean that the server cannot be reached, went away, is too busy or did not answer in time?

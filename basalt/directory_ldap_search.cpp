@@ -74,7 +74,7 @@ struct LdapConnection::Page {
 std::vector<ADObjectPtr> LdapConnection::search(const DirectorySearch& what) {
   DirectorySearch whole = what;
   if (whole.base.empty()) whole.base = defaultBase();
-  return searchAll(whole, what.scope != SearchScope::Base);
+  return searchAll(whole, what.paged && what.scope != SearchScope::Base);
 }
 
 ADObjectPtr LdapConnection::rootDse() {

@@ -39,14 +39,15 @@ TEST_F(Prefetch, AnswersLaterSearchesWithFewQuestions) {
   std::vector<std::string> dns;
   for (std::size_t i = 0; i < 700; ++i) dns.push_back(host(i));
   m_binding.prefetch(dns, ATTRIBUTES);
-  EXPECT_EQ(questions(), (700 + ADCacheBinding::PREFETCH_BATCH - 1) / ADCacheBinding::PREFETCH_BATCH);
+  const std::size_t asked = (700 + ADCacheBinding::PREFETCH_BATCH - 1) / ADCacheBinding::PREFETCH_BATCH;
+  EXPECT_EQ(questions(), asked);
   EXPECT_EQ(m_directory.searches().front().what.scope, SearchScope::Subtree);
   EXPECT_EQ(m_directory.searches().front().what.base, "");
   for (std::size_t i = 0; i < 700; ++i) {
     const auto found = m_binding.search("(objectClass=*)", host(i), ATTRIBUTES, 0, 0, CACHE_READ, false, false);
     EXPECT_EQ(found->size(), i < 600 ? 1U : 0U) << i;
   }
-  EXPECT_EQ(questions(), 3U);
+  EXPECT_EQ(questions(), asked);
 }
 
 TEST_F(Prefetch, AsksForNothingTwice) {

@@ -142,6 +142,10 @@ TEST(LdapConnection, AsksForPages) {
   // Critical, a thousand at a time.
   EXPECT_THAT(request, HasSubstr(berItem(0x04, "1.2.840.113556.1.4.319") + std::string("\x01\x01\xff", 3)));
   EXPECT_THAT(request, HasSubstr(std::string("\x02\x02\x03\xe8\x04\x00", 6)));
+  DirectorySearch small{"DC=b", SearchScope::Subtree, "(cn=a)", {}};
+  small.paged = false;
+  EXPECT_TRUE(connection.search(small).empty());
+  EXPECT_THAT(request, testing::Not(HasSubstr("1.2.840.113556.1.4.319")));
 }
 
 TEST(LdapConnection, TakesAMissingBaseForNothing) {

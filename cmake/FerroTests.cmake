@@ -9,6 +9,33 @@ include(GoogleTest)
 
 set(FERRO_TEST_LABELS "unit;loopback;root;lab" CACHE STRING "Which tests to build, by label")
 
+option(FERRO_TEST_ONLY_THREADED "Build only the tests that use threads" OFF)
+option(FERRO_TEST_PCH "Parse only once what most tests include" OFF)
+
+if(FERRO_TESTS AND FERRO_TEST_PCH)
+  # The owner is an executable, so that its flags are the tests'.
+  file(WRITE "${CMAKE_BINARY_DIR}/ferro_test_pch.cpp" "int main() {}\n")
+  add_executable(ferro_test_pch "${CMAKE_BINARY_DIR}/ferro_test_pch.cpp")
+  target_link_libraries(ferro_test_pch PRIVATE ferro_flags GTest::gmock GTest::gtest)
+  target_compile_options(ferro_test_pch PRIVATE ${FERRO_TEST_FLAGS})
+  target_precompile_headers(ferro_test_pch PRIVATE
+    <gmock/gmock.h> <gtest/gtest.h> <boost/shared_ptr.hpp> <atomic> <chrono> <condition_variable> <functional> <map>
+    <memory> <mutex> <string> <thread> <vector>)
+endif()
+
+# Leaves in the list what has to do with threads.
+function(ferro_keep_threaded list)
+  set(kept)
+  foreach(source ${${list}})
+    file(STRINGS "${source}" lines LIMIT_COUNT 1
+         REGEX "#include <(thread|future)>|#include \".*(run_queue|agent_in_force|local_rpc_server|kerberos_request).*\"")
+    if(lines)
+      list(APPEND kept "${source}")
+    endif()
+  endforeach()
+  set(${list} ${kept} PARENT_SCOPE)
+endfunction()
+
 function(ferro_room_tests room)
   if(NOT FERRO_TESTS)
     return()
@@ -18,6 +45,9 @@ function(ferro_room_tests room)
     set(ARG_LAB_WITH mit)
   endif()
   file(GLOB all CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*_test.cpp")
+  if(FERRO_TEST_ONLY_THREADED)
+    ferro_keep_threaded(all)
+  endif()
   foreach(label ${FERRO_TEST_LABELS})
     set(sources ${all})
     if(label STREQUAL "unit")
@@ -35,6 +65,9 @@ function(ferro_test_executable name label sources libs lab_with)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE ${libs} ferro_testsupport_${label} GTest::gmock GTest::gtest)
   target_compile_options(${name} PRIVATE ${FERRO_TEST_FLAGS})
+  if(FERRO_TEST_PCH)
+    target_precompile_headers(${name} REUSE_FROM ferro_test_pch)
+  endif()
   if(label STREQUAL "lab")
     add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/lab/lab" run --with=${lab_with} -- $<TARGET_FILE:${name}>)
     # They mostly wait: begun first, they do so beside the others.

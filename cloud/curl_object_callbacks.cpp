@@ -26,6 +26,19 @@ char traceMark(curl_infotype type) {
   }
 }
 
+// Room for so many bytes, and some more where there is memory for it: a large body comes in thousands of pieces. Null
+// when there is none.
+char* grow(char* buffer, size_t& capacity, size_t needed) {
+  if (needed <= capacity) return buffer;
+  for (const size_t wanted : {std::max(needed, 2 * capacity), needed}) {
+    if (auto* grown = static_cast<char*>(std::realloc(buffer, wanted))) {
+      capacity = wanted;
+      return grown;
+    }
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 size_t CurlCallbacks::read(char* buffer, size_t size, size_t count, void* object) noexcept {
@@ -51,12 +64,13 @@ size_t CurlCallbacks::write(char* data, size_t size, size_t count, void* object)
   auto* self = static_cast<CurlObject*>(object);
   const size_t length = size * count;
   try {
-    auto* grown = static_cast<char*>(std::realloc(self->writeBuffer, self->writeLength + length + 1));
+    char* grown = grow(self->writeBuffer, self->writeCapacity, self->writeLength + length + 1);
     if (grown == nullptr) {
       // What has come so far is of no use; giving it back makes room for the report.
       std::free(self->writeBuffer);
       self->writeBuffer = nullptr;
       self->writeLength = 0;
+      self->writeCapacity = 0;
       LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
     }
     std::memcpy(grown + self->writeLength, data, length);

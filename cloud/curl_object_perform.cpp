@@ -27,8 +27,10 @@ void CurlObject::rewindAttempt() {
   readLeft = requestBody.size();
   std::free(writeBuffer);
   writeLength = 0;
+  writeCapacity = 0;
   writeBuffer = static_cast<char*>(std::calloc(1, 1));
   if (writeBuffer == nullptr) LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
+  writeCapacity = 1;
 }
 
 void CurlObject::forgetTrace() {

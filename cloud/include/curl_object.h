@@ -127,6 +127,7 @@ class CurlObject {
   size_t readLeft = 0;
   char* writeBuffer = nullptr;
   size_t writeLength = 0;
+  size_t writeCapacity = 0;
   std::vector<std::string> headerLines;
   std::vector<std::string> headerStrings;
   curl_slist* headerList = nullptr;

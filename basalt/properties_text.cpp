@@ -15,6 +15,8 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+bool startsWithMark(std::string_view text) { return text.substr(0, byteOrderMark.size()) == byteOrderMark; }
+
 // A line of the file: its bytes with the newline, and what it says.
 struct Line {
   enum class Kind { Setting, Silent, Bad };
@@ -41,7 +43,7 @@ void interpret(std::string_view text, Line& line) {
 // Goes through the lines of a text.
 class Lines {
  public:
-  explicit Lines(std::string_view text) : m_rest(text), m_first(true) {}
+  explicit Lines(std::string_view text) : m_rest(text) {}
 
   bool next(Line& line) {
     if (m_rest.empty()) return false;
@@ -50,16 +52,15 @@ class Lines {
     line = Line();
     line.bytes = m_rest.substr(0, size);
     std::string_view text = m_rest.substr(0, newline);
-    if (m_first && text.substr(0, byteOrderMark.size()) == byteOrderMark) text.remove_prefix(byteOrderMark.size());
+    // At every line, so that a line says the same once another one is the first.
+    while (startsWithMark(text)) text.remove_prefix(byteOrderMark.size());
     interpret(text, line);
     m_rest.remove_prefix(size);
-    m_first = false;
     return true;
   }
 
  private:
   std::string_view m_rest;
-  bool m_first;
 };
 
 void requireOneLine(const std::string& key, const std::optional<std::string>& value) {
@@ -68,7 +69,8 @@ void requireOneLine(const std::string& key, const std::optional<std::string>& va
   const std::string text = key + ":";
   Line line;
   interpret(text, line);
-  if (line.kind != Line::Kind::Setting || line.key != key || key.find_first_of(breaks) != std::string::npos) {
+  if (line.kind != Line::Kind::Setting || line.key != key || startsWithMark(key) ||
+      key.find_first_of(breaks) != std::string::npos) {
     LUMO_THROW(BadDataException, -1, "'%s' cannot be the name of a setting", key.c_str());
   }
   if (value && value->find_first_of(breaks) != std::string::npos) {

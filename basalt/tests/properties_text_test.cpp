@@ -162,3 +162,13 @@ TEST(PropertiesText, AnyTextKeepsAllButTheChanges) {
 }
 
 }  // namespace
+
+TEST(PropertiesText, ByteOrderMarkBeginsNoKey) {
+  const std::string mark = "\xEF\xBB\xBF";
+  const std::string text = "a: 1\n" + mark + "b: 2\n";
+  EXPECT_EQ(lumo::parseProperties(text).values.at("b"), "2");
+  const std::string merged = lumo::mergeProperties(text, {{"a", std::nullopt}});
+  EXPECT_EQ(merged, mark + "b: 2\n");
+  EXPECT_EQ(lumo::parseProperties(merged).values.at("b"), "2");
+  EXPECT_THROW(lumo::mergeProperties("", {{mark + "c", "3"}}), lumo::BadDataException);
+}

@@ -39,6 +39,8 @@ class ADCacheBinding : public ADBind {
   // A connection that is lost on the last page, the next one, and the search anew. A server that falls silent is given
   // up much earlier, see LdapLimits.
   static constexpr std::chrono::seconds SEARCH_LIMIT = 2 * DIRECTORY_SEARCH_LIMIT + CONNECT_LIMIT;
+  // For all questions of one prefetch; the question at hand may take its own SEARCH_LIMIT beyond.
+  static constexpr std::chrono::seconds PREFETCH_LIMIT = DIRECTORY_SEARCH_LIMIT;
   // Names asked for by one question of prefetch: the work of a server grows with the square of it.
   static constexpr std::size_t PREFETCH_BATCH = 25;
 
@@ -64,7 +66,8 @@ class ADCacheBinding : public ADBind {
 
   // Reads the objects of these names with as few questions as possible and remembers them, those too that are not
   // there, so that a search with scope 0, the filter "(objectClass=*)", these attributes and CACHE_READ answers from
-  // memory. Names that memory holds are not asked for; one that the server refuses is left out. Throws as search.
+  // memory. Names that memory holds are not asked for; one that the server refuses is left out. A server that
+  // takes longer than PREFETCH_LIMIT for all of them counts as a silent one. Throws as search.
   void prefetch(const std::vector<std::string>& dns, const char* const* attributes);
 
   // Is the server there? Connects first where the connection was lost or never stood, as far as RETRY_PAUSE allows.
@@ -102,8 +105,11 @@ class ADCacheBinding : public ADBind {
   Opened awaitOpening(std::chrono::steady_clock::time_point end);
   [[noreturn]] void lose(Failure failure);
   void remember(const std::string& question, const ADObjectList& answer, int cacheOps);
-  void prefetchBatch(const std::vector<std::string>& dns, const std::vector<std::string>& attributes);
-  void prefetchOne(const std::string& dn, const std::vector<std::string>& attributes);
+  using TimePoint = std::chrono::steady_clock::time_point;
+  void prefetchBatch(const std::vector<std::string>& dns, const std::vector<std::string>& attributes, TimePoint end);
+  void prefetchOne(const std::string& dn, const std::vector<std::string>& attributes, TimePoint end);
+  // The next question of a prefetch.
+  std::vector<ADObjectPtr> searchBefore(TimePoint end, const DirectorySearch& what);
 
   const DirectoryConnector::Target m_target;
   const std::function<std::string()> m_ccache;

@@ -4,7 +4,9 @@
 #include <list>
 
 #include "basalt/ad_agent.h"
+#include "basalt/clock.h"
 #include "basalt/computer_object.h"
+#include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
 #include "cloud/include/cloudconnectorlocator.h"
@@ -173,6 +175,9 @@ std::string CloudConnectorLocator::getConnectorFqdn(const LocatorLock&, const AD
   if (agent == nullptr) return std::string();
   ADObjectPtr computer;
   try {
+    if (lumo::Clock::getInstance().steadyNow() >= m_computersUntil) {
+      LUMO_THROW(lumo::IOException, -1, "The directory takes too long to tell the computers of the connectors");
+    }
     computer =
         agent->find(parent, lumo::ComputerObjectHelper::getAttributes(), CACHE_READ | CACHE_STORE | CACHE_MISSES);
   } catch (const LUMOException&) {

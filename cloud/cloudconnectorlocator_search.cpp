@@ -3,10 +3,12 @@
 #include <sys/socket.h>
 
 #include <boost/make_shared.hpp>
+#include <chrono>
 #include <unordered_map>
 #include <vector>
 
 #include "basalt/ad_agent.h"
+#include "basalt/clock.h"
 #include "basalt/computer_object.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
@@ -22,6 +24,8 @@ constexpr int SUBTREE = 2;
 constexpr int SEARCH_CACHE_OPS = CACHE_READ | CACHE_STORE | CACHE_MISSES | CACHE_RENEW;
 // Until the next search after one that failed.
 constexpr unsigned RETRY_SECONDS = 900;
+// For the computers that were not read ahead; the locator's lock is held meanwhile.
+constexpr std::chrono::seconds COMPUTERS_LIMIT{60};
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger(LOCATOR_LOGGER, false); }
 
@@ -130,6 +134,7 @@ void CloudConnectorLocator::processList(const LocatorLock& held, const boost::sh
   m_invalidList.clear();
   m_connectors.clear();
   if (agent != nullptr) readComputersAhead(*agent, *found);
+  m_computersUntil = lumo::Clock::getInstance().steadyNow() + COMPUTERS_LIMIT;
   for (const auto& connector : *found) sortConnector(held, connector, sorted);
   decideCloudUrl(held);
   m_currentSiteTryList.clear();

@@ -50,6 +50,58 @@ TEST_F(Prefetch, AnswersLaterSearchesWithFewQuestions) {
   EXPECT_EQ(questions(), asked);
 }
 
+// A directory whose every answer takes so long.
+class SlowDirectory : public DirectoryConnector {
+ public:
+  SlowDirectory(DirectoryConnector& inner, testsupport::ManualClock& clock, std::chrono::seconds each)
+      : m_inner(inner), m_clock(clock), m_each(each) {}
+  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
+    return std::make_unique<Connection>(*this, m_inner.open(target));
+  }
+  std::string site(const std::string& domain) override { return m_inner.site(domain); }
+
+ private:
+  class Connection : public DirectoryConnection {
+   public:
+    Connection(SlowDirectory& directory, std::unique_ptr<DirectoryConnection> inner)
+        : m_directory(directory), m_inner(std::move(inner)) {}
+    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
+      m_directory.m_clock.advance(m_directory.m_each);
+      return m_inner->search(what);
+    }
+    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
+
+   private:
+    SlowDirectory& m_directory;
+    const std::unique_ptr<DirectoryConnection> m_inner;
+  };
+
+  DirectoryConnector& m_inner;
+  testsupport::ManualClock& m_clock;
+  const std::chrono::seconds m_each;
+};
+
+TEST_F(Prefetch, GivesUpAServerThatTakesTooLongForAllQuestions) {
+  SlowDirectory slow(m_directory, m_clock, std::chrono::seconds(14));
+  const testsupport::DirectoryInForce inForce(slow);
+  add(0, 1000);
+  std::vector<std::string> dns;
+  for (std::size_t i = 0; i < 1000; ++i) dns.push_back(host(i));
+  const auto begin = m_clock.steadyNow();
+  try {
+    m_binding.prefetch(dns, ATTRIBUTES);
+    ADD_FAILURE() << "nothing thrown";
+  } catch (const LDAPException& failure) {
+    EXPECT_STREQ(failure.what(), "The directory of 'corp.test' takes too long to give many objects");
+    EXPECT_TRUE(LDAPBinding::isServerUnavailableException(failure));
+  }
+  EXPECT_EQ(questions(), 5U) << "the fifth began at 56 seconds";
+  EXPECT_EQ(m_clock.steadyNow() - begin, std::chrono::seconds(70));
+  EXPECT_EQ(known(host(0)), "h0") << "what has come is known";
+  EXPECT_THROW(m_binding.fetch(host(999), {"cn"}), LDAPException);
+  EXPECT_EQ(questions(), 5U) << "nobody waits for it again so soon";
+}
+
 TEST_F(Prefetch, AsksForNothingTwice) {
   add(0, 2);
   m_binding.prefetch({host(0), "cn=H0,dc=corp,dc=test", ""}, ATTRIBUTES);

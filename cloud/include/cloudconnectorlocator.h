@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <list>
 #include <map>
 #include <string>
@@ -131,6 +132,8 @@ class CloudConnectorLocator {
   void appendInvalidConnectors(const LocatorLock& held, const std::string& filter,
                                std::vector<CloudConnectorInfo>& out);
 
+  // When a pass over a search's answer gives up to ask for single computers.
+  std::chrono::steady_clock::time_point m_computersUntil = std::chrono::steady_clock::time_point::max();
   std::string m_zoneCloudUrl;
   std::string m_cloudUrl;
   std::string m_currentConnector;

@@ -3,21 +3,11 @@
 #include <cstdlib>
 #include <string>
 
-#include "cloud/include/cloud_auth.h"
+#include "cloud/tests/cloud_auth_client.h"
 
 namespace {
 
-class Client : public CloudAuth {
- public:
-  Client() : CloudAuth("https://platform.example.test/") {}
-  using CloudAuth::document;
-
-  int judge(const std::string& body) {
-    httpCode = 200;
-    responseBody = body;
-    return processResult();
-  }
-};
+using Client = AuthClient;
 
 std::string textOf(const rapidjson::Value& value) {
   std::string text;

@@ -25,7 +25,7 @@ GUARDED = [
      re.compile(r"^(base/(include/)?kerb_wrap|basalt/kerberos|cloud/curl_gsssetup)")),
     (re.compile(r"^sodium"), re.compile(r"^basalt/(locked_memory|base64)")),
     (re.compile(r"^spdlog/"), re.compile(r"^basalt/log(ging|_sinks)")),
-    (re.compile(r"^rapidjson/"), re.compile(r"^(quill|cloud)/")),
+    (re.compile(r"^rapidjson/"), re.compile(r"^(quill|cloud|lab)/")),
 ]
 # Protocol versions know one another by inheritance alone: this file may include that header.
 INHERITANCE = {"cloud/cloud_auth_v1s.h": {"cloud/cloud_auth_v1.h"}}

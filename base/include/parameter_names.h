@@ -8,6 +8,7 @@ inline constexpr char CLOUD_PROXY_AUTH_REQUIRED[] = "ferrod.cloud.proxy.auth.req
 inline constexpr char CLOUD_PROXY_AUTH_TYPE[] = "ferrod.cloud.proxy.auth.type";
 inline constexpr char CLOUD_DIRECT_CONNECTION[] = "ferrod.cloud.direct.connection";
 inline constexpr char CLOUD_REST_VERSION[] = "ferrod.cloud.rest.version";
+inline constexpr char CLOUD_IWA_URL_OVERRIDE[] = "ferrod.cloud.iwa.url";
 inline constexpr char CLOUD_CONNECTOR_OVERRIDE[] = "ferrod.cloud.connector";
 inline constexpr char CLOUD_CONNECTOR_REFRESH_INTERVAL[] = "ferrod.cloud.connector.refresh.interval";
 inline constexpr char CLOUD_CONNECTOR_RECOVER_INTERVAL[] = "ferrod.cloud.connector.recover.interval";
@@ -20,6 +21,9 @@ inline constexpr char ZONE_HIERARCHICAL[] = "ferrod.zone.hierarchical";
 inline constexpr char ZONE_CLOUDURL[] = "ferrod.zone.cloudurl";
 inline constexpr char FERROD_CLOUD_SKIP_CERT_VERIFICATION[] = "ferrod.cloud.skip.cert.verification";
 inline constexpr char FERROD_CLOUD_CERT_STORE[] = "ferrod.cloud.cert.store";
+inline constexpr char FERROD_IWA_SKIP_CERT_VERIFICATION[] = "ferrod.iwa.skip.cert.verification";
+inline constexpr char FERROSEC_CERT_DIR[] = "ferrosec.cert.dir";
+inline constexpr char FERROD_CLOUD_MFA_PAYLOADS[] = "ferrod.cloud.mfa.payloads";
 inline constexpr char LUMOD_SOCKET[] = "lumod.socket";
 inline constexpr char ROOT_LOGGER_NAME[] = "log";
 inline constexpr char LOG_FILE[] = "logging.file";
@@ -28,6 +32,13 @@ inline constexpr char KRB5_ALLOW_WEAK_CRYPTO[] = "krb5.allow.weak.crypto";
 inline constexpr char CLI_HOOK_PREFIX[] = "cli.hook.";
 inline constexpr char CLI_HOOK_TIMEOUT[] = "cli.hook.timeout";
 inline constexpr char FIPS_MODE_ENABLE[] = "fips.mode.enable";
+
+}  // namespace lumo::PN
+
+// Values, not keys.
+namespace lumo::PN {
+
+inline constexpr char DEFAULT_CERT_DIR[] = "/var/morvand/certs";
 
 }  // namespace lumo::PN
 

@@ -11,5 +11,7 @@ LUMO_DECLARE_EXCEPTION(CloudException, Base_Exception);
 LUMO_DECLARE_EXCEPTION(CloudConnException, Base_Exception);
 // Connectors cannot be found. Result code -1.
 LUMO_DECLARE_EXCEPTION(CloudConnectorException, Base_Exception);
+// The machine cannot sign in at a connector. Result code 9.
+LUMO_DECLARE_EXCEPTION(CloudIwaException, Base_Exception);
 
 }  // namespace lumo

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "cloud/include/cloud_auth.h"
+#include "cloud/tests/cloud_auth_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
@@ -16,12 +17,7 @@ using testsupport::HttpReply;
 using testsupport::HttpRequest;
 using testsupport::HttpServer;
 
-class Client : public CloudAuth {
- public:
-  using CloudAuth::CloudAuth;
-  using CloudAuth::cloudUrl;
-  using CloudAuth::document;
-};
+using Client = AuthClient;
 
 class CloudAuthLoopback : public CurlObjectTest {
  protected:

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "cloud/tests/cloud_auth_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "testsupport/log_capture.h"
 
@@ -10,17 +11,7 @@ namespace {
 
 using testing::ElementsAre;
 
-class Client : public CloudAuth {
- public:
-  Client() : CloudAuth("https://platform.example.test/") {}
-  using CloudAuth::document;
-
-  int judge(long status, const std::string& body) {
-    httpCode = status;
-    responseBody = body;
-    return processResult();
-  }
-};
+using Client = AuthClient;
 
 std::string textOf(const rapidjson::Value& value) {
   std::string text;

@@ -1,0 +1,30 @@
+// The platform's login with a session: one mechanism answers each challenge, through a single endpoint.
+#pragma once
+
+#include <string>
+
+#include "cloud/include/cloud_auth.h"
+
+class CloudAuthV1 : public CloudAuth {
+ public:
+  CloudAuthV1(const std::string& url, const std::string& restVersion, const std::string& user);
+
+  // Throws lumo::CloudException "Failed to startAuthentication". A redirect is followed once; AUTH_REQUEST_FAILED when
+  // it leads to a refusal.
+  int startAuthentication() override;
+  int startAuthentication(const Payload* payload) override;
+  int advanceAuthentication(const std::string& mechanismId, const int& action, const std::string& answer) override;
+  int getVersion() override;
+
+ protected:
+  void updateUrls() override;
+  // The status that the member "Summary" of the last reply means. Throws as getJsonString and parsePolicy.
+  int parseAdvanceResult() override;
+  // Replaces the challenges.
+  int parsePolicy() override;
+
+  std::string tenantId;
+  std::string sessionId;
+  std::string startUrl;
+  std::string advanceUrl;
+};

@@ -26,8 +26,6 @@ class CloudAuthV0 : public CloudAuth {
   // Appends to the challenges. Throws besides std::out_of_range for a message of "OTP", "SMS" or "PF" of one sentence.
   int parsePolicy() override;
 
- private:
-  void buildUrls(const std::string& base);
   int multiAuthLogin(const lumo::Shredder2& secret, const std::string& nextMechanismId);
   // 1 when the mechanism has moved on; `code` is then what the platform gave, or empty.
   int pollMechanism(const std::string& mechanismId, std::string& code);
@@ -39,4 +37,8 @@ class CloudAuthV0 : public CloudAuth {
   std::string getAuthPolicyUrl;
   lumo::Shredder2 password;
   bool passwordSent = false;
+
+ private:
+  void buildUrls(const std::string& base);
+  CloudAuthMechanism parseMechanism(const rapidjson::Value& element) const;
 };

@@ -20,11 +20,21 @@ class CloudAuthV1 : public CloudAuth {
   void updateUrls() override;
   // The status that the member "Summary" of the last reply means. Throws as getJsonString and parsePolicy.
   int parseAdvanceResult() override;
-  // Replaces the challenges.
+  // Replaces the challenges. The session is the reply's even when this throws; a challenge that cannot be read leaves
+  // those before it.
   int parsePolicy() override;
+
+  // The texts of a mechanism for the user's eyes: the platform's own, or else what its name says. The prompt throws as
+  // getJsonString for "PF" without its number.
+  static std::string getSelectText(const std::string& name, const rapidjson::Value& mechanism);
+  static std::string getAnswerPrompt(const std::string& name, const rapidjson::Value& mechanism);
 
   std::string tenantId;
   std::string sessionId;
   std::string startUrl;
   std::string advanceUrl;
+
+ private:
+  static CloudAuthMechanism parseMechanism(const rapidjson::Value& element);
+  static CloudAuthChallenge parseChallenge(const rapidjson::Value& element);
 };

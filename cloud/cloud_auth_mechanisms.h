@@ -1,0 +1,10 @@
+// What all login versions know of the platform's mechanisms.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "cloud/include/cloud_auth.h"
+
+// The CloudAnswerType of a mechanism that the platform says nothing more about, by its name. Any thread.
+std::int32_t usualAnswerType(const std::string& mechanismName);

@@ -25,9 +25,7 @@ int CloudAuth::processResult() {
   dumpMrvHeader();
   if (httpCode != HTTP_OK) return 0;
   LUMO_LOG(logger(), 0, "HTTP response: %s", responseBody.c_str());
-  // A new one each time: a document only gives its memory back as a whole. Without recursion: the peer says how deep.
-  document = rapidjson::Document();
-  document.Parse<rapidjson::kParseIterativeFlag>(responseBody.data(), responseBody.size());
+  parseJson(document, responseBody);
   if (member(document, "success").IsTrue()) return 1;
   const auto read = [this](const char* key) {
     std::string value;

@@ -78,6 +78,12 @@ void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, const std:
   }
 }
 
+// A new one each time: a document only gives its memory back as a whole. Without recursion: the peer says how deep.
+void CloudAuth::parseJson(rapidjson::Document& out, std::string_view text) {
+  out = rapidjson::Document();
+  out.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
+}
+
 void CloudAuth::jsonToString(std::string& out, const rapidjson::Value& object) {
   rapidjson::StringBuffer buffer;
   JsonWriter writer(buffer);

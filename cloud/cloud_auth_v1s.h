@@ -10,9 +10,10 @@
 class CloudAuthV1S : public CloudAuthV1 {
  public:
   // `id` is handed to the impersonation and may be empty; `iwa` is the connector's URL, ends in "/" and may be empty;
-  // `servicePrincipal` is its name; `profile` a CloudAuthProfile.
+  // `servicePrincipal` is its name; `profile` a CloudAuthProfile, PROFILE_LOGIN when null.
   CloudAuthV1S(const std::string& url, const std::string& restVersion, const std::string& user, const std::string& id,
                const std::string& iwa, const std::string& servicePrincipal, const int* profile);
+  ~CloudAuthV1S() override;
 
   void setCookie(const int& kind, const std::string& value) override;
   std::string getCookie(const int& kind) override;
@@ -54,4 +55,17 @@ class CloudAuthV1S : public CloudAuthV1 {
   std::string siteCheckUrl;
   std::string payload;  // JSON text
   std::string uuid;
+
+ private:
+  // What the connector's last answer holds: 1 and `otc`, or 0 and `errorMessage`. Throws as getJsonString.
+  int readCode(std::string& otc, std::string& errorMessage);
+  // siteCheck with the failures that getMachineAuthToken promises.
+  int askConnector(std::string& otc, std::string& errorMessage);
+  // A cookie of the user's by that of the machine, which is made anew when the platform refuses it. False, and the log
+  // says why, when the machine cannot act for the user.
+  bool makeUserCookie();
+  // What a refusal with status 200 comes to.
+  int decide(const std::string& errorId, const std::string& reason);
+  bool wantsProof(const std::string& errorId) const;
+  int visitEndpoint(bool withChallenge, bool sendsPayload);
 };

@@ -37,8 +37,10 @@ int CloudBase::post(const std::string& url, const Parameters& params, const std:
   return exchange(whole, content, true);
 }
 
-int CloudBase::get(const std::string& url) {
-  LUMO_LOG(logger(), 1, "HTTP get URL = %s", url.c_str());
+int CloudBase::get(const std::string& url) { return getMasked(url, url); }
+
+int CloudBase::getMasked(const std::string& url, const std::string& masked) {
+  LUMO_LOG(logger(), 1, "HTTP get URL = %s", masked.c_str());
   return exchange(url, std::string(), false);
 }
 

@@ -2,6 +2,8 @@
 
 #include "basalt/file_security.h"
 #include "base/include/exceptions.h"
+#include "base/include/properties.h"
+#include "cloud/include/curl_object.h"
 
 namespace {
 
@@ -23,6 +25,13 @@ off_t sizeOrZero(const std::string& path) {
 }
 
 }  // namespace
+
+bool setVerification(CurlObject& connection, const char* skipParameter) {
+  const bool verifies = !lumo::Props(false, false).getBool(skipParameter, false);
+  connection.setOpt(CURLOPT_SSL_VERIFYPEER, verifies ? 1 : 0);
+  connection.setOpt(CURLOPT_SSL_VERIFYHOST, verifies ? 2 : 0);
+  return verifies;
+}
 
 std::string findCertBundle() {
   for (const char* path : KNOWN_BUNDLES) {

@@ -15,15 +15,10 @@ boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", fals
 
 // Fills `certStore` only where it is asked for.
 void setTrust(CurlObject& curl, std::string& certStore) {
-  const lumo::Properties& settings = lumo::Props(false, false);
-  if (settings.getBool(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION, false)) {
-    curl.setOpt(CURLOPT_SSL_VERIFYPEER, 0);
-    curl.setOpt(CURLOPT_SSL_VERIFYHOST, 0);
-    return;
-  }
-  curl.setOpt(CURLOPT_SSL_VERIFYPEER, 1);
-  curl.setOpt(CURLOPT_SSL_VERIFYHOST, 2);
-  certStore = settings.getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
+  // A sign-in at a connector that failed leaves the folder of the connectors' certificates behind.
+  curl.clearOpt(CURLOPT_CAPATH);
+  if (!setVerification(curl, lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION)) return;
+  certStore = lumo::Props(false, false).getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
   if (certStore.empty()) certStore = findCertBundle();
   if (certStore.empty()) {
     LUMO_LOG(logger(), 4,

@@ -202,6 +202,17 @@ void CloudCurlPool::setProxy(const CloudProxyInfo& proxy) {
   LUMO_LOG(logger(), 1, "Set cloud web proxy to: '%s' with auth: '%s'.", proxyServer.c_str(), proxyAuth.c_str());
 }
 
+CloudProxyInfo CloudCurlPool::getProxy() const {
+  const lumo::Lock lock(poolMutex);
+  CloudProxyInfo proxy;
+  proxy.proxyServer = proxyServer;
+  proxy.proxyAuth = proxyAuth;
+  proxy.proxyUser = proxyUser;
+  proxy.proxyPassword = proxyPassword;
+  proxy.proxyUsable = proxyUsable;
+  return proxy;
+}
+
 std::string CloudCurlPool::dump() {
   const lumo::Lock lock(poolMutex);
   std::string report = "==============Morvane MFA Service Connections Info============\n";

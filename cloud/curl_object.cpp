@@ -1,7 +1,6 @@
 #include "cloud/include/curl_object.h"
 
 #include <cstdlib>
-#include <sstream>
 
 #include "cloud/curl_object_internal.h"
 #include "cloud/curl_object_layer.h"
@@ -15,21 +14,6 @@ const std::map<std::string, long> proxyAuthTypes = {
 namespace {
 
 constexpr long TRANSFER_SECONDS = 30;
-
-// One line of libcurl's cookie list: seven fields, written with tabs.
-struct CookieLine {
-  std::string domain, tailMatch, path, secure, expiry, name, value;
-
-  bool parse(const char* line) {
-    std::istringstream in(line);
-    return static_cast<bool>(in >> domain >> tailMatch >> path >> secure >> expiry >> name >> value);
-  }
-  std::string expired() const {
-    std::string line = domain;
-    for (const std::string& field : {tailMatch, path, secure, std::string("1"), name, value}) line += '\t' + field;
-    return line;
-  }
-};
 
 }  // namespace
 
@@ -135,17 +119,4 @@ void CurlObject::clearOpt(int option) {
     LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_setopt to clear option: %s (%d)",
                curl_easy_strerror(code), static_cast<int>(code));
   }
-}
-
-void CurlObject::setCookie(const std::string& cookie) {
-  curl_slist* list = nullptr;
-  const bool known = curl_easy_getinfo(handle, CURLINFO_COOKIELIST, &list) == CURLE_OK;
-  const CurlList owned(list);
-  for (const curl_slist* node = known ? list : nullptr; node != nullptr; node = node->next) {
-    CookieLine line;
-    if (!line.parse(node->data) || line.name != ".ASPXAUTH") continue;
-    setOpt(CURLOPT_COOKIELIST, line.expired());
-    break;
-  }
-  setOpt(CURLOPT_COOKIE, cookie);
 }

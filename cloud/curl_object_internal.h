@@ -2,18 +2,12 @@
 #pragma once
 
 #include <curl/curl.h>
-#include <string.h>
 
 #include <memory>
 #include <string>
 
 #include "cloud/include/curl_object.h"
-
-// Overwrites a text that may hold a secret, and empties it.
-inline void wipe(std::string& text) {
-  explicit_bzero(text.data(), text.size());
-  text.clear();
-}
+#include "cloud/wipe.h"
 
 struct CleanupCurl {
   void operator()(CURL* handle) const { curl_easy_cleanup(handle); }

@@ -10,11 +10,6 @@ namespace {
 // From here on libcurl would wait for "100 Continue", which many proxies never send.
 constexpr size_t EXPECT_THRESHOLD = size_t{1024} * 1024;
 
-struct WipeAtEnd {
-  ~WipeAtEnd() { wipe(text); }
-  std::string& text;
-};
-
 void append(curl_slist*& list, const char* line) {
   if (curl_slist* longer = curl_slist_append(list, line)) list = longer;
 }
@@ -93,7 +88,7 @@ void CurlObject::setTransportDefaults() {
 }
 
 std::pair<long, std::string> CurlObject::perform(const std::string& url, const std::string& body, int post) {
-  const WipeAtEnd wipeBody{requestBody};
+  const WipeAtEnd wipeBody(requestBody);
   for (bool first = true;; first = false) {
     prepareAttempt(url, body, post);
     callbackFailure = nullptr;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <list>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -129,6 +130,8 @@ class CloudAuth : public CloudBase {
   static void getJsonStringOptional(const rapidjson::Value& object, const std::string& key, std::string& out);
   // The member of that name, part of `object`; where there is none, a null value that lives as long as the process.
   static const rapidjson::Value& member(const rapidjson::Value& object, const std::string& key);
+  // Replaces `out` by what the text says, by null when it is no JSON. However deep it is.
+  static void parseJson(rapidjson::Document& out, std::string_view text);
   // Replaces `out` by compact text, members in their order, however deep the value is.
   static void jsonToString(std::string& out, const rapidjson::Value& object);
 

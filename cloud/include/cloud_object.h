@@ -56,6 +56,9 @@ class CloudBase {
   void setDebugTrace();
 
  protected:
+  // As get, for a URL that holds a secret: the log shows `masked` in its place.
+  int getMasked(const std::string& url, const std::string& masked);
+
   CurlObject* curl = nullptr;  // the pool's
   std::string cloudUrl;        // ends in "/"
   std::string podHost;         // host of the pod after a redirect

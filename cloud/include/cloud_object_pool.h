@@ -60,6 +60,8 @@ class CloudCurlPool {
 
   // The proxy of every later hand-out; connections that are out keep theirs.
   void setProxy(const CloudProxyInfo& proxy);
+  // A copy of that setting.
+  CloudProxyInfo getProxy() const;
 
   // A report of the pool as text.
   std::string dump();

@@ -86,6 +86,9 @@ class CurlObject {
 
   // Sends the cookie with the following requests, in place of a session cookie that an earlier reply left.
   void setCookie(const std::string& cookie);
+  // The value of a cookie that replies left: the first one of exactly that name, empty where there is none. One without
+  // a value is passed over; a value ends at its first white space.
+  std::string cookie(const std::string& name) const;
 
   // The callback for CURLOPT_DEBUGFUNCTION; its data (CURLOPT_DEBUGDATA) is the object.
   static int debugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* object);

@@ -1,0 +1,72 @@
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "cloud/curl_object_internal.h"
+
+namespace {
+
+constexpr char SESSION[] = ".ASPXAUTH";
+constexpr char WHITE_SPACE[] = " \t\n\v\f\r";
+
+// One line of libcurl's cookie list: domain, tail match, path, secure, expiry, name, value, written with tabs. Views
+// into the line: a copy of a session would have to be wiped.
+class CookieLine {
+ public:
+  // False when it has not all seven fields.
+  bool parse(std::string_view line) {
+    for (std::string_view& field : m_fields) {
+      line.remove_prefix(std::min(line.find_first_not_of(WHITE_SPACE), line.size()));
+      field = line.substr(0, line.find_first_of(WHITE_SPACE));
+      if (field.empty()) return false;
+      line.remove_prefix(field.size());
+    }
+    return true;
+  }
+  std::string_view name() const { return m_fields[NAME]; }
+  std::string_view value() const { return m_fields[VALUE]; }
+  std::string expired() const {
+    std::string line(m_fields[0]);
+    for (size_t field = 1; field < m_fields.size(); ++field) {
+      line.append("\t").append(field == EXPIRY ? "1" : m_fields[field]);
+    }
+    return line;
+  }
+
+ private:
+  enum Field : size_t { EXPIRY = 4, NAME, VALUE, COUNT };
+
+  std::array<std::string_view, COUNT> m_fields;
+};
+
+CurlList cookieList(CURL* handle) {
+  curl_slist* list = nullptr;
+  return CurlList(curl_easy_getinfo(handle, CURLINFO_COOKIELIST, &list) == CURLE_OK ? list : nullptr);
+}
+
+// The first cookie of that name; the line stays part of the list.
+bool findCookie(const CurlList& list, std::string_view name, CookieLine& line) {
+  for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
+    if (line.parse(node->data) && line.name() == name) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void CurlObject::setCookie(const std::string& cookie) {
+  const CurlList list = cookieList(handle);
+  CookieLine line;
+  if (findCookie(list, SESSION, line)) {
+    std::string expired = line.expired();
+    const WipeAtEnd wipeLine(expired);
+    setOpt(CURLOPT_COOKIELIST, expired);
+  }
+  setOpt(CURLOPT_COOKIE, cookie);
+}
+
+std::string CurlObject::cookie(const std::string& name) const {
+  const CurlList list = cookieList(handle);
+  CookieLine line;
+  return findCookie(list, name, line) ? std::string(line.value()) : std::string();
+}

@@ -1,0 +1,66 @@
+#include "cloud/machine_sign_in.h"
+
+#include "base/include/parameter_names.h"
+#include "base/include/properties.h"
+#include "cloud/cloud_object_certs.h"
+#include "cloud/include/curl_object.h"
+#include "cloud/wipe.h"
+
+ConnectorVisit::ConnectorVisit(CurlObject& lent) : m_connection(lent) {
+  m_credential.acquireCred(ADHelper::GetMachineCredCache().c_str());
+}
+
+ConnectorVisit::~ConnectorVisit() {
+  // The transfer may have thrown, and the handle is about to go.
+  m_connection.clearOpt(CURLOPT_PROXY_GSS_CRED);
+}
+
+void ConnectorVisit::negotiateFor(const std::string& spn) {
+  m_connection.clearProxy(false);
+  m_connection.setOpt(CURLOPT_PROXY_GSS_CRED, m_credential.get());
+  m_connection.setOpt(CURLOPT_PROXY_GSS_SPN, spn);
+  m_connection.setOpt(CURLOPT_PROXY_GSS_SETUP_FUNCTION, &serverGssSetup);
+  m_connection.serverGssCallbacks = ProxyGssCallbacks();
+  m_connection.serverGssCallbacks.kdcLocator = reinterpret_cast<void*>(&krb5_dc_locator_callback);
+  m_connection.setOpt(CURLOPT_PROXY_GSS_SETUP_DATA, &m_connection.serverGssCallbacks);
+  m_connection.setOpt(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_NEGOTIATE));
+  m_connection.setOpt(CURLOPT_USERNAME, ":");
+}
+
+void ConnectorVisit::trustConnector() {
+  m_trustsFolder = setVerification(m_connection, lumo::PN::FERROD_IWA_SKIP_CERT_VERIFICATION);
+  if (!m_trustsFolder) return;
+  m_connection.clearOpt(CURLOPT_CAINFO);
+  m_connection.setOpt(CURLOPT_CAPATH,
+                      lumo::Props(false, false).getProperty(lumo::PN::FERROSEC_CERT_DIR, lumo::PN::DEFAULT_CERT_DIR));
+}
+
+std::pair<long, std::string> ConnectorVisit::ask(const std::string& url, const std::string& spn) {
+  negotiateFor(spn);
+  trustConnector();
+  return m_connection.perform(url, std::string(), 0);
+}
+
+void ConnectorVisit::putBack(const CloudProxyInfo& proxy) {
+  m_connection.setOpt(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
+  m_connection.clearOpt(CURLOPT_USERNAME);
+  m_connection.setProxy(proxy.proxyServer, proxy.proxyAuth, proxy.proxyUser, proxy.proxyPassword);
+  if (m_trustsFolder) m_connection.clearOpt(CURLOPT_CAPATH);
+}
+
+EmbeddedObject findEmbeddedObject(std::string_view text) {
+  const std::size_t begin = text.find('{');
+  if (begin == std::string_view::npos) return {{}, '{'};
+  const std::size_t end = text.rfind('}');
+  if (end == std::string_view::npos || end < begin) return {{}, '}'};
+  return {text.substr(begin, end - begin + 1), '\0'};
+}
+
+void useSession(CurlObject& connection, const std::string& session) {
+  std::string cookie;
+  const WipeAtEnd wipeCookie(cookie);
+  // At once, so that no shorter copy stays behind.
+  cookie.reserve(sizeof SESSION_COOKIE + session.size() + 1);
+  cookie.append(SESSION_COOKIE).append("=").append(session).append(";");
+  connection.setCookie(cookie);
+}

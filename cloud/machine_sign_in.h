@@ -1,0 +1,60 @@
+// The sign-in of this machine at a connector and of its users at the platform: what the clients that do it share.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "basalt/kerberos_credentials.h"
+#include "cloud/include/cloud_object_pool.h"
+
+class CurlObject;
+
+// The platform's cookie that holds a session.
+inline constexpr char SESSION_COOKIE[] = ".ASPXAUTH";
+// Where a connector gives one-time codes, below its IWA URL.
+inline constexpr char SITE_CHECK_PATH[] = "iwa/SiteCheck";
+// The member of its answer that says how it went, and what it says when all is well.
+inline constexpr char SITE_CHECK_RESULT[] = "result";
+inline constexpr char SITE_CHECK_SUCCESS[] = "success";
+inline constexpr char SITE_CHECK_CODE[] = "otc";
+// What a code is handed to the platform with, behind the URL; a log shows HIDDEN in the code's place.
+inline constexpr char ONE_TIME_PASS[] = "?OneTimePass=";
+inline constexpr char HIDDEN[] = "(hidden)";
+
+// One exchange with a connector over somebody's connection: straight to it, as the machine. Once the object is gone, no
+// option of the connection names the credential. One thread; the connection outlives the object.
+class ConnectorVisit {
+ public:
+  // Throws what ADHelper::GetMachineCredCache throws. Without a usable credential the connector will refuse.
+  explicit ConnectorVisit(CurlObject& lent);
+  ~ConnectorVisit();
+  ConnectorVisit(const ConnectorVisit&) = delete;
+  ConnectorVisit& operator=(const ConnectorVisit&) = delete;
+
+  // GETs the URL, whose service is `spn`: status and body. Proxy and user of the connection are forgotten; the folder
+  // `ferrosec.cert.dir` is trusted, or anybody with `ferrod.iwa.skip.cert.verification`. Throws as CurlObject::perform;
+  // the connection then stays turned to the connector.
+  std::pair<long, std::string> ask(const std::string& url, const std::string& spn);
+  // Turns the connection to the platform again, but for whom it trusts: that is the caller's. Throws as
+  // CurlObject::setProxy.
+  void putBack(const CloudProxyInfo& proxy);
+
+ private:
+  void negotiateFor(const std::string& spn);
+  void trustConnector();
+
+  CurlObject& m_connection;
+  lumo::GSSCredential m_credential;
+  bool m_trustsFolder = false;
+};
+
+// The JSON object that stands in a text: from its first "{" to its last "}". Part of the text.
+struct EmbeddedObject {
+  std::string_view text;
+  char missing = '\0';  // the brace that is not there; '}' also when the last one stands before the first '{'
+};
+EmbeddedObject findEmbeddedObject(std::string_view text);
+
+// The following requests are those of a session. Throws CurlException.
+void useSession(CurlObject& connection, const std::string& session);

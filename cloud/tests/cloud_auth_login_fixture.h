@@ -1,0 +1,98 @@
+// A login over real exchanges: a platform that answers by a script, and a list of what it was asked.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <deque>
+#include <initializer_list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cloud/tests/cloud_object_pool_access.h"
+#include "cloud/tests/curl_object_fixture.h"
+#include "testsupport/http_server.h"
+#include "testsupport/log_capture.h"
+#include "testsupport/temp_folder.h"
+
+inline testsupport::HttpReply json(const std::string& body) { return testsupport::httpReply("200 OK", {}, body); }
+// Success with that "Result", which is JSON text.
+inline testsupport::HttpReply success(const std::string& result = "{}") {
+  return json(R"({"success":true,"Result":)" + result + "}");
+}
+inline testsupport::HttpReply refusal() { return json(R"({"success":false,"Message":"refused"})"); }
+inline testsupport::HttpReply cut() {
+  return {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", testsupport::HttpReply::Close};
+}
+
+// All that goes out passes the proxy, so the platform may have any port.
+template <class Client>
+class LoginTest : public CurlObjectTest {
+ protected:
+  static constexpr const char* PLATFORM = "https://localhost/";
+  static constexpr const char* USER = "alice@example.test";
+
+  LoginTest() {
+    access.maxConnections = 2;
+    access.occupiedTimeout = 900;
+    access.pool.setProxy(proxyInfo(server.address()));
+    begin();
+  }
+
+  // A new login.
+  void begin() {
+    client = std::make_unique<Client>(PLATFORM, Client::VERSION, USER);
+    client->getCurl("alice", "login");
+    server.forgetRequests();
+  }
+
+  // What the platform answers next; past the end it is 500.
+  void script(std::initializer_list<testsupport::HttpReply> replies) {
+    const std::lock_guard<std::mutex> lock(scriptMutex);
+    scripted.assign(replies);
+  }
+  bool scriptIsOver() {
+    const std::lock_guard<std::mutex> lock(scriptMutex);
+    return scripted.empty();
+  }
+
+  // What the platform was asked since the last call: "METHOD HOST TARGET BODY".
+  std::vector<std::string> asked() {
+    std::vector<std::string> list;
+    for (const testsupport::HttpRequest& request : server.requests()) {
+      if (!request.tls) continue;
+      list.push_back(request.method() + " " + request.header("Host") + " " + request.target() +
+                     (request.body.empty() ? "" : " " + request.body));
+    }
+    server.forgetRequests();
+    return list;
+  }
+
+  std::string cloudLog() const { return testing::PrintToString(recordsOf(log.texts(), "cloud.object")); }
+
+ private:
+  testsupport::HttpReply next(const testsupport::HttpRequest& request) {
+    if (!request.tls) return testsupport::tunnelReply(true);
+    const std::lock_guard<std::mutex> lock(scriptMutex);
+    if (scripted.empty()) return testsupport::httpReply("500 Internal Server Error");
+    const testsupport::HttpReply reply = scripted.front();
+    scripted.pop_front();
+    return reply;
+  }
+
+  std::mutex scriptMutex;
+  std::deque<testsupport::HttpReply> scripted;
+  testsupport::TempFolder folder;
+  testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "server", {});
+
+ protected:
+  // The proxy, and the platform behind it.
+  testsupport::HttpServer server{[this](const testsupport::HttpRequest& request) { return next(request); },
+                                 &certificate};
+  SettingsScope settings{{"ferrod.cloud.cert.store", certificate.certificateFile}};
+  CloudCurlPoolAccess access;
+  testsupport::LogCapture log{"TRACE"};
+  std::unique_ptr<Client> client;
+};

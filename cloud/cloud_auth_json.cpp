@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "cloud/cloud_auth_reader.h"
 #include "cloud/include/cloud_auth.h"
 
 namespace {
@@ -78,11 +79,8 @@ void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, const std:
   }
 }
 
-// A new one each time: a document only gives its memory back as a whole. Without recursion: the peer says how deep.
-void CloudAuth::parseJson(rapidjson::Document& out, std::string_view text) {
-  out = rapidjson::Document();
-  out.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
-}
+// A new one each time: a document only gives its memory back as a whole.
+void CloudAuth::parseJson(rapidjson::Document& out, std::string_view text) { out = readJson(text); }
 
 void CloudAuth::jsonToString(std::string& out, const rapidjson::Value& object) {
   rapidjson::StringBuffer buffer;

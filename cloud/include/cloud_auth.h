@@ -86,7 +86,8 @@ class CloudAuth : public CloudBase {
   CloudAuth(const std::string& url, std::string restVersion, const std::string& user);
 
   // 1 for status 200 and a body whose member "success" is the boolean true, else 0; the platform's words are then in
-  // the log at level 1. The body of a 200 becomes the document, null when it is no JSON; with another status it stays.
+  // the log at level 1. The body of a 200 becomes the document, null when it is no JSON (or a million levels deep);
+  // with another status it stays.
   int processResult() override;
   ~CloudAuth() override = default;
 
@@ -130,7 +131,7 @@ class CloudAuth : public CloudBase {
   static void getJsonStringOptional(const rapidjson::Value& object, const std::string& key, std::string& out);
   // The member of that name, part of `object`; where there is none, a null value that lives as long as the process.
   static const rapidjson::Value& member(const rapidjson::Value& object, const std::string& key);
-  // Replaces `out` by what the text says, by null when it is no JSON. However deep it is.
+  // Replaces `out` by what the text says, by null when it is no JSON, or deeper or longer than JsonLimits.
   static void parseJson(rapidjson::Document& out, std::string_view text);
   // Replaces `out` by compact text, members in their order, however deep the value is.
   static void jsonToString(std::string& out, const rapidjson::Value& object);

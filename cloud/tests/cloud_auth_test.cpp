@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include "cloud/cloud_auth_reader.h"
 #include "cloud/tests/cloud_auth_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "testsupport/log_capture.h"
@@ -19,11 +20,7 @@ std::string textOf(const rapidjson::Value& value) {
   return text;
 }
 
-rapidjson::Document parsed(const std::string& text) {
-  rapidjson::Document document;
-  document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
-  return document;
-}
+rapidjson::Document parsed(const std::string& text) { return readJson(text); }
 
 std::string words(const std::string& code, const std::string& id, const std::string& message,
                   const std::string& messageId) {

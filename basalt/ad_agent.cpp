@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include "basalt/ad_cache_binding_question.h"
 #include "basalt/clock.h"
@@ -117,15 +118,21 @@ auto ADAgent::inCatalogueOrDomain(const Ask& ask) {
   return ask(m_domain);
 }
 
+std::optional<ADObjectPtr> ADAgent::recall(const std::string& dn, const char* const* attributes) {
+  if (dn.empty()) return nullptr;
+  if (const auto known = m_catalogue.recall(lumo::ANY_OBJECT, dn, attributes, 0, 0)) {
+    return known->empty() ? nullptr : known->front();
+  }
+  // A controller knows its own domain only: that it has no such object says little.
+  const auto known = m_domain.recall(lumo::ANY_OBJECT, dn, attributes, 0, 0);
+  if (known && !known->empty()) return known->front();
+  return std::nullopt;
+}
+
 ADObjectPtr ADAgent::find(const std::string& dn, const char* const* attributes, int cacheOps) {
   if (dn.empty()) return nullptr;
   if ((cacheOps & CACHE_READ) != 0 && (cacheOps & CACHE_RENEW) == 0) {
-    if (const auto known = m_catalogue.recall(lumo::ANY_OBJECT, dn, attributes, 0, 0)) {
-      return known->empty() ? nullptr : known->front();
-    }
-    // A controller knows its own domain only: that it has no such object says little.
-    const auto known = m_domain.recall(lumo::ANY_OBJECT, dn, attributes, 0, 0);
-    if (known && !known->empty()) return known->front();
+    if (auto known = recall(dn, attributes)) return std::move(*known);
   }
   const auto found = inCatalogueOrDomain([&](ADCacheBinding& binding) {
     return binding.search(lumo::ANY_OBJECT, dn, attributes, 0, 0, cacheOps, false, false);

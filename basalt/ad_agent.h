@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,9 @@ class ADAgent {
   // One object, from the catalogue or, when that cannot be reached, from a controller; null when there is none, or for
   // an empty name. Throws LDAPException and KerberosException as ADCacheBinding::search.
   ADObjectPtr find(const std::string& dn, const char* const* attributes, int cacheOps);
+  // What find with CACHE_READ has in memory: the object, or null where it is known that there is none; nothing where a
+  // server would be asked. Asks nobody. Never throws.
+  std::optional<ADObjectPtr> recall(const std::string& dn, const char* const* attributes);
   // Reads many objects ahead, so that find with CACHE_READ answers from memory. Throws as find.
   void prefetch(const std::vector<std::string>& dns, const char* const* attributes);
   // Searches the whole forest in the catalogue or, when that cannot be reached, the domain in its controller. A filter

@@ -6,7 +6,6 @@
 #include "basalt/ad_agent.h"
 #include "basalt/clock.h"
 #include "basalt/computer_object.h"
-#include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
 #include "cloud/include/cloudconnectorlocator.h"
@@ -173,13 +172,12 @@ std::string CloudConnectorLocator::getConnectorFqdn(const LocatorLock&, const AD
   const std::string parent = LDAPBinding::parent(textOf(connector, AD_DN));
   ADAgent* const agent = g_adAgent.load();
   if (agent == nullptr) return std::string();
+  const char* const* const attributes = lumo::ComputerObjectHelper::getAttributes();
   ADObjectPtr computer;
   try {
-    if (lumo::Clock::getInstance().steadyNow() >= m_computersUntil) {
-      LUMO_THROW(lumo::IOException, -1, "The directory takes too long to tell the computers of the connectors");
-    }
-    computer =
-        agent->find(parent, lumo::ComputerObjectHelper::getAttributes(), CACHE_READ | CACHE_STORE | CACHE_MISSES);
+    computer = lumo::Clock::getInstance().steadyNow() < m_computersUntil
+                   ? agent->find(parent, attributes, CACHE_READ | CACHE_STORE | CACHE_MISSES)
+                   : agent->recall(parent, attributes).value_or(nullptr);
   } catch (const LUMOException&) {
     LUMO_LOG(logger(), 1, "Failed to fetch DC object in AD");
   }

@@ -24,7 +24,8 @@ constexpr int SUBTREE = 2;
 constexpr int SEARCH_CACHE_OPS = CACHE_READ | CACHE_STORE | CACHE_MISSES | CACHE_RENEW;
 // Until the next search after one that failed.
 constexpr unsigned RETRY_SECONDS = 900;
-// For the computers that were not read ahead; the locator's lock is held meanwhile.
+// For the computers of the connectors, read ahead or one by one; the locator's lock is held meanwhile. The question at
+// hand may take its own time beyond.
 constexpr std::chrono::seconds COMPUTERS_LIMIT{60};
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger(LOCATOR_LOGGER, false); }
@@ -133,8 +134,8 @@ void CloudConnectorLocator::processList(const LocatorLock& held, const boost::sh
   for (const auto& url : m_cloudUrls) sorted.byUrl.try_emplace(url);
   m_invalidList.clear();
   m_connectors.clear();
-  if (agent != nullptr) readComputersAhead(*agent, *found);
   m_computersUntil = lumo::Clock::getInstance().steadyNow() + COMPUTERS_LIMIT;
+  if (agent != nullptr) readComputersAhead(*agent, *found);
   for (const auto& connector : *found) sortConnector(held, connector, sorted);
   decideCloudUrl(held);
   m_currentSiteTryList.clear();

@@ -227,6 +227,17 @@ TEST_F(Agent, ReadsAheadForFind) {
   EXPECT_THAT(m_directory.searches(), SizeIs(1));
 }
 
+TEST_F(Agent, RecallsWhatItKnowsAndAsksNobody) {
+  AgentInForce agent(m_directory);
+  agent->prefetch({HOST, "CN=none,DC=corp,DC=test"}, computer());
+  m_directory.forgetQuestions();
+  EXPECT_EQ(dnsName(agent->recall(HOST, computer()).value()), "h1.corp.test");
+  EXPECT_FALSE(agent->recall("CN=none,DC=corp,DC=test", computer()).value());
+  EXPECT_FALSE(agent->recall("", computer()).value());
+  EXPECT_FALSE(agent->recall(FAR_HOST, computer()).has_value());
+  EXPECT_THAT(m_directory.searches(), IsEmpty());
+}
+
 TEST_F(Agent, FindsWithoutTheCatalogueWhatWasReadAheadInTheDomain) {
   AgentInForce agent(m_directory);
   catalogueAway();

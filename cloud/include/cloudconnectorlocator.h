@@ -132,7 +132,7 @@ class CloudConnectorLocator {
   void appendInvalidConnectors(const LocatorLock& held, const std::string& filter,
                                std::vector<CloudConnectorInfo>& out);
 
-  // When a pass over a search's answer gives up to ask for single computers.
+  // From when on a search's computers come from the agent's memory alone.
   std::chrono::steady_clock::time_point m_computersUntil = std::chrono::steady_clock::time_point::max();
   std::string m_zoneCloudUrl;
   std::string m_cloudUrl;

@@ -1,4 +1,5 @@
 // How long a client waits while the directory hangs. Its limits pass on a clock that the directory itself moves on.
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <future>
@@ -103,6 +104,74 @@ TEST_F(HangingForest, ClientWaitsForTheLimitsOfCatalogueAndDomainAndNotAtAllWith
   locator.locator.searchCloudConnetors("https://pod.example.test/", true);
   EXPECT_EQ(clock.steadyNow() - asked, steady_clock::duration::zero());
   EXPECT_EQ(locator.locator.getCloudConnector(), "c1:8080");
+}
+
+// Every answer takes so long as the test says.
+class SlowForest : public locatortest::LocatorTest {
+ protected:
+  // So many connectors with their computers "cN.forest.test"; their keywords name "uriN".
+  void process(std::size_t count) {
+    const auto found = boost::make_shared<ADObjectList>();
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::string number = std::to_string(i);
+      addComputer("c" + number, "c" + number + ".forest.test");
+      const std::string uri = "https://uri" + number + ":443/";
+      const auto keywords = locatortest::with(locatortest::bothServices(), "morvane.mobile.proxyUri", uri.c_str());
+      found->push_back(locatortest::connectorObject("c" + number, keywords));
+    }
+    const auto start = clock.steadyNow();
+    locator.processList(found);
+    taken = clock.steadyNow() - start;
+  }
+  std::size_t named(const std::string& beginning) const {
+    return static_cast<std::size_t>(
+        std::count_if(locator.connectors.begin(), locator.connectors.end(),
+                      [&](const auto& one) { return one.first.compare(0, beginning.size(), beginning) == 0; }));
+  }
+
+  testsupport::ManualClock clock;
+  steady_clock::duration taken{};
+};
+
+TEST_F(SlowForest, ComputersAreAskedForOneByOneForAMinuteAtTheMost) {
+  unsigned questions = 0;
+  watched.onSearch = [&](const DirectoryConnector::Target&, const DirectorySearch& what) {
+    if (what.scope != SearchScope::Base) LUMO_THROW(lumo::BadDataException, -1, "not understood");
+    ++questions;
+    clock.advance(seconds(25));
+  };
+  process(5);
+  EXPECT_EQ(questions, 3U) << "the third began at 50 seconds";
+  EXPECT_EQ(taken, seconds(75));
+  EXPECT_EQ(named("c"), 3U);
+  EXPECT_EQ(named("uri"), 2U);
+}
+
+TEST_F(SlowForest, ComputersThatWereReadAheadAreKnownHoweverLongThatTook) {
+  unsigned single = 0;
+  watched.onSearch = [&](const DirectoryConnector::Target&, const DirectorySearch& what) {
+    if (what.scope == SearchScope::Base) ++single;
+    clock.advance(seconds(61));
+  };
+  process(ADCacheBinding::PREFETCH_BATCH + 5);
+  EXPECT_EQ(single, 0U);
+  EXPECT_EQ(taken, seconds(122)) << "a question to the catalogue, and one to the controller";
+  EXPECT_EQ(named("c"), ADCacheBinding::PREFETCH_BATCH);
+  EXPECT_EQ(named("uri"), 5U);
+}
+
+// Each pass has its own minute.
+TEST_F(SlowForest, TheNextSearchAsksAgain) {
+  unsigned questions = 0;
+  watched.onSearch = [&](const DirectoryConnector::Target&, const DirectorySearch& what) {
+    if (what.scope != SearchScope::Base) LUMO_THROW(lumo::BadDataException, -1, "not understood");
+    ++questions;
+    clock.advance(seconds(61));
+  };
+  process(2);
+  process(2);
+  EXPECT_EQ(questions, 2U);
+  EXPECT_EQ(named("c"), 2U) << "the first one's computer is remembered";
 }
 
 }  // namespace

@@ -17,22 +17,22 @@
 #include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
 
-inline testsupport::HttpReply json(const std::string& body) { return testsupport::httpReply("200 OK", {}, body); }
-// Success with that "Result", which is JSON text.
-inline testsupport::HttpReply success(const std::string& result = "{}") {
-  return json(R"({"success":true,"Result":)" + result + "}");
-}
-inline testsupport::HttpReply refusal() { return json(R"({"success":false,"Message":"refused"})"); }
-inline testsupport::HttpReply cut() {
-  return {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", testsupport::HttpReply::Close};
-}
-
 // All that goes out passes the proxy, so the platform may have any port.
 template <class Client>
 class LoginTest : public CurlObjectTest {
  protected:
   static constexpr const char* PLATFORM = "https://localhost/";
   static constexpr const char* USER = "alice@example.test";
+
+  static testsupport::HttpReply json(const std::string& body) { return testsupport::httpReply("200 OK", {}, body); }
+  // Success with that "Result", which is JSON text.
+  static testsupport::HttpReply success(const std::string& result = "{}") {
+    return json(R"({"success":true,"Result":)" + result + "}");
+  }
+  static testsupport::HttpReply refusal() { return json(R"({"success":false,"Message":"refused"})"); }
+  static testsupport::HttpReply cut() {
+    return {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"success\":true", testsupport::HttpReply::Close};
+  }
 
   LoginTest() {
     access.maxConnections = 2;
@@ -69,8 +69,6 @@ class LoginTest : public CurlObjectTest {
     server.forgetRequests();
     return list;
   }
-
-  std::string cloudLog() const { return testing::PrintToString(recordsOf(log.texts(), "cloud.object")); }
 
  private:
   testsupport::HttpReply next(const testsupport::HttpRequest& request) {

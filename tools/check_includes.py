@@ -2,7 +2,8 @@
 """Fails on an include that points the wrong way.
 
 usage: check_includes.py [ROOT]
-Rooms may include themselves and what stands behind their arrow; the headers of some libraries are known to few units."""
+Rooms may include themselves and what stands behind their arrow; the headers of some libraries are known to few units.
+An example is a project of its own: it names its own headers as they stand beside it."""
 import pathlib
 import re
 import sys
@@ -47,7 +48,10 @@ def faults_of(path, name):
             if not is_test:
                 yield where + f"{header}: only tests include testsupport"
         elif quoted:
-            if target not in ROOMS:
+            if room == "examples" and target == header:
+                if not (path.parent / header).exists():
+                    yield where + f"{header} does not stand beside it"
+            elif target not in ROOMS:
                 yield where + f'"{header}" is not named from the root of the tree'
             elif target != room and target not in ROOMS[room]:
                 yield where + f"{room} must not include {target} ({header})"

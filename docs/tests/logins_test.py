@@ -29,6 +29,13 @@ def rows(heading):
     return {int(value): name for value, name in re.findall(r"^\| (\d+) \| `(\w+)` \|", table, re.M)}
 
 
+def literals(*patterns):
+    """The texts of string literals in the sources; those that stand side by side are one."""
+    whole = r'"(?:[^"\\\n]|\\.)*"(?:\s*"(?:[^"\\\n]|\\.)*")*'
+    code = re.sub(r"^\s*(?:#include|//).*$", "", tree.sources(*patterns), flags=re.M)
+    return {"".join(re.findall(r'"((?:[^"\\\n]|\\.)*)"', group)) for group in re.findall(whole, code)}
+
+
 class Logins(unittest.TestCase):
     def test_values_are_those_of_the_header(self):
         for name in ("CloudAuthStatus", "CloudAuthAction", "CloudAnswerType"):
@@ -43,6 +50,31 @@ class Logins(unittest.TestCase):
         named = set(re.findall(r"`((?:ferrod|ferrosec|lumod)\.[a-z.]+)`", tree.text(PAGE)))
         self.assertIn("ferrod.cloud.rest.version", named)
         self.assertLessEqual(named, tree.parameters())
+
+    def test_requests_are_those_of_the_code(self):
+        path = r"\b(?:security|qrsintegration|iwa)/\w+"
+        code = "\n".join(literals("cloud/cloud_auth*.cpp", "cloud/machine_sign_in.h"))
+        self.assertEqual(set(re.findall(path, tree.text(PAGE))), set(re.findall(path, code)))
+
+    def test_values_of_replies_are_those_of_the_code(self):
+        summaries = re.search(r"^\| `Summary` .*?\n\n", tree.text(PAGE), re.S | re.M).group(0)
+        named = set(re.findall(r"`(\w+)`", re.sub(r"\|[^|]*\|\n", "|\n", summaries))) - {"Summary", "Failure"}
+        self.assertEqual(len(named), 5)
+        self.assertLessEqual(named | {"ChallengeRequired", "NotConfigured"}, literals("cloud/cloud_auth_v1*.cpp"))
+
+    def test_words_of_failures_are_those_of_the_code(self):
+        table = re.search(r"^\| exception and words .*?\n\n", tree.text(PAGE), re.S | re.M).group(0)
+        code = "\n".join(literals("cloud/*.cpp"))
+        declared = tree.text("cloud/include/cloud_exceptions.h") + tree.text("base/include/exceptions.h")
+        declared += tree.text("cloud/include/curl_object.h")
+        for row in table.strip().splitlines()[2:]:
+            failure, advice = row.strip("| ").split(" | ")
+            words = re.findall(r'"([^"]+)"', failure)
+            self.assertTrue(words, row)
+            for text in words + re.findall(r'"([^"]+)"', advice):
+                self.assertIn(text.removesuffix("...").rstrip(), code)
+            for name in re.findall(r"`(\w+Exception)`", failure):
+                self.assertIn(f"LUMO_DECLARE_EXCEPTION({name}, ", declared)
 
     def test_links_lead_somewhere(self):
         links = re.findall(r"\]\(([^)#]+)\)", tree.text(PAGE))

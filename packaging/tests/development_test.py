@@ -10,7 +10,7 @@ import unittest
 
 ROOT = pathlib.Path(sys.argv[1])
 BUILD, CMAKE, CXX, LDFLAGS = sys.argv[2:6]
-EXAMPLE = ROOT / "examples" / "find_connectors"
+EXAMPLES = [ROOT / "examples" / name for name in ("find_connectors", "login_terminal")]
 
 
 def run(*command, text=None, **environment):
@@ -35,9 +35,12 @@ class InstalledTree(unittest.TestCase):
         words = run("pkg-config", *options, "ferrogate-cloud", PKG_CONFIG_PATH=str(self.module.parent))
         return words.split()
 
-    def judge(self, program):
+    def judge(self, example, program):
         usage = run(program, "--help")
-        self.assertTrue(usage.startswith("usage: find_connectors [OPTION...]\n"), usage)
+        self.assertTrue(usage.startswith(f"usage: {example.name} "), usage)
+
+    def test_each_example_is_built_here(self):
+        self.assertEqual(EXAMPLES, sorted(path.parent for path in ROOT.glob("examples/*/CMakeLists.txt")))
 
     def test_each_header_compiles_by_itself(self):
         names = sorted(str(path.relative_to(self.headers)) for path in self.headers.rglob("*.h"))
@@ -51,20 +54,23 @@ class InstalledTree(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor(2) as pool:
             list(pool.map(compile_alone, names))
 
-    def test_example_builds_with_the_cmake_package(self):
-        build = pathlib.Path(self.folder.name) / "with-cmake"
-        run(CMAKE, "-S", EXAMPLE, "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={CXX}",
-            "-DCMAKE_CXX_FLAGS=-O0", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", LDFLAGS=LDFLAGS)
-        run(CMAKE, "--build", build)
-        self.judge(build / "find_connectors")
-        commands = (build / "compile_commands.json").read_text()
-        for internal in ("-Werror", "-Wall", "-fmacro-prefix-map", "SPDLOG", f"-I{ROOT}"):
-            self.assertNotIn(internal, commands)
+    def test_examples_build_with_the_cmake_package(self):
+        for example in EXAMPLES:
+            build = pathlib.Path(self.folder.name) / f"{example.name}-with-cmake"
+            run(CMAKE, "-S", example, "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={CXX}",
+                "-DCMAKE_CXX_FLAGS=-O0", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", LDFLAGS=LDFLAGS)
+            run(CMAKE, "--build", build, "-j2")
+            self.judge(example, build / example.name)
+            commands = (build / "compile_commands.json").read_text()
+            for internal in ("-Werror", "-Wall", "-fmacro-prefix-map", "SPDLOG", f"-I{ROOT}"):
+                self.assertNotIn(internal, commands)
 
-    def test_example_builds_with_pkg_config(self):
-        program = pathlib.Path(self.folder.name) / "with-pkg-config"
-        run(CXX, "-O0", EXAMPLE / "main.cpp", "-o", program, *LDFLAGS.split(), *self.flags("--cflags", "--libs"))
-        self.judge(program)
+    def test_examples_build_with_pkg_config(self):
+        for example in EXAMPLES:
+            program = pathlib.Path(self.folder.name) / f"{example.name}-with-pkg-config"
+            run(CXX, "-O0", *sorted(example.glob("*.cpp")), "-o", program, *LDFLAGS.split(),
+                *self.flags("--cflags", "--libs"))
+            self.judge(example, program)
 
     def test_package_has_the_version_of_the_tree(self):
         version = run("pkg-config", "--modversion", "ferrogate-cloud", PKG_CONFIG_PATH=str(self.module.parent)).strip()

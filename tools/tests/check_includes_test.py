@@ -47,6 +47,12 @@ class IncludeCheck(unittest.TestCase):
         status, out = check({"examples/a/main.cpp": '#include "basalt/ad_agent.h"\n#include "cloud/include/opx.h"\n'})
         self.assertEqual(status, 0, out)
 
+    def test_an_example_names_its_own_headers_as_they_stand_beside_it(self):
+        status, out = check({"examples/a/main.cpp": '#include "b.h"\n', "examples/a/b.h": ""})
+        self.assertEqual(status, 0, out)
+        self.refused("examples/a/main.cpp", '#include "b.h"', "b.h does not stand beside it")
+        self.refused("examples/a/main.cpp", '#include "examples/a/b.h"', "is not a public header")
+
     def test_guarded_headers(self):
         self.refused("cli/a.cpp", "#include <curl/curl.h>", "<curl/curl.h> is not known")
         self.refused("cloud/a.cpp", "#include <ldap.h>", "<ldap.h> is not known")

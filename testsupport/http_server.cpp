@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <strings.h>
@@ -184,6 +185,9 @@ void HttpServer::acceptAll() {
     if (waiting[1].revents != 0) return;
     const int fd = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) continue;
+    // Behind what TLS sends of its own a reply would wait for the client's acknowledgement.
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     int number;
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
@@ -244,7 +248,7 @@ bool HttpServer::answer(Stream& stream, HttpRequest& request) {
   const HttpReply reply = m_handler(request);
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_requests.push_back(std::move(request));
+    if (m_keepsRequests) m_requests.push_back(std::move(request));
   }
   m_changed.notify_all();
   if (!stream.send(reply.bytes)) return false;
@@ -275,6 +279,11 @@ int HttpServer::connections() const {
 void HttpServer::forgetRequests() {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_requests.clear();
+}
+
+void HttpServer::keepRequests(bool keep) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_keepsRequests = keep;
 }
 
 bool HttpServer::waitForRequests(size_t count, std::chrono::milliseconds limit) const {

@@ -76,6 +76,8 @@ class HttpServer {
   int connections() const;
   // Those that came so far are told no more; a long run would keep them all.
   void forgetRequests();
+  // Whether requests() tells of those that come from now on; it does unless this says no.
+  void keepRequests(bool keep);
   // Waits until so many requests have come; false after the time.
   bool waitForRequests(size_t count, std::chrono::milliseconds limit) const;
   // Waits until so many connections are over, hung up by the client or closed here; false after the time.
@@ -98,6 +100,7 @@ class HttpServer {
   std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> m_tls{nullptr, &SSL_CTX_free};
   mutable std::mutex m_mutex;
   mutable std::condition_variable m_changed;
+  bool m_keepsRequests = true;
   std::vector<HttpRequest> m_requests;
   int m_connections = 0;
   size_t m_ended = 0;

@@ -15,7 +15,10 @@ ROOMS = {
     "cloud": {"basalt", "base"},
     "cli": {"cloud", "quill", "basalt", "base"},
     "examples": {"cloud", "basalt", "base"},
+    "lab": {"testsupport", "base"},
 }
+# What serves tests and benchmarks alone: the rooms that are not installed may know it.
+FOR_TESTS = {"testsupport", "lab"}
 # The public headers, beside those that they include: what an example may include.
 PUBLIC = re.compile(r"^(cloud/include/\w+|basalt/(ad_agent|kerberos_abandoned|run_queue)|base/include/logger)\.h$")
 # What a room's code may not know, told by the header's name: the files that may.
@@ -44,9 +47,9 @@ def faults_of(path, name):
         quoted, header = match.group(1) == '"', match.group(2)
         where = f"{name}:{number}: "
         target = header.split("/")[0]
-        if quoted and target == "testsupport":
-            if not is_test:
-                yield where + f"{header}: only tests include testsupport"
+        if quoted and target in FOR_TESTS:
+            if not is_test and target != room and target not in ROOMS[room]:
+                yield where + f"{header}: only tests include {target}"
         elif quoted:
             if room == "examples" and target == header:
                 if not (path.parent / header).exists():

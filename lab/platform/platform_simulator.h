@@ -77,6 +77,8 @@ class PlatformSimulator {
   std::string mintCode(const std::string& machine);
   // The connector's answer to iwa/SiteCheck for that machine: text around a JSON object.
   std::string siteCheckReply(const std::string& machine);
+  // The same as a whole reply, faults of "SiteCheck" included.
+  testsupport::HttpReply siteCheckHttp(const std::string& machine);
   // Sessions, cookies, faults, records and surprises are as at the start. The script in force stays.
   void reset();
 

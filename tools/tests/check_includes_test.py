@@ -62,6 +62,13 @@ class IncludeCheck(unittest.TestCase):
 
     def test_tests_only(self):
         self.refused("cli/a.cpp", '#include "testsupport/process.h"', "only tests include testsupport")
+        self.refused("cloud/a.cpp", '#include "lab/platform/platform_simulator.h"', "only tests include lab")
+        self.refused("lab/a.cpp", '#include "cloud/b.h"', "lab must not include cloud")
+        status, out = check({
+            "cloud/tests/a_test.cpp": '#include "lab/platform/platform_simulator.h"\n',
+            "lab/platform/b.cpp": '#include "testsupport/http_server.h"\n#include <rapidjson/document.h>\n',
+        })
+        self.assertEqual(status, 0, out)
 
     def test_protocol_versions(self):
         self.refused("cloud/cloud_auth_v1.h", '#include "cloud/cloud_auth_v0.h"', "a protocol version includes")

@@ -1,10 +1,10 @@
 #include "cloud/cloud_auth_mechanisms.h"
 
-#include <algorithm>
 #include <array>
-#include <iterator>
 #include <string_view>
 #include <utility>
+
+#include "cloud/lookup.h"
 
 namespace {
 
@@ -21,7 +21,5 @@ constexpr std::array<std::pair<std::string_view, CloudAnswerType>, 7> USUAL_ANSW
 }  // namespace
 
 std::int32_t usualAnswerType(const std::string& mechanismName) {
-  const auto* const row = std::find_if(USUAL_ANSWERS.begin(), USUAL_ANSWERS.end(),
-                                       [&mechanismName](const auto& one) { return one.first == mechanismName; });
-  return row == USUAL_ANSWERS.end() ? ANSWER_UNKNOWN : row->second;
+  return lookedUp(USUAL_ANSWERS, mechanismName, ANSWER_UNKNOWN);
 }

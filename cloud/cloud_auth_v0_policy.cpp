@@ -8,6 +8,7 @@
 #include "cloud/cloud_auth_mechanisms.h"
 #include "cloud/cloud_auth_v0.h"
 #include "cloud/cloud_auth_v0_phone.h"
+#include "cloud/lookup.h"
 
 namespace {
 
@@ -31,20 +32,13 @@ constexpr std::array<NamedText, 1> MESSAGES{{
 constexpr std::array<std::string_view, 3> MESSAGE_OF_THE_PLATFORM{"OTP", "SMS", "PF"};
 constexpr std::array<std::string_view, 4> IN_BAND{"SQ", "UP", "OTP", "RESET"};
 
-template <class Table>
-std::string textOf(const Table& table, const std::string& name) {
-  const auto* const row =
-      std::find_if(table.begin(), table.end(), [&name](const NamedText& one) { return one.first == name; });
-  return row == table.end() ? std::string() : std::string(row->second);
-}
-
 template <class List>
 bool isOneOf(const List& list, const std::string& name) {
   return std::find(list.begin(), list.end(), name) != list.end();
 }
 
 std::string messageOf(const std::string& name, const Value& element) {
-  if (!isOneOf(MESSAGE_OF_THE_PLATFORM, name)) return textOf(MESSAGES, name);
+  if (!isOneOf(MESSAGE_OF_THE_PLATFORM, name)) return lookedUp(MESSAGES, name, std::string());
   constexpr std::string_view BETWEEN_SENTENCES = ". ";
   std::string message;
   CloudAuth::getJsonStringOptional(element, "msg", message);
@@ -69,7 +63,8 @@ CloudAuthMechanism CloudAuthV0::parseMechanism(const Value& element) const {
   const Value& text = member(element, "fieldText");
   mechanism.selectText =
       text.IsString() ? std::string(text.GetString(), text.GetStringLength()) : mechanism.mechanismId;
-  mechanism.answerPrompt = (mechanism.name == "SQ" ? securityQuestion : "") + textOf(ANSWER_PROMPTS, mechanism.name);
+  mechanism.answerPrompt =
+      (mechanism.name == "SQ" ? securityQuestion : "") + lookedUp(ANSWER_PROMPTS, mechanism.name, std::string());
   mechanism.message = messageOf(mechanism.name, element);
   mechanism.answerType = usualAnswerType(mechanism.name);
   mechanism.outOfBand = !isOneOf(IN_BAND, mechanism.name);

@@ -1,17 +1,16 @@
 #include "cloud/cloud_auth_v1.h"
 
-#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
 
 #include "cloud/json_body.h"
+#include "cloud/lookup.h"
 
 namespace {
 
 constexpr const char* START_PATH = "security/StartAuthentication";
 constexpr const char* ADVANCE_PATH = "security/AdvanceAuthentication";
-constexpr const char* FORMAT_VERSION = "1.0";
 constexpr const char* NEW_PACKAGE = "NewPackage";
 constexpr std::string_view ANSWER_WORD = "Answer";
 
@@ -26,13 +25,6 @@ constexpr std::array<std::pair<std::string_view, CloudAuthStatus>, 4> SUMMARIES{
     {"LoginSuccess", AUTH_DONE},
     {"Success", AUTH_DONE},
 }};
-
-// The value behind `key`, or `other`.
-template <class Table, class Key, class Value>
-Value lookedUp(const Table& table, const Key& key, const Value& other) {
-  const auto row = std::find_if(table.begin(), table.end(), [&key](const auto& one) { return one.first == key; });
-  return row == table.end() ? other : row->second;
-}
 
 }  // namespace
 
@@ -51,7 +43,7 @@ int CloudAuthV1::startAuthentication(const Payload*) { return startAuthenticatio
 
 int CloudAuthV1::startAuthentication() {
   JsonBody body;
-  body.set("User", userName).set("Version", FORMAT_VERSION);
+  body.set("User", userName).set("Version", POLICY_FORMAT);
   const std::string& text = body.text();
   if (post(startUrl, text) == 0) LUMO_THROW(lumo::CloudException, -1, "Failed to startAuthentication");
   const rapidjson::Value& pod = member(member(document, "Result"), "PodFqdn");
@@ -71,8 +63,8 @@ int CloudAuthV1::advanceAuthentication(const std::string& mechanismId, const int
   body.set("MechanismId", mechanismId).set("SessionId", sessionId).set("TenantId", tenantId);
   if (post(advanceUrl, body.text()) == 0) return AUTH_FAILED;
   const int status = parseAdvanceResult();
-  // A new package has closed the challenge that was open: its challenges are not answered yet.
-  if (status != AUTH_PENDING && !currentChallenge.empty()) markChallengeDone(mechanismId, true);
+  // Of a new package none is open, so that nothing is marked.
+  if (status != AUTH_PENDING) markChallengeDone(mechanismId, true);
   return status;
 }
 

@@ -17,6 +17,8 @@ class CloudAuthV1 : public CloudAuth {
   int getVersion() override;
 
  protected:
+  static constexpr const char* POLICY_FORMAT = "1.0";  // the only one that is understood
+
   void updateUrls() override;
   // The status that the member "Summary" of the last reply means. Throws as getJsonString and parsePolicy.
   int parseAdvanceResult() override;

@@ -7,12 +7,11 @@
 #include "base/include/logger.h"
 #include "cloud/cloud_auth_mechanisms.h"
 #include "cloud/cloud_auth_v1.h"
+#include "cloud/lookup.h"
 
 namespace {
 
 using rapidjson::Value;
-
-constexpr const char* FORMAT_VERSION = "1.0";
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
 
@@ -90,18 +89,15 @@ bool usualText(const Table& table, const std::string& name, const Value& mechani
 std::int32_t answerTypeOf(const std::string& name, const Value& mechanism) {
   const std::string given = optionalText(mechanism, "AnswerType");
   if (given.empty()) return usualAnswerType(name);
-  const auto* const row =
-      std::find_if(ANSWER_TYPES.begin(), ANSWER_TYPES.end(), [&given](const auto& one) { return one.first == given; });
-  return row == ANSWER_TYPES.end() ? ANSWER_UNKNOWN : row->second;
+  return lookedUp(ANSWER_TYPES, given, ANSWER_UNKNOWN);
 }
 
 // The platform's own prompt as a user is to see it.
 std::string finished(std::string prompt, std::int32_t answerType) {
-  const auto* const row = std::find_if(PROMPT_ENDS.begin(), PROMPT_ENDS.end(),
-                                       [answerType](const auto& one) { return one.first == answerType; });
-  if (row == PROMPT_ENDS.end()) return prompt;
+  const std::string end = lookedUp(PROMPT_ENDS, answerType, std::string());
+  if (end.empty()) return prompt;
   if (std::string_view(",.:;!?").find(prompt.back()) != std::string_view::npos) prompt.pop_back();
-  return prompt + row->second;
+  return prompt + end;
 }
 
 }  // namespace
@@ -150,7 +146,7 @@ int CloudAuthV1::parsePolicy() {
   getJsonString(result, "SessionId", sessionId);
   getJsonString(result, "TenantId", tenantId);
   getJsonString(result, "Version", format);
-  if (format != FORMAT_VERSION) {
+  if (format != POLICY_FORMAT) {
     LUMO_THROW(lumo::CloudException, -1, "Errors in parsing policy from Json: 'Version' = '%s' but NOT V1",
                format.c_str());
   }

@@ -145,8 +145,9 @@ class HttpServer::Stream {
   std::string m_pending;
 };
 
-HttpServer::HttpServer(Handler handler, const Certificate* certificate, const std::string& address, unsigned short port)
-    : m_handler(std::move(handler)), m_address(address) {
+HttpServer::HttpServer(Handler handler, const Certificate* certificate, const std::string& address, unsigned short port,
+                       Tls tls)
+    : m_handler(std::move(handler)), m_address(address), m_start(certificate == nullptr ? OnReply : tls) {
   signal(SIGPIPE, SIG_IGN);  // TLS writes to a client that went away
   if (certificate != nullptr) {
     m_tls.reset(SSL_CTX_new(TLS_server_method()));
@@ -214,7 +215,7 @@ void HttpServer::joinEnded() {
 void HttpServer::serve(int fd, int number) {
   {
     Stream stream(fd, m_stop);
-    answerAll(stream, number);
+    if (m_start == OnReply || stream.startTls(m_tls.get())) answerAll(stream, number);
   }
   const std::lock_guard<std::mutex> lock(m_mutex);
   ++m_ended;

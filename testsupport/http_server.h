@@ -62,8 +62,11 @@ class HttpServer {
   // Called for each request, on the connection's thread.
   using Handler = std::function<HttpReply(const HttpRequest&)>;
 
+  // TLS is what a reply's StartTls begins, or every connection from its first byte.
+  enum Tls { OnReply, FromTheStart };
+
   explicit HttpServer(Handler handler, const Certificate* certificate = nullptr,
-                      const std::string& address = "127.0.0.1", unsigned short port = 0);
+                      const std::string& address = "127.0.0.1", unsigned short port = 0, Tls tls = OnReply);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -96,6 +99,7 @@ class HttpServer {
   std::string m_address;
   unsigned short m_port = 0;
   int m_listener = -1;
+  Tls m_start = OnReply;
   int m_stop = -1;  // an eventfd, readable once everything is to end
   std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> m_tls{nullptr, &SSL_CTX_free};
   mutable std::mutex m_mutex;

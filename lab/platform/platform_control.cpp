@@ -145,7 +145,7 @@ void PlatformSimulator::expire(const std::string& what) {
 
 std::string PlatformSimulator::mintCode(const std::string& machine) {
   const std::lock_guard<std::mutex> lock(m_impl->mutex);
-  return m_impl->core.mintCode(machine.substr(0, machine.find('@')));
+  return m_impl->core.mintCode(machine);
 }
 
 std::string PlatformSimulator::siteCheckReply(const std::string& machine) {

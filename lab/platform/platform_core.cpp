@@ -98,6 +98,13 @@ std::string PlatformCore::nextId(const char* kind) {
   return std::string(kind) + number;
 }
 
+// Whether a session or record of that id was given out at any time.
+bool PlatformCore::gaveOut(const std::string& id) const {
+  const bool isId = id.size() > 6 && (id[0] == 'S' || id[0] == 'R') &&
+                    id.find_first_not_of("0123456789", 1) == std::string::npos && id.size() < 18;
+  return isId && std::stol(id.substr(1)) <= m_ids;
+}
+
 std::string PlatformCore::cookieLine(const std::string& owner, bool isMachine) {
   const std::string value = nextId(isMachine ? "MACHINE-" : "USER-");
   m_cookies[value] = {owner, isMachine, endOf(isMachine ? script.machineCookieSeconds : script.userCookieSeconds)};
@@ -127,19 +134,24 @@ const Cookie* PlatformCore::holder(const Call& call, bool isMachine, bool alone,
   return nullptr;
 }
 
+// The account's name as the script has it, of a name with or without a realm.
+std::string PlatformCore::machineName(const std::string& principal) {
+  std::string machine = principal.substr(0, principal.find('@'));
+  std::transform(machine.begin(), machine.end(), machine.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return machine;
+}
+
 std::string PlatformCore::mintCode(const std::string& machine) {
   const std::string code = nextId("OTC-");
-  m_codes[code] = {machine, script.codeUses, endOf(script.codeSeconds)};
+  m_codes[code] = {machineName(machine), script.codeUses, endOf(script.codeSeconds)};
   return code;
 }
 
 std::string PlatformCore::siteCheck(const std::string& remoteUser) {
-  std::string machine = remoteUser.substr(0, remoteUser.find('@'));
-  std::transform(machine.begin(), machine.end(), machine.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   JsonObject reply;
-  if (script.machines.count(machine) != 0) {
-    reply.text("result", "success").text("otc", mintCode(machine));
+  if (script.machines.count(machineName(remoteUser)) != 0) {
+    reply.text("result", "success").text("otc", mintCode(remoteUser));
   } else {
     reply.text("result", "failure").text("message", "'" + remoteUser + "' is no machine of this tenant");
   }
@@ -149,7 +161,7 @@ std::string PlatformCore::siteCheck(const std::string& remoteUser) {
 int PlatformCore::decide(const std::string& user, Offer::State state) {
   int decided = 0;
   for (auto& [id, login] : m_logins) {
-    if (login.finished || login.user != user) continue;
+    if (login.user != user) continue;
     for (auto& challenge : login.challenges) {
       for (Offer& offer : challenge) {
         if (offer.state != Offer::Asked || isText(offer)) continue;
@@ -171,7 +183,7 @@ std::string PlatformCore::foreignId(const std::string& own) {
     return {};
   }
   for (auto& [id, other] : m_logins) {
-    if (id == own || other.finished || id[0] != own[0]) continue;
+    if (id == own || id[0] != own[0]) continue;
     other.foreign = true;
     return id;
   }

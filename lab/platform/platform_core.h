@@ -72,7 +72,6 @@ struct Login {
   std::string policy;
   std::vector<std::vector<Offer>> challenges;
   size_t current = 0;
-  bool finished = false;
   bool foreign = false;  // a fault gave its id to somebody else
   // Version 0: the first challenge, if it has one factor, is the required one.
   Step step = Begun;
@@ -138,6 +137,8 @@ class PlatformCore {
   TimePoint time() const { return now() + clockAhead; }
   std::optional<TimePoint> endOf(int seconds) const;
   std::string nextId(const char* kind);
+  bool gaveOut(const std::string& id) const;
+  static std::string machineName(const std::string& principal);
 
   // Reading of requests; each tells of what surprises it and gives nothing then.
   Strings bodyOf(const Call& call);
@@ -166,6 +167,7 @@ class PlatformCore {
   Answer multiAuthLogin(const Call& call);
   Answer giveAnswer(const Call& call, Login& login, const Pairs& body);
   Answer givePassword(const Call& call, Login& login, const Pairs& body);
+  Answer loggedIn(const Login& login);
   Answer moveToNextLoginPage(const Call& call);
   Answer pollRecord(const Call& call, Login& login, const Pairs& body);
   Answer startAuthentication(const Call& call);

@@ -37,11 +37,16 @@ const Names& factorNames() {
   return names;
 }
 
+bool isLine(const std::string& line) {
+  return line == "home" || line == "office" || line == "mobile" || line == "other";
+}
+
 Factor readFactor(const std::string& text) {
   const size_t colon = text.find(':');
   const Factor factor{text.substr(0, colon), colon == std::string::npos ? "" : text.substr(colon + 1)};
   for (const char* name : factorNames()) {
-    if (factor.name == name && (factor.line.empty() || factor.name == "PF")) return factor;
+    const bool lineFits = factor.line.empty() || (factor.name == "PF" && isLine(factor.line));
+    if (factor.name == name && lineFits) return factor;
   }
   refuse("'" + text + "' is no factor");
 }
@@ -100,7 +105,7 @@ Reader textInto(std::string User::*field) {
 }
 
 void readPhones(User& user, const JsonValue& json, const std::string& what) {
-  allowMembers(json, {"home", "office", "mobile"}, what);
+  allowMembers(json, {"home", "office", "mobile", "other"}, what);
   user.phones.clear();
   for (const auto& line : json.GetObject()) user.phones[stringOf(line.name)] = textOf(line.value, what);
 }

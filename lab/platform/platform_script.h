@@ -9,7 +9,7 @@
 
 namespace ferrolab {
 
-// One way of proving who one is; `line` is "home", "office" or "mobile" for "PF", else empty.
+// One way of proving who one is; `line` is "home", "office", "mobile" or "other" for "PF", else empty.
 struct Factor {
   std::string name;
   std::string line;

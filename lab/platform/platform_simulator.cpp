@@ -13,6 +13,7 @@ using testsupport::HttpReply;
 using testsupport::HttpRequest;
 
 constexpr int POD_CONNECTIONS = 1'000'000;
+constexpr auto FROM_THE_START = testsupport::HttpServer::FromTheStart;
 constexpr size_t KEPT_REQUESTS = 10'000;
 
 Pairs headersOf(const std::string& head) {
@@ -117,11 +118,13 @@ PlatformSimulator::Impl::Impl(const PlatformOptions& given)
   const auto handler = [this](int first) { return [this, first](const HttpRequest& r) { return serve(r, first); }; };
   core.podHost = options.podHost;
   if (options.podHost.empty()) {
-    pod = std::make_unique<testsupport::HttpServer>(handler(POD_CONNECTIONS), options.certificate, options.address);
+    pod = std::make_unique<testsupport::HttpServer>(handler(POD_CONNECTIONS), options.certificate, options.address, 0,
+                                                    FROM_THE_START);
     pod->keepRequests(false);
     core.podHost = options.hostName + ":" + std::to_string(pod->port());
   }
-  server = std::make_unique<testsupport::HttpServer>(handler(0), options.certificate, options.address, options.port);
+  server = std::make_unique<testsupport::HttpServer>(handler(0), options.certificate, options.address, options.port,
+                                                     FROM_THE_START);
   server->keepRequests(false);
 }
 

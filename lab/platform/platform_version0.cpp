@@ -30,10 +30,13 @@ std::string mechJson(const Policy& policy, const Offer& offer, bool required) {
   return json.str();
 }
 
+// A client names no line but these three.
+std::string lineName(const std::string& line) { return line == "other" ? "" : line; }
+
 Offer* find(Login& login, const std::string& name, const std::string& line) {
   for (auto& offers : login.challenges) {
     for (Offer& offer : offers) {
-      if (offer.factor.name == name && offer.factor.line == line) return &offer;
+      if (offer.factor.name == name && lineName(offer.factor.line) == line) return &offer;
     }
   }
   return nullptr;
@@ -109,10 +112,7 @@ Answer PlatformCore::givePassword(const Call& call, Login& login, const Pairs& b
       surprise(call, "a password alone where a further mechanism is due");
       return refused("OutOfOrder", "A further mechanism is due.");
     }
-    login.finished = true;
-    Answer answer = success();
-    answer.headers.push_back(cookieLine(login.user, false));
-    return answer;
+    return loggedIn(login);
   }
   Offer* offer = find(login, next, valueOf(body, "PFType"));
   if (offer == nullptr) {
@@ -125,6 +125,13 @@ Answer PlatformCore::givePassword(const Call& call, Login& login, const Pairs& b
   return success();
 }
 
+Answer PlatformCore::loggedIn(const Login& login) {
+  Answer answer = success();
+  answer.headers.push_back(cookieLine(login.user, false));
+  m_logins.erase(login.id);
+  return answer;
+}
+
 Answer PlatformCore::giveAnswer(const Call& call, Login& login, const Pairs& body) {
   const auto& [name, answer] = body.front();
   if (login.step != Login::PasswordGiven || login.started->factor.name != name) {
@@ -135,10 +142,7 @@ Answer PlatformCore::giveAnswer(const Call& call, Login& login, const Pairs& bod
   const Offer& offer = *login.started;
   const bool approved = offer.state == Offer::Approved && answer == offer.code;
   if (!approved && !answers(user, offer, answer)) return refused("WrongAnswer", "The answer is wrong.");
-  login.finished = true;
-  Answer reply = success();
-  reply.headers.push_back(cookieLine(login.user, false));
-  return reply;
+  return loggedIn(login);
 }
 
 Answer PlatformCore::moveToNextLoginPage(const Call& call) {
@@ -175,7 +179,7 @@ Answer PlatformCore::pollRecord(const Call& call, Login& login, const Pairs& bod
   Offer& offer = *login.started;
   if (!isText(offer)) poll(user, offer);
   if (offer.state == Offer::Denied) {
-    login.finished = true;
+    m_logins.erase(login.id);
     return refused("Denied", "The request was denied.");
   }
   JsonObject result;

@@ -96,15 +96,11 @@ bool PlatformCore::redirects(const Call& call, const User& user) const {
 Login* PlatformCore::loginOf(const Call& call, const std::string& id, Answer& refusal) {
   const auto found = m_logins.find(id);
   if (found == m_logins.end()) {
-    surprise(call, "nobody gave out the session or record '" + id + "'");
-    refusal = refused("UnknownSession", "The session is unknown.");
+    refusal = refused("UnknownSession", "The session is unknown or over.");
+    if (!gaveOut(id)) surprise(call, "nobody gave out the session or record '" + id + "'");
     return nullptr;
   }
   Login& login = found->second;
-  if (login.finished) {
-    refusal = refused("SessionOver", "The session is over.");
-    return nullptr;
-  }
   if (login.host != call.host && !login.foreign) {
     surprise(call, "the login began at " + login.host + " and goes on at " + call.host);
   }
@@ -193,20 +189,19 @@ void PlatformCore::poll(const User& user, Offer& offer) {
 // The challenge is answered: the next one, a new package, or the end.
 Answer PlatformCore::passed(Login& login, const Call& call) {
   if (++login.current < login.challenges.size()) return success(summary("StartNextChallenge"));
-  login.finished = true;
-  const User& user = script.users.at(login.user);
-  if (const std::string& next = script.policies.at(login.policy).next; !next.empty()) {
-    Login* more = begin(user, next, call.host, "S");
+  const Login over = std::move(m_logins.extract(login.id).mapped());
+  if (const std::string& next = script.policies.at(over.policy).next; !next.empty()) {
+    Login* more = begin(script.users.at(over.user), next, call.host, "S");
     if (more == nullptr) return refused("NoFactors", "The user has nothing to answer a challenge with.");
-    more->challengeId = login.challengeId;
+    more->challengeId = over.challengeId;
     return success(packageOf(*more, call, "NewPackage"));
   }
-  if (!login.challengeId.empty()) {
-    if (const auto proof = m_proofs.find(login.challengeId); proof != m_proofs.end()) proof->second.given = true;
+  if (!over.challengeId.empty()) {
+    if (const auto proof = m_proofs.find(over.challengeId); proof != m_proofs.end()) proof->second.given = true;
     return success(summary("Success"));
   }
   Answer answer = success(summary("LoginSuccess"));
-  answer.headers.push_back(cookieLine(login.user, false));
+  answer.headers.push_back(cookieLine(over.user, false));
   return answer;
 }
 
@@ -239,7 +234,7 @@ Answer PlatformCore::advance(const Call& call, Login& login, const Pairs& body) 
     if (offer->state == Offer::Approved) return passed(login, call);
     if (offer->state == Offer::Asked) return success(summary("OobPending"));
   }
-  login.finished = true;
+  m_logins.erase(login.id);
   return success(summary("Failure"));
 }
 

@@ -61,6 +61,12 @@ function(ferro_room_tests room)
   endforeach()
 endfunction()
 
+# The lab of this test finds the platform simulator of this build.
+function(ferro_lab_platform test)
+  set_property(TEST ${test} APPEND PROPERTY
+    ENVIRONMENT "FERRO_PLATFORM_SIMULATOR=$<TARGET_FILE:platform_simulator>")
+endfunction()
+
 function(ferro_test_executable name label sources libs lab_with)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE ${libs} ferro_testsupport_${label} GTest::gmock GTest::gtest)
@@ -72,6 +78,10 @@ function(ferro_test_executable name label sources libs lab_with)
     add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/lab/lab" run --with=${lab_with} -- $<TARGET_FILE:${name}>)
     # They mostly wait: begun first, they do so beside the others.
     set_tests_properties(${name} PROPERTIES LABELS lab TIMEOUT 600 COST 100)
+    if(lab_with MATCHES "(^|,)platform(,|$)")
+      ferro_lab_platform(${name})
+      add_dependencies(${name} platform_simulator)
+    endif()
   else()
     gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)
   endif()

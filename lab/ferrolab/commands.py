@@ -1,7 +1,7 @@
 """`lab ctl`: changes to a running lab, from inside."""
 import sys
 
-from ferrolab import directory, faults, host, names, tls
+from ferrolab import directory, faults, host, names, platform, tls
 from ferrolab.control import registry, running_lab
 from ferrolab.daemons import LabError
 
@@ -20,6 +20,7 @@ COMMANDS = (
     "del-second-dc",
     "add-dead-dc before|after",
     "del-dead-dc",
+    "platform COMMAND [NAME=VALUE...]",
     "ldapsearch|ldapadd|ldapmodify|ldapdelete ARGS...",
 )
 
@@ -99,6 +100,8 @@ def ctl(arguments):
         case (["move-host", _] | ["rename-site", _, _] | ["set-keywords", _, _, *_] 
               | ["add-second-dc" | "add-dead-dc", "before" | "after"] | ["del-second-dc" | "del-dead-dc"]):
             directory.database(*arguments)
+        case ["platform", command, *members] if all("=" in member for member in members):
+            print(platform.command(features, command, members))
         case ["ldapsearch" | "ldapmodify" | "ldapadd" | "ldapdelete" as program, *options]:
             text = "" if program == "ldapsearch" else sys.stdin.read()
             said = directory.as_administrator(program, *options, text=text)

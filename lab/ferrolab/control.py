@@ -1,7 +1,7 @@
 """The lab as a whole: its daemons, and how the first process brings it up."""
 from concurrent.futures import ThreadPoolExecutor
 
-from ferrolab import directory, host, mit, names, namespace, squid, tls, web
+from ferrolab import directory, host, mit, names, namespace, platform, squid, tls, web
 from ferrolab.daemons import LabError
 
 FEATURES_FILE = names.STATE / "with"
@@ -12,6 +12,8 @@ def registry(features):
     daemons = [directory.controller(), web.daemon(features), *(squid.daemon(proxy) for proxy in names.proxies(features))]
     if "mit" in features:
         daemons.append(mit.daemon())
+    if "platform" in features:
+        daemons.append(platform.daemon())
     return {daemon.name: daemon for daemon in daemons}
 
 

@@ -46,6 +46,8 @@ def hosts(features):
     else:
         rows.append((names.CONNECTOR_ADDRESS, names.CONNECTOR))
     rows.append((names.PLATFORM_ADDRESS, names.PLATFORM))
+    if "platform" in features:
+        rows.append((names.PLATFORM_ADDRESS, names.PLATFORM_POD))
     if "mit" in features:
         rows.append((names.MIT_KDC_ADDRESS, names.MIT_KDC))
     return "".join(f"{address}\t{name}\n" for address, name in rows)

@@ -19,6 +19,7 @@ DEAD_DC = f"dc9.{DOMAIN}"
 HOST = f"host1.{DOMAIN}"
 CONNECTOR = f"connector1.{DOMAIN}"
 PLATFORM = f"platform.{DOMAIN}"
+PLATFORM_POD = f"pod1.{DOMAIN}"  # with `platform`
 MIT_KDC = f"kdc.{MIT_DOMAIN}"
 COMPUTER = "HOST1"
 
@@ -41,8 +42,9 @@ FURTHER_CONTROLLERS = {SECOND_DC: SECOND_DC_ADDRESS, DEAD_DC: DEAD_DC_ADDRESS}
 HOST_SUBNET = "127.0.0.0/24"
 FURTHER_SITES = {BRANCH_SITE: "127.0.1.0/24", FAR_SITE: "127.0.2.0/24"}
 
-# What the platform stand-in shows on each port of its address.
+# The certificate on each port of the platform's address. With `platform` the first one is the simulator's.
 PLATFORM_PORTS = {"good": 443, "foreign": 8443, "expired": 8444, "wrongname": 8445}
+PLATFORM_CONTROL_PORT = 8470  # with `platform`
 
 STATE = Path("/run/ferrolab")
 CA_FILE = STATE / "tls" / "ca.crt"
@@ -50,7 +52,7 @@ CA_FOLDER = STATE / "tls" / "trusted"
 SYSTEM_BUNDLE = Path("/etc/ssl/certs/ca-certificates.crt")
 MACHINE_CACHE = Path("/var/morvand/machine.ccache")  # the product's
 HOST_KEYTAB = Path("/etc/krb5.keytab")
-FEATURES = ("mit", "trust", "connectors", "crowd")
+FEATURES = ("mit", "trust", "connectors", "crowd", "platform")
 
 ADMIN = "Administrator"
 ADMIN_PASSWORD = "Lab-Adm1n-Pass"
@@ -172,6 +174,9 @@ def environment(features, tool):
     for kind, port in PLATFORM_PORTS.items():
         suffix = "" if kind == "good" else "_" + kind.upper()
         variables[f"FERRO_LAB_PLATFORM{suffix}_URL"] = f"https://{PLATFORM}{'' if port == 443 else f':{port}'}/"
+    if "platform" in features:
+        variables["FERRO_LAB_PLATFORM_POD"] = PLATFORM_POD
+        variables["FERRO_LAB_PLATFORM_CONTROL"] = f"http://{PLATFORM_ADDRESS}:{PLATFORM_CONTROL_PORT}/control"
     for account in USERS + ((MIT_USER,) if "mit" in features else ()):
         variables[f"FERRO_LAB_PASSWORD_{account.name.upper()}"] = account.password
     for proxy in proxies(features):

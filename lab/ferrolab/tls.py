@@ -50,7 +50,7 @@ def make(features):
     (FOLDER / "serial").write_text("01\n")
     run(["openssl", "req", "-x509", *KEY, "-keyout", FOLDER / "ca.key", "-out", names.CA_FILE, "-days", "3650",
          "-subj", "/CN=Lab authority"], "making the lab's authority")
-    issued("good", names.PLATFORM)
+    issued("good", names.PLATFORM, *((names.PLATFORM_POD,) if "platform" in features else ()))
     issued("expired", names.PLATFORM, end="20200201000000Z")
     issued("wrongname", f"elsewhere.{names.DOMAIN}")
     issued("connector", *(connector.host for connector in names.iwa_connectors(features)))

@@ -8,7 +8,7 @@ from ferrolab.tls import FOLDER as TLS
 FOLDER = names.STATE / "apache"
 MODULES = "/usr/lib/apache2/modules"
 LOADED = ("mpm_event", "authn_core", "authz_core", "authz_user", "alias", "dir", "env", "headers", "mime", "setenvif",
-          "socache_shmcb", "ssl", "auth_gssapi")
+          "socache_shmcb", "ssl", "proxy", "proxy_http", "auth_gssapi")
 STATUSES = (400, 401, 403, 404, 407, 500, 503)
 
 HEAD = """ServerRoot {folder}
@@ -50,18 +50,22 @@ CONNECTOR = """Listen {address}:{port}
   ServerName {host}
   CustomLog {folder}/{name}.log lab
   DocumentRoot {folder}/connector
-  <Directory {folder}/connector>
-    ForceType application/json
-    AuthType GSSAPI
+{site_check}    AuthType GSSAPI
     AuthName "Lab connector"
     GssapiCredStore keytab:{keytab}
     GssapiAcceptorName HTTP@{host}
     GssapiAllowedMech krb5
     Require valid-user
     Header always set X-Remote-User "expr=%{{REMOTE_USER}}"
-  </Directory>
-{statuses}{tls}</VirtualHost>
+{site_check_end}{statuses}{tls}</VirtualHost>
 """
+
+# The connector's page: a file, or the platform's answer for the machine that was authenticated here.
+PAGE = ("  <Directory {folder}/connector>\n    ForceType application/json\n", "  </Directory>\n")
+FROM_PLATFORM = ("""  <Location /iwa/SiteCheck>
+    ProxyPass http://{address}:{port}/iwa/SiteCheck
+    RequestHeader set X-Remote-User "expr=%{{REMOTE_USER}}"
+""", "  </Location>\n")
 
 
 def virtual_host(template, address, port, host, certificate, **more):
@@ -73,15 +77,22 @@ def virtual_host(template, address, port, host, certificate, **more):
     return template.format(address=address, port=port, host=host, folder=FOLDER, tls=tls, statuses=statuses, **more)
 
 
+def platform_ports(features):
+    """The ports of the stand-in."""
+    return {kind: port for kind, port in names.PLATFORM_PORTS.items() if kind != "good" or "platform" not in features}
+
+
 def configuration(features):
     text = "".join(f"LoadModule {name}_module {MODULES}/mod_{name}.so\n" for name in LOADED) + HEAD.format(folder=FOLDER)
-    for kind, port in names.PLATFORM_PORTS.items():
+    for kind, port in platform_ports(features).items():
         text += virtual_host(PLATFORM, names.PLATFORM_ADDRESS, port, names.PLATFORM, kind)
     text += virtual_host(PLATFORM, names.PLATFORM_ADDRESS, 80, names.PLATFORM, "")
+    begin, end = FROM_PLATFORM if "platform" in features else PAGE
+    begin = begin.format(folder=FOLDER, address=names.PLATFORM_ADDRESS, port=names.PLATFORM_CONTROL_PORT)
     for connector in names.iwa_connectors(features):
         for port, certificate in ((443, "connector"), (80, "")):
             text += virtual_host(CONNECTOR, connector.address, port, connector.host, certificate, name=connector.name,
-                                 keytab=connector.keytab)
+                                 keytab=connector.keytab, site_check=begin, site_check_end=end)
     return text
 
 
@@ -99,6 +110,6 @@ def prepare(features):
 
 
 def daemon(features):
-    probes = [listens(names.PLATFORM_ADDRESS, port) for port in (80, *names.PLATFORM_PORTS.values())]
+    probes = [listens(names.PLATFORM_ADDRESS, port) for port in (80, *platform_ports(features).values())]
     probes += [listens(connector.address, port) for connector in names.iwa_connectors(features) for port in (80, 443)]
     return Daemon("apache", ["apache2", "-f", FOLDER / "apache.conf", "-DFOREGROUND"], probes, logs=[FOLDER / "error.log"])

@@ -24,15 +24,20 @@ int CloudAuth::processResult() {
   LUMO_LOG(logger(), 1, "HTTP code = %ld", httpCode);
   dumpMrvHeader();
   if (httpCode != HTTP_OK) return 0;
-  LUMO_LOG(logger(), 0, "HTTP response: %s", responseBody.c_str());
-  parseJson(document, responseBody);
+  return readReply(logger(), responseBody, document);
+}
+
+int CloudAuth::readReply(const boost::shared_ptr<lumo::Logger>& log, const std::string& body,
+                         rapidjson::Document& document) {
+  LUMO_LOG(log, 0, "HTTP response: %s", body.c_str());
+  parseJson(document, body);
   if (member(document, "success").IsTrue()) return 1;
-  const auto read = [this](const char* key) {
+  const auto read = [&document](const char* key) {
     std::string value;
     getJsonStringOptional(document, key, value);
     return value;
   };
-  LUMO_LOG(logger(), 1,
+  LUMO_LOG(log, 1,
            "processResult returns false, error information from cloud errorCode = %s, errorId = %s, message = %s, "
            "messageId = %s.",
            read("ErrorCode").c_str(), read("ErrorID").c_str(), read("Message").c_str(), read("MessageID").c_str());

@@ -43,6 +43,11 @@ std::string CloudConnectorLocator::cloudUrl() const {
   return m_cloudUrl;
 }
 
+std::string CloudConnectorLocator::zoneCloudUrl() const {
+  const LocatorLock held;
+  return m_zoneCloudUrl;
+}
+
 void CloudConnectorLocator::resetState() {
   const LocatorLock held;
   m_currentSiteTryList.clear();

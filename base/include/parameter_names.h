@@ -24,6 +24,7 @@ inline constexpr char FERROD_CLOUD_CERT_STORE[] = "ferrod.cloud.cert.store";
 inline constexpr char FERROD_IWA_SKIP_CERT_VERIFICATION[] = "ferrod.iwa.skip.cert.verification";
 inline constexpr char FERROSEC_CERT_DIR[] = "ferrosec.cert.dir";
 inline constexpr char FERROD_CLOUD_MFA_PAYLOADS[] = "ferrod.cloud.mfa.payloads";
+inline constexpr char FERROD_CLOUD_LOG_PRIVEVENT[] = "ferrod.cloud.log.privevent";
 inline constexpr char LUMOD_SOCKET[] = "lumod.socket";
 inline constexpr char ROOT_LOGGER_NAME[] = "log";
 inline constexpr char LOG_FILE[] = "logging.file";

@@ -3,6 +3,7 @@
 
 #include <rapidjson/document.h>
 
+#include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -11,6 +12,10 @@
 #include <vector>
 
 #include "cloud/include/cloud_object.h"
+
+namespace lumo {
+class Logger;
+}
 
 // What came of a step of the dialogue.
 enum CloudAuthStatus : std::int32_t {
@@ -124,6 +129,9 @@ class CloudAuth : public CloudBase {
   // Notes how the open challenge was answered; with none open nothing happens.
   void markChallengeDone(const std::string& mechanismId, bool done);
 
+  // What processResult makes of the body of a status 200.
+  static int readReply(const boost::shared_ptr<lumo::Logger>& log, const std::string& body,
+                       rapidjson::Document& document);
   // The string member of that name; `key` must match to the byte, the first one of a name counts. Throws
   // lumo::CloudException "Errors in parsing result from Json: '%s' does NOT exist"; `out` then stays.
   static void getJsonString(const rapidjson::Value& object, const std::string& key, std::string& out);

@@ -64,6 +64,8 @@ class CloudConnectorLocator {
   void setZoneCloudUrl(const std::string& url);
   // The platform URL that was decided on; empty when none was.
   std::string cloudUrl() const;
+  // That of the zone, as the configuration or the first caller gave it.
+  std::string zoneCloudUrl() const;
   // Forgets connectors and lists, not the URLs, nor what the next process starts with.
   void resetState();
 

@@ -1,0 +1,113 @@
+// The privilege events: stored on the agent's threads, sent on the queue's.
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <boost/make_shared.hpp>
+#include <chrono>
+
+#include "basalt/clock.h"
+#include "cloud/include/curl_object.h"
+#include "cloud/include/opx_processor.h"
+#include "cloud/machine_sign_in.h"
+#include "cloud/opx_handler.h"
+#include "cloud/opx_lock.h"
+#include "cloud/wipe.h"
+
+namespace lumo {
+
+namespace {
+
+constexpr long HTTP_UNAUTHORIZED = 401;
+
+std::vector<OPXProcessor::Event> privEvents;  // under opxLock
+
+long secondsNow() { return static_cast<long>(std::chrono::system_clock::to_time_t(Clock::getInstance().now())); }
+
+// A name that comes twice stands twice.
+std::string textOf(const OPXProcessor::Event& event) {
+  const auto length = [](const std::string& text) { return static_cast<rapidjson::SizeType>(text.size()); };
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writer.StartObject();
+  for (const auto& [name, value] : event) {
+    writer.Key(name.data(), length(name));
+    writer.String(value.data(), length(value));
+  }
+  writer.EndObject();
+  return {buffer.GetString(), buffer.GetSize()};
+}
+
+}  // namespace
+
+void OPXHandler::run() {
+  try {
+    OPXProcessor::getInstance()->postLogPrivEvent();
+  } catch (...) {
+    // Switched off, or not made yet: the events wait for a later item.
+  }
+}
+
+void OPXProcessor::handleLogPrivEvent(const Event& event) {
+  const auto log = getLogger(OPX_LOGGER, false);
+  try {
+    {
+      const Lock lock(opxLock);
+      privEvents.push_back(event);
+    }
+    const auto queue = RunQueue::getRunQueue(OPX_RUN_QUEUE, false, 0);
+    if (!queue) return;
+    queue->enqueue(boost::make_shared<OPXHandler>(secondsNow()));
+    LUMO_LOG(log, 1, "Send out LogPrivEvent message to OPX handler");
+  } catch (const EndOfFileException&) {
+    // The queue is shutting down.
+  } catch (const std::exception& failure) {
+    LUMO_LOG(log, 4, "Failed to send out LogPrivEvent message to OPX handler: %s", failure.what());
+  }
+}
+
+std::vector<OPXProcessor::Event> OPXProcessor::waitingEvents() {
+  const Lock lock(opxLock);
+  return privEvents;
+}
+
+void OPXProcessor::dropEvents() {
+  const Lock lock(opxLock);
+  privEvents.clear();
+}
+
+void OPXProcessor::postLogPrivEvent() {
+  LUMO_LOG(logger, 1, "postLogPrivEvent() runs...");
+  if (waitingEvents().empty()) return;
+  if (machineCookie.empty()) {
+    LUMO_LOG(logger, 1, "Machine cookie not ready, will fetch");
+    // A copy: initProc stores what it is given there.
+    initProc(std::string(platformUrl));
+  }
+  guarded([this] {
+    cloudLogPrivEvent();
+    // What came meanwhile goes with the rest.
+    dropEvents();
+  });
+}
+
+void OPXProcessor::cloudLogPrivEvent() {
+  const std::string url = platformUrl + "qrsintegration/LogPrivEvent";
+  LUMO_LOG(logger, 1, "process a privilege event");
+  const std::vector<Event> events = waitingEvents();
+  if (events.empty()) return;
+  useSession(*curl, machineCookie);
+  for (const Event& event : events) {
+    const int result = post(url, textOf(event));
+    LUMO_LOG(logger, 1, "LogPrivEvent: result = %d, httpCode = %ld", result, httpCode);
+    if (result != 0) continue;
+    wipe(machineCookie);
+    if (httpCode != HTTP_UNAUTHORIZED) {
+      LUMO_LOG(logger, 1, "LogPrivEvent: unknown failure, give up such sending.");
+      return;
+    }
+    LUMO_LOG(logger, 1, "LogPrivEvent: machine cookie expired, will refetch");
+    cloudSSO();
+  }
+}
+
+}  // namespace lumo

@@ -1,0 +1,106 @@
+// The processor's sign-in as this machine: a one-time code of the connector, a session of the platform for it.
+#include <tuple>
+
+#include "base/include/parameter_names.h"
+#include "base/include/properties.h"
+#include "cloud/cloud_object_certs.h"
+#include "cloud/include/cloud_auth.h"
+#include "cloud/include/cloud_exceptions.h"
+#include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/include/curl_object.h"
+#include "cloud/include/opx_processor.h"
+#include "cloud/machine_sign_in.h"
+#include "cloud/wipe.h"
+
+namespace lumo {
+
+namespace {
+
+constexpr long HTTP_OK = 200;
+constexpr char SSO_PATH[] = "security/sso";
+
+}  // namespace
+
+void OPXProcessor::initProc(const std::string& url) {
+  dropEvents();
+  platformUrl = url;
+  guarded([this] {
+    cloudSetup();
+    cloudIWA();
+    cloudSSO();
+  });
+  LUMO_LOG(logger, 1, "OPXProcessor: initProc completes");
+}
+
+void OPXProcessor::guarded(const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const CloudIwaException& failure) {
+    LUMO_LOG(logger, 1, "Got IWA exception: %s", failure.what());
+  } catch (const CurlException& failure) {
+    LUMO_LOG(logger, 1, "Got CURL exception: %s", failure.what());
+  } catch (const LUMOException& failure) {
+    LUMO_LOG(logger, 1, "Got exception: %s", failure.what());
+  }
+}
+
+std::string OPXProcessor::iwaUrl(std::string& spn) const {
+  const std::string given = Props(false, false).getProperty(PN::CLOUD_IWA_URL_OVERRIDE);
+  if (given.empty()) return CloudConnectorLocator::getInstance(platformUrl)->getIwaUrl(spn);
+  spn = GetSPNFromIwaURL(given);
+  return given;
+}
+
+bool OPXProcessor::readSiteCheck() {
+  if (httpCode != HTTP_OK) {
+    LUMO_LOG(logger, 1, "siteCheck: httpCode not OK : %ld", httpCode);
+    return false;
+  }
+  const EmbeddedObject object = findEmbeddedObject(responseBody);
+  if (object.missing != '\0') {
+    LUMO_LOG(logger, 1, "siteCheck: no valid json string in SiteCheck response. Can't find '{' or '}'.");
+    return false;
+  }
+  CloudAuth::parseJson(document, object.text);
+  std::string result;
+  CloudAuth::getJsonString(document, SITE_CHECK_RESULT, result);
+  if (result == SITE_CHECK_SUCCESS) return true;
+  LUMO_LOG(logger, 1, "siteCheck: result not success: (%s)", result.c_str());
+  return false;
+}
+
+void OPXProcessor::trustPlatform() {
+  if (!setVerification(*curl, PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION)) return;
+  if (certStore.empty()) certStore = findCertBundle();
+  if (!certStore.empty()) curl->setOpt(CURLOPT_CAINFO, certStore);
+}
+
+void OPXProcessor::cloudIWA() {
+  ConnectorVisit visit(*curl);
+  std::string spn;
+  const std::string url = iwaUrl(spn) + SITE_CHECK_PATH;
+  std::tie(httpCode, responseBody) = visit.ask(url, spn);
+  LUMO_LOG(logger, 1, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", url.c_str(), spn.c_str(), httpCode);
+  if (!readSiteCheck()) return;
+  LUMO_LOG(logger, 1, "Set CURL web proxy to: '%s' with auth: '%s'.", webProxy.proxyServer.c_str(),
+           webProxy.proxyAuth.c_str());
+  visit.putBack(webProxy);
+  trustPlatform();
+  LUMO_LOG(logger, 1, "siteCheck: complete successfully");
+}
+
+void OPXProcessor::cloudSSO() {
+  std::string code;
+  const WipeAtEnd wipeCode(code);
+  CloudAuth::getJsonString(document, SITE_CHECK_CODE, code);
+  std::string url;
+  const WipeAtEnd wipeUrl(url);
+  const std::string shown = platformUrl + SSO_PATH + ONE_TIME_PASS;
+  url.reserve(shown.size() + code.size());
+  url.append(shown).append(code);
+  const int result = getMasked(url, shown + HIDDEN);
+  LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);
+  if (result != 0) machineCookie = curl->cookie(SESSION_COOKIE);
+}
+
+}  // namespace lumo

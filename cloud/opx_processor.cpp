@@ -15,6 +15,7 @@ namespace lumo {
 namespace {
 
 constexpr long HTTP_OK = 200;
+constexpr char CLASS_NAME[] = "lumo::OPXException";
 
 std::unique_ptr<OPXProcessor> processorInstance;
 
@@ -30,15 +31,17 @@ OPXProcessor::~OPXProcessor() {
 
 void OPXProcessor::createProcessor() { processorInstance.reset(new OPXProcessor()); }
 
+void OPXProcessor::destroyProcessor() { processorInstance.reset(); }
+
 void OPXProcessor::checkEnabled() {
   if (!Props(false, false).getBool(PN::FERROD_CLOUD_LOG_PRIVEVENT, false)) {
-    LUMO_THROW(OPXException, 0, "OPX is disabled in config file.");
+    throw OPXException(__FILE__, __LINE__, "OPX is disabled in config file.", CLASS_NAME, 0);
   }
 }
 
 OPXProcessor* OPXProcessor::getInstance() {
   checkEnabled();
-  if (!processorInstance) LUMO_THROW(OPXException, 1, "OPX is not ready.");
+  if (!processorInstance) throw OPXException(__FILE__, __LINE__, "OPX is not ready.", CLASS_NAME, 1);
   return processorInstance.get();
 }
 

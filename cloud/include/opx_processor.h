@@ -36,6 +36,8 @@ class OPXProcessor : public CloudBase {
   // Makes the process's processor anew; one that was there is destroyed. Not beside the queue "opx": the caller sees to
   // that.
   static void createProcessor();
+  // At the agent's end, once its queues are shut down: no processor is there any more.
+  static void destroyProcessor();
   // Throws OPXException as checkEnabled, and "OPX is not ready." (1). The process's; lives until the next
   // createProcessor.
   static OPXProcessor* getInstance();

@@ -11,7 +11,7 @@
 #include "cli/cli_common.h"
 
 // The C library's: the last part of the program's name.
-extern char* __progname;  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern char* __progname;
 
 namespace {
 

@@ -4,7 +4,7 @@ option(FERRO_TESTS "Build the tests" ON)
 option(FERRO_BENCH "Build the benchmarks" OFF)
 option(FERRO_FUZZ "Build the fuzz targets (clang only)" OFF)
 option(FERRO_COVERAGE "Instrument for line coverage" OFF)
-set(FERRO_TEST_FLAGS "" CACHE STRING "Further compiler flags of the tests' own sources")
+set(FERRO_TEST_FLAGS "" CACHE STRING "Further compiler flags of the tests' own sources: of targets with the property FERRO_TEST")
 set(FERRO_SANITIZE "" CACHE STRING "Sanitizers, comma separated: address,undefined or thread")
 
 # A changed compiler makes CMake forget what the preset said: such a build would have no sanitizers and tell nobody.
@@ -24,7 +24,7 @@ check_pie_supported()
 add_library(ferro_flags INTERFACE)
 target_include_directories(ferro_flags INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_options(ferro_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror $<$<CXX_COMPILER_ID:Clang>:-Wreserved-identifier>
   -fstack-protector-strong -fstack-clash-protection
   # File names in exceptions and log records are relative to the tree, wherever it was built.
   # ccache may have made them relative to the build folder.
@@ -43,11 +43,16 @@ else()
 endif()
 
 if(FERRO_COVERAGE)
-  target_compile_options(ferro_flags INTERFACE --coverage -fprofile-update=atomic)
+  # Nobody reads what would be counted in the system's headers and in the tests themselves.
+  target_compile_options(ferro_flags INTERFACE --coverage -fprofile-update=atomic
+                         "-fprofile-exclude-files=^/usr/|/tests/|/testsupport/")
   target_link_options(ferro_flags INTERFACE --coverage)
 endif()
 
+set(is_test "$<BOOL:$<TARGET_PROPERTY:FERRO_TEST>>")
 if(FERRO_FUZZ)
-  target_compile_options(ferro_flags INTERFACE -fsanitize=fuzzer-no-link
+  target_compile_options(ferro_flags INTERFACE $<$<NOT:${is_test}>:-fsanitize=fuzzer-no-link>
                          "-fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/tools/sanitizer-ignore.txt")
 endif()
+# Last, so that they win.
+target_compile_options(ferro_flags INTERFACE "$<${is_test}:${FERRO_TEST_FLAGS}>")

@@ -3,9 +3,8 @@
 #   NAME_loopback_test.cpp  label loopback  real libcurl, sockets on loopback, port 0
 #   NAME_root_test.cpp      label root      uid 0; every test in a private mount and network namespace
 #   NAME_lab_test.cpp       label lab       the private domain; one lab for all tests of the room
-# One executable per room and label. LAB_WITH names the extras of the room's lab, "mit" where nothing is said.
-
-include(GoogleTest)
+# One executable per room and label, one test of ctest's per suite of it, in the lab one for the whole. LAB_WITH names the
+# extras of the room's lab, "mit" where nothing is said.
 
 set(FERRO_TEST_LABELS "unit;loopback;root;lab" CACHE STRING "Which tests to build, by label")
 
@@ -17,7 +16,7 @@ if(FERRO_TESTS AND FERRO_TEST_PCH)
   file(WRITE "${CMAKE_BINARY_DIR}/ferro_test_pch.cpp" "int main() {}\n")
   add_executable(ferro_test_pch "${CMAKE_BINARY_DIR}/ferro_test_pch.cpp")
   target_link_libraries(ferro_test_pch PRIVATE ferro_flags GTest::gmock GTest::gtest)
-  target_compile_options(ferro_test_pch PRIVATE ${FERRO_TEST_FLAGS})
+  set_target_properties(ferro_test_pch PROPERTIES FERRO_TEST ON)
   target_precompile_headers(ferro_test_pch PRIVATE
     <gmock/gmock.h> <gtest/gtest.h> <boost/shared_ptr.hpp> <atomic> <chrono> <condition_variable> <functional> <map>
     <memory> <mutex> <string> <thread> <vector>)
@@ -70,7 +69,7 @@ endfunction()
 function(ferro_test_executable name label sources libs lab_with)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE ${libs} ferro_testsupport_${label} GTest::gmock GTest::gtest)
-  target_compile_options(${name} PRIVATE ${FERRO_TEST_FLAGS})
+  set_target_properties(${name} PROPERTIES FERRO_TEST ON)
   if(FERRO_TEST_PCH)
     target_precompile_headers(${name} REUSE_FROM ferro_test_pch)
   endif()
@@ -83,7 +82,14 @@ function(ferro_test_executable name label sources libs lab_with)
       add_dependencies(${name} platform_simulator)
     endif()
   else()
-    gtest_discover_tests(${name} NO_PRETTY_VALUES DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${label} TIMEOUT 120)
+    set(suites "${CMAKE_CURRENT_BINARY_DIR}/${name}.suites.cmake")
+    file(GENERATE OUTPUT "${suites}" CONTENT "set(SUITES_OF ${name})
+set(SUITES_EXECUTABLE \"$<TARGET_FILE:${name}>\")
+set(SUITES_LABEL ${label})
+set(SUITES_TIMEOUT 180)
+include(\"${PROJECT_SOURCE_DIR}/cmake/FerroSuites.cmake\")
+")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${suites}")
   endif()
 endfunction()
 
@@ -96,5 +102,6 @@ function(ferro_python_test name script)
   find_package(Python3 REQUIRED COMPONENTS Interpreter)
   add_test(NAME ${name}
            COMMAND ${Python3_EXECUTABLE} -B "${CMAKE_CURRENT_SOURCE_DIR}/${script}" "${PROJECT_SOURCE_DIR}" ${ARGN})
-  set_tests_properties(${name} PROPERTIES LABELS unit TIMEOUT 120)
+  # Some compile or start hundreds of processes: begun first, they are not what one waits for at the end.
+  set_tests_properties(${name} PROPERTIES LABELS unit TIMEOUT 120 COST 50)
 endfunction()

@@ -21,8 +21,15 @@ std::string encode(const CloudBase::Parameters& params) {
 
 }  // namespace
 
+CurlObject& CloudBase::heldCurl() const {
+  if (curl == nullptr) {
+    LUMO_THROW(lumo::CloudException, -1, "The client holds no connection: take one with getCurl before the first call");
+  }
+  return *curl;
+}
+
 int CloudBase::exchange(const std::string& url, const std::string& content, bool isPost) {
-  std::tie(httpCode, responseBody) = curl->perform(url, content, isPost ? 1 : 0);
+  std::tie(httpCode, responseBody) = heldCurl().perform(url, content, isPost ? 1 : 0);
   return processResult();
 }
 
@@ -50,10 +57,10 @@ int CloudBase::get(const std::string& url, const Parameters& params) {
   return exchange(whole, std::string(), false);
 }
 
-void CloudBase::setVerbose() { curl->setOpt(CURLOPT_VERBOSE, 1); }
+void CloudBase::setVerbose() { heldCurl().setOpt(CURLOPT_VERBOSE, 1); }
 
 void CloudBase::setDebugTrace() {
-  curl->setOpt(CURLOPT_VERBOSE, 1);
+  heldCurl().setOpt(CURLOPT_VERBOSE, 1);
   curl->setOpt(CURLOPT_DEBUGDATA, static_cast<void*>(curl));
   curl->setOpt(CURLOPT_DEBUGFUNCTION, &CurlObject::debugCallback);
 }

@@ -25,8 +25,9 @@ class CloudBase {
   virtual ~CloudBase();
 
   // One exchange each: `url`, or `url` + "?" + the parameters in the order of their keys, percent-encoded. `content` is
-  // JSON. Not to be called without a connection. Return what processResult says; throw what CurlObject::perform throws
-  // when the transfer fails, the last result then stays.
+  // JSON. Return what processResult says; throw what CurlObject::perform throws when the transfer fails, the last
+  // result then stays. Without a connection they throw lumo::CloudException "The client holds no connection: ...", and
+  // so do setVerbose and setDebugTrace.
   int post(const std::string& url, const std::string& content);
   int post(const std::string& url, const Parameters& params, const std::string& content);
   int get(const std::string& url);
@@ -50,8 +51,7 @@ class CloudBase {
   // ADAgent"; the pool's setting then stays.
   void resetProxy();
 
-  // What goes over the connection: to standard error, or to the connection's trace. Not to be called without a
-  // connection. Throw CurlException.
+  // What goes over the connection: to standard error, or to the connection's trace. Throw CurlException.
   void setVerbose();
   void setDebugTrace();
 
@@ -67,5 +67,6 @@ class CloudBase {
   std::string responseBody;
 
  private:
+  CurlObject& heldCurl() const;
   int exchange(const std::string& url, const std::string& content, bool isPost);
 };

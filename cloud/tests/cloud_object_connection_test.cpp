@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <functional>
+
 #include "base/include/parameter_names.h"
 #include "cloud/tests/cloud_object_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
@@ -108,6 +110,25 @@ TEST_F(CloudConnection, ConnectionWithoutItsTrustGoesBack) {
   }
   client.getCurl("alice", "login");
   EXPECT_NE(client.connection(), nullptr);
+}
+
+TEST_F(CloudConnection, CallsWithoutAConnectionSayWhatToDo) {
+  PlainClient client;
+  const std::function<void()> calls[] = {[&] { client.get("https://tenant.example.test/"); },
+                                         [&] {
+                                           client.get("https://tenant.example.test/", {{"a", "b"}});
+                                         },
+                                         [&] { client.post("https://tenant.example.test/", "{}"); },
+                                         [&] {
+                                           client.post("https://tenant.example.test/", {{"a", "b"}}, "{}");
+                                         },
+                                         [&] { client.setVerbose(); },
+                                         [&] { client.setDebugTrace(); }};
+  for (const auto& call : calls) {
+    EXPECT_EQ(failureOf(call),
+              "CloudException -1 The client holds no connection: take one with getCurl before the first call");
+  }
+  EXPECT_EQ(client.getHttpCode(), 0);
 }
 
 TEST_F(CloudConnection, ProxyIsThePoolsFromThenOn) {

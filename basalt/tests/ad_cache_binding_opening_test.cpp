@@ -1,6 +1,5 @@
 // Connections that take their time.
 #include <gmock/gmock.h>
-#include <pthread.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -9,6 +8,7 @@
 #include "basalt/ad_cache_binding.h"
 #include "testsupport/manual_clock.h"
 #include "testsupport/memory_directory.h"
+#include "testsupport/no_further_thread.h"
 
 namespace {
 
@@ -117,30 +117,10 @@ TEST_F(CacheBindingOpening, OpensAnewWhereTheConnectionLeftBehindIsLost) {
   EXPECT_EQ(slow.opening(), 2);
 }
 
-// No thread can be started: the stack that each of them is to have fits into no process.
-class NoFurtherThread {
- public:
-  NoFurtherThread() {
-    pthread_getattr_default_np(&m_usual);
-    pthread_attr_t endless = m_usual;
-    EXPECT_EQ(pthread_attr_setstacksize(&endless, std::size_t{1} << 47), 0);
-    EXPECT_EQ(pthread_setattr_default_np(&endless), 0);
-  }
-  ~NoFurtherThread() {
-    pthread_setattr_default_np(&m_usual);
-    pthread_attr_destroy(&m_usual);
-  }
-  NoFurtherThread(const NoFurtherThread&) = delete;
-  NoFurtherThread& operator=(const NoFurtherThread&) = delete;
-
- private:
-  pthread_attr_t m_usual{};
-};
-
 TEST_F(CacheBindingOpening, SaysThatNoThreadCanBeStarted) {
   ADCacheBinding binding({"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; });
   {
-    const NoFurtherThread scarcity;
+    const testsupport::NoFurtherThread scarcity;
     try {
       binding.search({});
       ADD_FAILURE();

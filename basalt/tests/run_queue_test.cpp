@@ -9,6 +9,7 @@
 #include "basalt/tests/run_queue_fixture.h"
 #include "base/include/exceptions.h"
 #include "testsupport/log_capture.h"
+#include "testsupport/no_further_thread.h"
 
 namespace {
 
@@ -174,6 +175,18 @@ TEST_F(RunQueueTest, ThreadsBearTheItemsName) {
   queue->enqueue(failing);
   queue->enqueue(boost::make_shared<TestItem>("", 0, [this] { notes.add(threadName()); }));
   EXPECT_THAT(notes.await(4), ElementsAre("test", "connector refre", "failing", "test"));
+}
+
+TEST_F(RunQueueTest, SaysThatItsThreadsCannotBeStarted) {
+  {
+    const testsupport::NoFurtherThread scarcity;
+    EXPECT_EQ(textOf<lumo::SystemException>([] { RunQueue::getRunQueue("scarce", true, 2); }),
+              "Cannot start the threads of the queue 'scarce': Resource temporarily unavailable");
+    EXPECT_FALSE(RunQueue::getRunQueue("scarce", false, 2));
+  }
+  const auto scarce = RunQueue::getRunQueue("scarce", true, 2);
+  scarce->enqueue(noting("later", 0));
+  EXPECT_THAT(notes.await(1), ElementsAre("later"));
 }
 
 // What an item throws before it waits leaves the queue as it was.

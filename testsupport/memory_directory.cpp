@@ -10,6 +10,7 @@ namespace testsupport {
 namespace {
 
 constexpr int LDAP_SERVER_DOWN_CODE = -1;
+constexpr int LDAP_TIMEOUT_CODE = -5;
 constexpr int LDAP_INVALID_CREDENTIALS_CODE = 49;
 
 [[noreturn]] void fail(const MemoryDirectory::Failure& failure, const std::string& domain) {
@@ -27,6 +28,16 @@ constexpr int LDAP_INVALID_CREDENTIALS_CODE = 49;
       break;
   }
   LUMO_THROW(LDAPException, failure.rc, "%s", failure.message.c_str());
+}
+
+// A connection that stands knows no search for servers: one that is not there any more gives no answer.
+[[noreturn]] void failSearching(const MemoryDirectory::Failure& failure, const DirectorySearch& what,
+                                const std::string& domain) {
+  using Kind = MemoryDirectory::Failure::Kind;
+  if (failure.kind == Kind::NoServers || failure.kind == Kind::Unreachable) {
+    LUMO_THROW(LDAPException, LDAP_TIMEOUT_CODE, "Cannot search '%s': no answer in time", what.base.c_str());
+  }
+  fail(failure, domain);
 }
 
 std::string dnOf(const std::string& domain) {
@@ -113,14 +124,14 @@ void MemoryDirectory::Failures::set(const Failure& failure, int times, Servers s
   shared = servers == Servers::All;
 }
 
-void MemoryDirectory::Failures::meet(const Target& target) {
+const MemoryDirectory::Failure* MemoryDirectory::Failures::meet(const Target& target) {
   std::optional<Pending>& due = of[target.globalCatalog ? 1 : 0];
-  if (!due || due->times == 0) return;
+  if (!due || due->times == 0) return nullptr;
   if (due->times > 0) {
     --due->times;
     if (shared) of[target.globalCatalog ? 0 : 1] = due;
   }
-  fail(due->failure, target.domain);
+  return &due->failure;
 }
 
 void MemoryDirectory::failOpen(Failure failure, int times, Servers servers) {
@@ -174,7 +185,7 @@ std::string MemoryDirectory::site(const std::string&) {
 std::unique_ptr<DirectoryConnection> MemoryDirectory::open(const Target& target) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_opened.push_back(target);
-  m_openFailures.meet(target);
+  if (const Failure* failure = m_openFailures.meet(target)) fail(*failure, target.domain);
   return std::make_unique<Connection>(*this, target);
 }
 
@@ -210,7 +221,7 @@ ADObjectPtr MemoryDirectory::shown(const Target& target, const lumo::ADObject& o
 std::vector<ADObjectPtr> MemoryDirectory::search(const Target& target, const DirectorySearch& what) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   m_searches.push_back({target.globalCatalog, target.domain, what});
-  m_searchFailures.meet(target);
+  if (const Failure* failure = m_searchFailures.meet(target)) failSearching(*failure, what, target.domain);
   matchesFilter(lumo::ADObject(), what.filter);  // a fault in it is told whatever objects there are
   const std::string domain = lower(target.domain);
   const std::string base = what.base.empty() && !target.globalCatalog ? dnOf(target.domain) : what.base;

@@ -51,7 +51,9 @@ class MemoryDirectory : public DirectoryConnector {
   void hideFromCatalogue(const std::string& attribute);
 
   // Every open / every search fails in that way from now on; `clearFailures` ends it. `times`: only so often.
-  // `servers`: those of the catalogue or of the domains only; the failures of both stand beside each other.
+  // A search fails as a connection that stands does: with an LDAPException, "no answer in time" for NoServers and
+  // Unreachable. `servers`: those of the catalogue or of the domains only; the failures of both stand beside each
+  // other.
   void failOpen(Failure failure, int times = -1, Servers servers = Servers::All);
   void failSearch(Failure failure, int times = -1, Servers servers = Servers::All);
   void clearFailures();
@@ -81,8 +83,8 @@ class MemoryDirectory : public DirectoryConnector {
     std::optional<Pending> of[2];
     bool shared = false;
     void set(const Failure& failure, int times, Servers servers);
-    // Throws when one is due.
-    void meet(const Target& target);
+    // The one that is due, else null; valid until the next change.
+    const Failure* meet(const Target& target);
   };
   struct Held {
     ADObjectPtr object;

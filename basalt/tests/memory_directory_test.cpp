@@ -151,6 +151,17 @@ TEST_F(Forest, FailsOnDemand) {
     EXPECT_EQ(failure.rc(), 53);
     EXPECT_FALSE(isServerUnavailable(failure));
   }
+  for (const Kind kind : {Kind::NoServers, Kind::Unreachable}) {
+    m_directory.failSearch({kind, -1, ""});
+    try {
+      connection->search({"DC=corp,DC=test", SearchScope::Base, "(cn=a)", {}});
+      FAIL();
+    } catch (const LDAPException& failure) {
+      EXPECT_STREQ(failure.what(), "Cannot search 'DC=corp,DC=test': no answer in time");
+      EXPECT_TRUE(isServerUnavailable(failure));
+      EXPECT_FALSE(isConnectionLost(failure));
+    }
+  }
   m_directory.clearFailures();
   EXPECT_NO_THROW(connection->search({}));
 }

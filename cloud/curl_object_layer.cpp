@@ -77,10 +77,10 @@ bool NegotiateLayer::keep(int option, long value) {
 bool NegotiateLayer::keep(int option, const char* text) {
   const WatchedText* watched = watchedText(option);
   if (watched == nullptr) return false;
-  if (text == nullptr) {
-    told.names.erase(option);
-    told.secrets.erase(option);
-  } else if (watched->secret) {
+  told.names.erase(option);
+  told.secrets.erase(option);
+  if (text == nullptr) return true;
+  if (watched->secret) {
     told.secrets[option] = lumo::Shredder2(text);
   } else {
     told.names[option] = text;
@@ -90,7 +90,8 @@ bool NegotiateLayer::keep(int option, const char* text) {
 
 bool NegotiateLayer::keep(int option, const lumo::Shredder2& secret) {
   const WatchedText* watched = watchedText(option);
-  if (watched == nullptr || !watched->secret) return false;
+  if (watched == nullptr) return false;
+  told.names.erase(option);
   told.secrets[option] = secret;
   return true;
 }

@@ -165,6 +165,32 @@ TEST_F(CurlProxyTest, TunnelIsNeverSharedByTwoIdentities) {
   EXPECT_TRUE(otherProxy.waitForEnds(1, seconds(10)));
 }
 
+// However the name is given: as a text, as a secret, or first one and then the other.
+TEST_F(CurlProxyTest, TunnelOfOneUserNameIsNotUsedForAnother) {
+  HttpServer proxy(proxyFor("", {}));
+  CurlObject object;
+  object.setProxy(proxy.address(), "", "", lumo::Shredder2());
+  object.setOpt(CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_BASIC));
+  object.setOpt(CURLOPT_PROXYPASSWORD, lumo::Shredder2("secret"));
+  const auto connectionsAfter = [&] {
+    object.perform(TARGET, "", 0);
+    return proxy.connections();
+  };
+  object.setOpt(CURLOPT_PROXYUSERNAME, lumo::Shredder2("alice"));
+  EXPECT_EQ(connectionsAfter(), 1);
+  object.setOpt(CURLOPT_PROXYUSERNAME, lumo::Shredder2("bob"));
+  EXPECT_EQ(connectionsAfter(), 2);
+  EXPECT_EQ(connectionsAfter(), 2);
+  object.setOpt(CURLOPT_PROXYUSERNAME, "alice");
+  EXPECT_EQ(connectionsAfter(), 3);
+  object.setOpt(CURLOPT_PROXYUSERNAME, lumo::Shredder2("bob"));
+  EXPECT_EQ(connectionsAfter(), 4);
+  object.clearOpt(CURLOPT_PROXYUSERNAME);
+  EXPECT_EQ(connectionsAfter(), 5);
+  EXPECT_THAT(authorizations(proxy), ElementsAre("Basic YWxpY2U6c2VjcmV0", "Basic Ym9iOnNlY3JldA==",
+                                                 "Basic YWxpY2U6c2VjcmV0", "Basic Ym9iOnNlY3JldA==", testing::_));
+}
+
 TEST_F(CurlProxyTest, DigestNonceOfOneUserIsNotGivenToTheNext) {
   HttpServer proxy(proxyFor("Digest", {"Digest realm=\"x\", nonce=\"n1\", qop=\"auth\", algorithm=MD5"}));
   CurlObject object;

@@ -164,6 +164,7 @@ void CloudCurlPool::releaseCurl(CurlObject* curl) {
                 taken.end());
     return;
   }
+  curl->forgetExchange();
   curl->clearProxy(true);
   LUMO_LOG(logger(), 1, "Release CURL connection:(%d) after cloud auth using.",
            static_cast<int>(std::distance(connections.begin(), found)));

@@ -16,16 +16,33 @@ void append(curl_slist*& list, const char* line) {
 
 }  // namespace
 
+void CurlObject::dropBody() {
+  std::free(writeBuffer);
+  writeBuffer = nullptr;
+  writeLength = 0;
+  writeCapacity = 0;
+}
+
 void CurlObject::rewindAttempt() {
   headerLines.clear();
   readPosition = requestBody.data();
   readLeft = requestBody.size();
-  std::free(writeBuffer);
-  writeLength = 0;
-  writeCapacity = 0;
+  dropBody();
   writeBuffer = static_cast<char*>(std::calloc(1, 1));
   if (writeBuffer == nullptr) LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
   writeCapacity = 1;
+}
+
+void CurlObject::forgetExchange() noexcept {
+  if (writeBuffer != nullptr) explicit_bzero(writeBuffer, writeLength);
+  dropBody();
+  wipe(responseBody);
+  responseBody.shrink_to_fit();
+  for (std::string& line : headerLines) wipe(line);
+  headerLines.clear();
+  headerLines.shrink_to_fit();
+  forgetTrace();
+  debugLines.shrink_to_fit();
 }
 
 void CurlObject::forgetTrace() {

@@ -51,7 +51,8 @@ class CloudCurlPool {
   // refuses or has no memory, and what CurlObject::setProxy throws.
   CurlObject* getCurl(const std::string& userName, const std::string& programName);
 
-  // Takes a connection back: proxy, credential and Kerberos state of its user go. Null does nothing. A connection that
+  // Takes a connection back: proxy, credential and Kerberos state of its user go, and the
+  // last reply. Null does nothing. A connection that
   // reapCurls took away meanwhile is destroyed here and changes nothing else: its holder may use it up to this call.
   void releaseCurl(CurlObject* curl);
 

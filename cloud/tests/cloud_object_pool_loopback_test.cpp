@@ -89,6 +89,22 @@ class PoolLoopback : public CurlObjectTest {
 
 }  // namespace
 
+TEST_F(PoolLoopback, ReturnLeavesNothingOfTheLastReply) {
+  HttpServer server([](const HttpRequest&) { return httpReply("200 OK", {"X-MRV-Secret: token"}, "{}"); });
+  CurlObject* const curl = access.pool.getCurl("alice", "login");
+  curl->setOpt(CURLOPT_VERBOSE, 1);
+  curl->setOpt(CURLOPT_DEBUGDATA, static_cast<void*>(curl));
+  curl->setOpt(CURLOPT_DEBUGFUNCTION, &CurlObject::debugCallback);
+  curl->perform("http://" + server.address() + "/", "{}", 1);
+  EXPECT_THAT(curl->lastHeaderLines(), testing::Contains("X-MRV-Secret: token\r\n"));
+  EXPECT_THAT(curl->debugLines, testing::Not(IsEmpty()));
+  access.pool.releaseCurl(curl);
+  EXPECT_THAT(curl->lastHeaderLines(), IsEmpty());
+  EXPECT_THAT(curl->debugLines, IsEmpty());
+  EXPECT_EQ(access.pool.getCurl("bob", "login"), curl);
+  EXPECT_THAT(curl->perform("http://" + server.address() + "/", "{}", 1), Pair(200, "{}"));
+}
+
 TEST_F(PoolLoopback, TunnelOfOneUserIsNeverTheNextOnes) {
   TellingProxy proxy;
   const CloudProxyInfo alice = proxyInfo(proxy.address(), "basic", "alice", "secret");

@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,6 +29,14 @@ std::string urlOf(const HttpServer& server, const std::string& path = "/") {
 }
 
 std::string hostLine(const HttpServer& server) { return "Host: " + server.address() + "\r\n"; }
+
+#ifndef FERRO_SANITIZED
+// Bytes that this process has from malloc.
+std::size_t allocated() {
+  const struct mallinfo2 now = mallinfo2();
+  return now.uordblks + now.hblkhd;
+}
+#endif
 
 HttpServer::Handler always(const HttpReply& reply) {
   return [reply](const HttpRequest&) { return reply; };
@@ -202,7 +211,26 @@ TEST_F(CurlObjectTest, LargeBodyArrivesWhole) {
   EXPECT_TRUE(object.perform(urlOf(server), "", 0).second == body);
 }
 
+TEST_F(CurlObjectTest, BodyWithoutEndIsGivenUpAndTheObjectStaysUsable) {
+  HttpServer server(always(httpReply("200 OK", {}, "small")));
+  CurlObject object;
+  EXPECT_EQ(curlFailure([&] { object.perform("file:///dev/zero", "", 0); }),
+            "CurlException -1 The reply is larger than 256 MiB, which is more than this system takes");
+  EXPECT_THAT(object.perform(urlOf(server), "", 0), Pair(200, "small"));
+}
+
 #ifndef FERRO_SANITIZED
+TEST_F(CurlObjectTest, ForgottenExchangeTakesNoMemory) {
+  const std::string body(8 << 20, 'L');
+  HttpServer server(always(httpReply("200 OK", {}, body)));
+  CurlObject object;
+  object.perform(urlOf(server), "", 0);
+  const std::size_t with = allocated();
+  object.forgetExchange();
+  EXPECT_GE(with - allocated(), 2 * body.size()) << "as it came, and as it was told";
+  EXPECT_THAT(object.perform(urlOf(server), "", 0), Pair(200, body));
+}
+
 TEST_F(CurlObjectTest, NoMemoryForTheResponseIsAnExceptionAndTheObjectStaysUsable) {
   HttpServer server([](const HttpRequest& request) {
     return httpReply("200 OK", {}, request.target() == "/large" ? std::string(192 << 20, 'x') : "small");

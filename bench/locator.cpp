@@ -4,8 +4,6 @@
 // usage: locator [SEED]
 // A line for each number of records: the number, seconds of the processor, and the growth against the line before for
 // ten times the records, separated by tabs. Linear is 10.
-#include <time.h>
-
 #include <boost/make_shared.hpp>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +11,7 @@
 #include <string>
 
 #include "basalt/ad_agent.h"
-#include "basalt/kerberos_credentials.h"
+#include "bench/nobody.h"
 #include "cloud/tests/cloudconnectorlocator_access.h"
 #include "testsupport/memory_directory.h"
 
@@ -22,23 +20,7 @@ namespace {
 constexpr std::size_t PLATFORMS = 7;
 constexpr std::size_t SITES = 5;
 
-class NobodysTickets : public KerberosCredentialSource {
- public:
-  NobodysTickets() { setInstance(this); }
-  krb5_error_code ticketByPassword(krb5_context, krb5_principal, const lumo::Shredder&, const std::string&, int,
-                                   krb5_creds*, std::string*) override {
-    return KRB5_KDC_UNREACH;
-  }
-  std::string machineCache() override { return "MEMORY:nobody"; }
-};
-
 std::string platformUrl(std::size_t number) { return "https://platform" + std::to_string(number) + ".example.test/"; }
-
-double secondsSoFar() {
-  timespec used{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
-}
 
 // The connectors of so many computers, which the directory gets.
 boost::shared_ptr<ADObjectList> fill(testsupport::MemoryDirectory& directory, std::size_t count, std::mt19937& random) {

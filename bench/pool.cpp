@@ -4,48 +4,21 @@
 // A line for each state of the pool and kind of proxy: name, median and best time of a pair in microseconds over so
 // many batches (50), separated by tabs. It is the processor's time, which other work on the machine hardly changes.
 // Needs neither network nor domain: the directory is one that knows nobody.
-#include <time.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "basalt/directory.h"
-#include "basalt/kerberos_credentials.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "bench/nobody.h"
 #include "cloud/include/cloud_object_pool.h"
 
 namespace {
 
 constexpr int CONNECTIONS = 20;
 constexpr int PAIRS = 2000;  // of one batch
-
-class NobodysDirectory : public DirectoryConnector {
- public:
-  NobodysDirectory() { setInstance(this); }
-  std::unique_ptr<DirectoryConnection> open(const Target&) override { return std::make_unique<Connection>(); }
-  std::string site(const std::string&) override { return std::string(); }
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    std::vector<ADObjectPtr> search(const DirectorySearch&) override { return {}; }
-    ADObjectPtr rootDse() override { return ADObjectPtr(new lumo::ADObject("")); }
-  };
-};
-
-class NobodysTickets : public KerberosCredentialSource {
- public:
-  NobodysTickets() { setInstance(this); }
-  krb5_error_code ticketByPassword(krb5_context, krb5_principal, const lumo::Shredder&, const std::string&, int,
-                                   krb5_creds*, std::string*) override {
-    return KRB5_KDC_UNREACH;
-  }
-  std::string machineCache() override { return "MEMORY:nobody"; }
-};
 
 CloudProxyInfo proxyOf(const char* server, const char* auth) {
   CloudProxyInfo proxy;
@@ -58,16 +31,10 @@ CloudProxyInfo proxyOf(const char* server, const char* auth) {
   return proxy;
 }
 
-double microsecondsSoFar() {
-  timespec used{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return static_cast<double>(used.tv_sec) * 1e6 + static_cast<double>(used.tv_nsec) / 1e3;
-}
-
 double microsecondsOfAPair(CloudCurlPool& pool) {
-  const double start = microsecondsSoFar();
+  const double start = secondsSoFar();
   for (int i = 0; i < PAIRS; ++i) pool.releaseCurl(pool.getCurl("alice@CORP.EXAMPLE.TEST", "login"));
-  return (microsecondsSoFar() - start) / PAIRS;
+  return (secondsSoFar() - start) * 1e6 / PAIRS;
 }
 
 void measure(const std::string& name, const CloudProxyInfo& proxy, int batches) {

@@ -2,13 +2,11 @@
 // a long run.
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "basalt/run_queue.h"
@@ -16,9 +14,11 @@
 #include "cloud/tests/cloud_object_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/cloudconnectorlocator_forest.h"
+#include "cloud/tests/cloudconnectorlocator_whole_report.h"
 #include "testsupport/fast_clock.h"
 #include "testsupport/http_server.h"
 #include "testsupport/private_host.h"
+#include "testsupport/watchdog.h"
 
 namespace {
 
@@ -51,73 +51,6 @@ struct PrivateState {
     static_cast<void>(entered);
   }
 };
-
-// What the threads are at; ends the process with words when nothing is done for too long.
-class Watchdog {
- public:
-  explicit Watchdog(std::size_t threads) : m_doing(threads), m_thread([this] { watch(); }) {
-    for (auto& one : m_doing) one = "not begun";
-  }
-  ~Watchdog() {
-    {
-      const std::lock_guard<std::mutex> lock(m_mutex);
-      m_over = true;
-    }
-    m_changed.notify_all();
-    m_thread.join();
-  }
-  Watchdog(const Watchdog&) = delete;
-  Watchdog& operator=(const Watchdog&) = delete;
-
-  void tell(std::size_t thread, const char* what) {
-    m_doing[thread] = what;
-    ++m_steps;
-  }
-  long steps() const { return m_steps; }
-
- private:
-  static constexpr seconds PATIENCE{60};
-
-  void watch() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    for (long seen = -1; seen != m_steps;) {
-      seen = m_steps;
-      // By the wall clock: ThreadSanitizer knows of no other wait.
-      if (m_changed.wait_until(lock, std::chrono::system_clock::now() + PATIENCE, [this] { return m_over; })) return;
-    }
-    std::fprintf(stderr, "Nothing was done for %d seconds; the threads are at:\n", static_cast<int>(PATIENCE.count()));
-    for (std::size_t i = 0; i < m_doing.size(); ++i) std::fprintf(stderr, "  %zu: %s\n", i, m_doing[i].load());
-    std::abort();
-  }
-
-  std::vector<std::atomic<const char*>> m_doing;
-  std::atomic<long> m_steps{0};
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_over = false;
-  std::thread m_thread;
-};
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-bool beginsWith(const std::string& line, const std::string& text) { return line.compare(0, text.size(), text) == 0; }
-
-// The number behind the label; -1 where there is none.
-long numberIn(const std::string& report, const std::string& label) {
-  const std::size_t at = report.find(label);
-  return at == std::string::npos ? -1 : std::atol(report.c_str() + at + label.size());
-}
-
-long countOf(const std::string& text, const std::string& what) {
-  long count = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
-  return count;
-}
 
 class ConnectorThreads : private PrivateState, public testing::Test {
  protected:
@@ -207,7 +140,7 @@ class ConnectorThreads : private PrivateState, public testing::Test {
   std::atomic<long> taken{0}, none{0}, exchanges{0}, refused{0}, discards{0}, iwaUrls{0}, lookups{0}, lookupFailures{0},
       reports{0};
   long searches = 0, failures = 0;
-  Watchdog watchdog{CLIENTS + 1};
+  testsupport::Watchdog watchdog{CLIENTS + 1};
 };
 
 void ConnectorThreads::exchange(std::size_t self, std::mt19937& random) {
@@ -262,45 +195,9 @@ void ConnectorThreads::askForServiceName(std::mt19937& random) {
   }
 }
 
-// The headings in their order, and whole blocks of connectors.
 void ConnectorThreads::readReports() {
-  static constexpr std::array<const char*, 12> HEADINGS = {
-      "==============Morvane Identity Platform Instances/Morvane Connectors info============",
-      "Morvane Identity Platform Instances:",
-      "   Morvane Identity Platform Instances in zone: ",
-      "Proxy to Morvane Identity Platform:",
-      "   Proxy server: ",
-      "   Proxy authentication method: ",
-      "Morvane Connectors:",
-      "   Current used connector: ",
-      "   Morvane Connectors in current site:",
-      "   Morvane Connectors in other site:",
-      "   Morvane Connectors discarded:",
-      "   Morvane Connectors in current site and unused:"};
-  const std::string report = dumpCloudConnectors();
-  std::size_t at = 0;
-  for (const char* heading : HEADINGS) {
-    at = report.find(heading, at);
-    require(at != std::string::npos, std::string("no '") + heading + "' in its place in\n" + report);
-    if (at == std::string::npos) return;
-  }
-  const std::vector<std::string> lines = linesOf(report);
-  static constexpr std::array<const char*, 8> BLOCK = {"      Morvane Connector: ",
-                                                       "        Morvane Identity Platform URL: ",
-                                                       "        Connector Site: ",
-                                                       "        Connector FQDN: ",
-                                                       "        Tenant ID: ",
-                                                       "        Connector port: ",
-                                                       "        Connector IWA HTTP port: ",
-                                                       "        Connector IWA HTTPS port: "};
-  for (std::size_t line = 0; line < lines.size(); ++line) {
-    if (!beginsWith(lines[line], BLOCK[0])) continue;
-    require(fqdns.count(lines[line].substr(std::string(BLOCK[0]).size())) == 1, "the report tells of " + lines[line]);
-    for (std::size_t i = 1; i < BLOCK.size(); ++i) {
-      require(line + i < lines.size() && beginsWith(lines[line + i], BLOCK[i]), "a block is not whole in\n" + report);
-    }
-  }
-  require(!report.empty() && report.back() == '\n', "the report ends within a line");
+  const std::string fault = locatortest::faultOfReport(dumpCloudConnectors(), fqdns);
+  require(fault.empty(), fault);
   ++reports;
 }
 
@@ -318,14 +215,8 @@ void ConnectorThreads::readConnectors() {
 }
 
 void ConnectorThreads::readPoolReport() {
-  const std::string report = CloudCurlPool::getInstance().dump();
-  const long occupied = numberIn(report, "Current occupied count: ");
-  require(occupied >= 0 && occupied <= LIMIT, "so many connections are occupied:\n" + report);
-  require(occupied == countOf(report, "       Occupied: Yes\n"),
-          "the occupied are not those that are counted:\n" + report);
-  require(numberIn(report, "Current count: ") == countOf(report, "   Connection: "),
-          "the connections are not those that are counted:\n" + report);
-  require(countOf(report, "   Connection: ") == countOf(report, "       Expired: "), "not whole:\n" + report);
+  const std::string fault = locatortest::faultOfPoolReport(CloudCurlPool::getInstance().dump(), LIMIT);
+  require(fault.empty(), fault);
   ++reports;
 }
 

@@ -16,6 +16,7 @@ class V0Client : public CloudAuthV0 {
   using CloudAuthV0::certStore;
   using CloudAuthV0::challenges;
   using CloudAuthV0::currentChallenge;
+  using CloudAuthV0::document;
   using CloudAuthV0::getAuthPolicyUrl;
   using CloudAuthV0::moveToNextLoginPageUrl;
   using CloudAuthV0::multiAuthLoginUrl;

@@ -84,6 +84,21 @@ TEST_F(V0Login, PasswordAmongOptionalMechanismsAloneGoesOutAtOnceToo) {
   EXPECT_THAT(asked(), ElementsAreArray(passwordSent(R"("recId":"r-1",)")));
 }
 
+TEST_F(V0Login, PasswordBeforeAPolicyIsHeld) {
+  EXPECT_EQ(advance("UP", ACTION_ANSWER, PASSWORD), AUTH_NEXT_CHALLENGE);
+  EXPECT_EQ(client->password, lumo::Shredder2(PASSWORD));
+  EXPECT_THAT(asked(), IsEmpty());
+}
+
+TEST_F(V0Login, PasswordIsHeldByTheClientAloneAndGoesWithIt) {
+  beginWithPasswordSent();
+  EXPECT_FALSE(client->password.shared());
+  const lumo::Shredder2 copy = client->password;
+  EXPECT_TRUE(copy.shared());
+  client.reset();
+  EXPECT_FALSE(copy.shared());
+}
+
 TEST_F(V0Login, WrongPasswordAloneFails) {
   begin(passwordAlone());
   script({success(), success(), refusal()});

@@ -191,6 +191,8 @@ TEST_F(V0Policy, LaterPolicyIsAppended) {
   EXPECT_EQ(client.recId, "r-2");
   EXPECT_EQ(client.challenges[2].mechanisms[0].answerPrompt, "first\nYour answer is")
       << "the question of before stands until another comes";
+  EXPECT_EQ(parsed(policy(mechanism("SQ", "True"), R"("securityquestion":"second",)")), "nothing thrown");
+  EXPECT_EQ(client.challenges[4].mechanisms[0].answerPrompt, "second\nYour answer is");
 }
 
 TEST_F(V0Policy, PolicyThatFailsMidwayKeepsWhatItHasMade) {

@@ -78,7 +78,7 @@ std::string PlatformSimulator::Impl::run(const JsonValue& command) {
       {"user", [&] { mergeUser(core.script, needed(command, "user")); }},
       {"script",
        [&] {
-         core.script = readScript(needed(command, "script"));
+         core.setScript(readScript(needed(command, "script")));
          resetAll();
        }},
       {"reset", resetAll},

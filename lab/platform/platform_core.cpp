@@ -27,7 +27,7 @@ Answer status(int code, const std::string& message) {
 }
 
 PlatformCore::PlatformCore(Script first, std::function<TimePoint()> clock)
-    : now(std::move(clock)), script(std::move(first)) {}
+    : now(std::move(clock)), script(first), m_first(std::move(first)) {}
 
 const std::array<PlatformCore::Endpoint, 12>& PlatformCore::endpoints() {
   static const std::array<Endpoint, 12> table{{
@@ -71,7 +71,13 @@ Answer PlatformCore::answer(const Call& call) {
   return status(404, "Not found.");
 }
 
+void PlatformCore::setScript(Script next) {
+  m_first = std::move(next);
+  reset();
+}
+
 void PlatformCore::reset() {
+  script = m_first;
   m_ids = 0;
   m_cookies.clear();
   m_logins.clear();

@@ -106,7 +106,9 @@ class PlatformCore {
   // A path, or the last part of one; the connector's page is one too.
   static bool isEndpoint(const std::string& path);
 
+  // As at the start, with the script that was set last.
   void reset();
+  void setScript(Script next);
   std::string mintCode(const std::string& machine);
   std::string siteCheck(const std::string& remoteUser);
   void expire(bool machines, bool users);
@@ -120,7 +122,7 @@ class PlatformCore {
   bool usesTls = true;
   std::function<TimePoint()> now;
   std::chrono::steady_clock::duration clockAhead{};
-  Script script;
+  Script script;  // with what commands and new passwords have changed
   std::vector<std::string> surprises;
   std::vector<std::string> events;
   bool keepsRecord = true;
@@ -181,6 +183,7 @@ class PlatformCore {
   Answer startChallenge(const Call& call);
   Answer logPrivEvent(const Call& call);
 
+  Script m_first;
   long m_ids = 0;
   std::map<std::string, Cookie> m_cookies;
   std::map<std::string, Login> m_logins;

@@ -79,7 +79,7 @@ class PlatformSimulator {
   std::string siteCheckReply(const std::string& machine);
   // The same as a whole reply, faults of "SiteCheck" included.
   testsupport::HttpReply siteCheckHttp(const std::string& machine);
-  // Sessions, cookies, faults, records and surprises are as at the start. The script in force stays.
+  // Everything is as at the start, with the script that was set last: users, sessions, cookies, clock, faults, records.
   void reset();
 
   // Everything that a client should not have sent, one sentence each, in the order of coming. A test ends with

@@ -162,6 +162,12 @@ TEST(CloudAuthJson, TextIsCompactAndInOrder) {
   EXPECT_EQ(textOf(parsed(" { \"b\" : 1 ,\n \"a\" : [ 1 , 2 ] } ")), R"({"b":1,"a":[1,2]})");
 }
 
+TEST(CloudAuthJson, TextTakesThePlaceOfTheFormerOne) {
+  std::string out = "before";
+  CloudAuth::jsonToString(out, parsed("[1]"));
+  EXPECT_EQ(out, "[1]");
+}
+
 TEST(CloudAuthJson, BodyIsWrittenInTheOrderInWhichItsMembersWereAdded) {
   rapidjson::Document body(rapidjson::kObjectType);
   const std::string user = "alice";

@@ -111,6 +111,8 @@ class ConnectorThreads : private PrivateState, public testing::Test {
   void readConnectors();
   void readPoolReport();
   void weather(std::mt19937& random);
+  // Each kind of thing at least once?
+  bool allHappened();
 
   testsupport::FastClock clock;
   // Every connector's proxy, and the platform behind it.
@@ -319,6 +321,16 @@ void ConnectorThreads::weather(std::mt19937& random) {
   server.forgetRequests();
 }
 
+bool ConnectorThreads::allHappened() {
+  failures = 0;
+  for (const auto& record : log.texts()) failures += record.find("Fail to refresh") != std::string::npos ? 1 : 0;
+  for (const long count : {taken.load(), exchanges.load(), discards.load(), iwaUrls.load(), lookups.load(),
+                           lookupFailures.load(), reports.load(), searches, failures}) {
+    if (count == 0) return false;
+  }
+  return true;
+}
+
 TEST_F(ConnectorThreads, NeitherStopNorMixUpWhatTheySee) {
   const auto queue = lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 2);
   UpdateCloudConnectors();
@@ -326,8 +338,13 @@ TEST_F(ConnectorThreads, NeitherStopNorMixUpWhatTheySee) {
   clients.reserve(CLIENTS);
   for (std::size_t i = 0; i < CLIENTS; ++i) clients.emplace_back([this, i] { client(i); });
   std::mt19937 random(CLIENTS);
+  // On a busy machine the time may be over before each kind of thing has happened once.
   const auto end = std::chrono::steady_clock::now() + duration();
-  while (!stop && std::chrono::steady_clock::now() < end) {
+  const auto goesOn = [&] {
+    const auto now = std::chrono::steady_clock::now();
+    return now < end || (now < end + std::chrono::seconds(60) && !allHappened());
+  };
+  while (!stop && goesOn()) {
     weather(random);
     std::this_thread::sleep_for(milliseconds(10));
   }
@@ -339,16 +356,7 @@ TEST_F(ConnectorThreads, NeitherStopNorMixUpWhatTheySee) {
 
   EXPECT_EQ(pool.occupiedCount, 0u);
   EXPECT_THAT(log.texts(), Each(Not(HasSubstr("base.queue"))));
-  for (const auto& record : log.texts()) failures += record.find("Fail to refresh") != std::string::npos ? 1 : 0;
-  EXPECT_GT(taken, 0);
-  EXPECT_GT(exchanges, 0);
-  EXPECT_GT(discards, 0);
-  EXPECT_GT(iwaUrls, 0);
-  EXPECT_GT(lookups, 0);
-  EXPECT_GT(lookupFailures, 0);
-  EXPECT_GT(reports, 0);
-  EXPECT_GT(searches, 0);
-  EXPECT_GT(failures, 0);
+  EXPECT_TRUE(allHappened()) << "see the counts";
   std::printf(
       "%d s: %ld steps of %d clients: %ld connectors taken and %ld times none, %ld exchanges and %ld times no "
       "connection "

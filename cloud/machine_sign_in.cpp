@@ -17,6 +17,8 @@ ConnectorVisit::~ConnectorVisit() {
 
 void ConnectorVisit::negotiateFor(const std::string& spn) {
   m_connection.clearProxy(false);
+  // A session of the platform, perhaps a former user's, is nothing for a connector's eyes.
+  m_connection.clearOpt(CURLOPT_COOKIE);
   m_connection.setOpt(CURLOPT_PROXY_GSS_CRED, m_credential.get());
   m_connection.setOpt(CURLOPT_PROXY_GSS_SPN, spn);
   m_connection.setOpt(CURLOPT_PROXY_GSS_SETUP_FUNCTION, &serverGssSetup);

@@ -32,9 +32,9 @@ class ConnectorVisit {
   ConnectorVisit(const ConnectorVisit&) = delete;
   ConnectorVisit& operator=(const ConnectorVisit&) = delete;
 
-  // GETs the URL, whose service is `spn`: status and body. Proxy and user of the connection are forgotten; the folder
-  // `ferrosec.cert.dir` is trusted, or anybody with `ferrod.iwa.skip.cert.verification`. Throws as CurlObject::perform;
-  // the connection then stays turned to the connector.
+  // GETs the URL, whose service is `spn`: status and body. Proxy, user and session of the connection are forgotten; the
+  // folder `ferrosec.cert.dir` is trusted, or anybody with `ferrod.iwa.skip.cert.verification`. Throws as
+  // CurlObject::perform; the connection then stays turned to the connector.
   std::pair<long, std::string> ask(const std::string& url, const std::string& spn);
   // Turns the connection to the platform again, but for whom it trusts: that is the caller's. Throws as
   // CurlObject::setProxy.

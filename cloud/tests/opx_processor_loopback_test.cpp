@@ -169,3 +169,16 @@ TEST_F(OpxProcessorLoopback, RefusedSignInLeavesTheSessionAsItWas) {
   EXPECT_EQ(access.machineCookie, "m-1");
   EXPECT_THAT(logged(), Contains("DEBUG sso: result = 0, httpCode = 503"));
 }
+
+TEST_F(OpxProcessorLoopback, AConnectorSeesNoSession) {
+  signIn();
+  script({json(SUCCESS), session("m-2")});
+  lumo::OPXProcessor::handleLogPrivEvent({});
+  access.processor.postLogPrivEvent();
+  ASSERT_EQ(cookies.back(), ".ASPXAUTH=m-1;");
+  connector.forgetRequests();
+  access.processor.initProc(PLATFORM);
+  ASSERT_EQ(connector.requests().size(), 1U);
+  EXPECT_EQ(connector.requests()[0].header("Cookie"), "");
+  EXPECT_EQ(access.machineCookie, "m-2");
+}

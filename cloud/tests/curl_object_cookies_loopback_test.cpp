@@ -90,3 +90,42 @@ TEST_F(CurlObjectTest, CookiesOutliveAChangeOfIdentity) {
   object.setOpt(CURLOPT_USERPWD, "bob:secret");
   EXPECT_EQ(server.cookieOf(object, "/deep"), "deep=3; session=1; kept=2");
 }
+
+TEST_F(CurlObjectTest, CookieOfAReplyIsReadByItsExactName) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH2=longer; path=/", "Set-Cookie: .aspxauth=lower; path=/",
+                  "Set-Cookie: .ASPXAUT=shorter; path=/", "Set-Cookie: .ASPXAUTH=token==; path=/; HttpOnly; Secure"};
+  CurlObject object;
+  EXPECT_EQ(object.cookie(".ASPXAUTH"), "");
+  server.cookieOf(object, "/set");
+  EXPECT_EQ(object.cookie(".ASPXAUTH"), "token==");
+  EXPECT_EQ(object.cookie(".ASPXAUTH2"), "longer");
+  EXPECT_EQ(object.cookie(".ASPXAUTH3"), "");
+  EXPECT_EQ(object.cookie(""), "");
+}
+
+TEST_F(CurlObjectTest, FirstCookieOfANameCounts) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH=deep; path=/set", "Set-Cookie: .ASPXAUTH=root; path=/"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  EXPECT_EQ(object.cookie(".ASPXAUTH"), "deep");
+}
+
+TEST_F(CurlObjectTest, CookieWithoutAValueIsPassedOverAndAValueEndsAtItsFirstWhiteSpace) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH=; path=/set", "Set-Cookie: .ASPXAUTH=a b c; path=/"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  EXPECT_EQ(object.cookie(".ASPXAUTH"), "a");
+}
+
+TEST_F(CurlObjectTest, CookieThatSetCookieTookAwayIsNotRead) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH=old; path=/"};
+  CurlObject object;
+  server.cookieOf(object, "/set");
+  object.setCookie(".ASPXAUTH=new;");
+  server.cookieOf(object);
+  EXPECT_EQ(object.cookie(".ASPXAUTH"), "") << "one that is sent by hand is none of the engine's";
+}

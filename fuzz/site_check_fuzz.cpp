@@ -1,0 +1,49 @@
+// Answers of a connector: the object that is cut out of them, and what is read in it.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "cloud/include/cloud_auth.h"
+#include "cloud/machine_sign_in.h"
+
+namespace {
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+// The slow way, brace by brace.
+std::string objectOf(const std::string& text, char& missing) {
+  std::string object;
+  std::size_t complete = 0;
+  for (const char c : text) {
+    if (!object.empty() || c == '{') object += c;
+    if (!object.empty() && c == '}') complete = object.size();
+  }
+  missing = object.empty() ? '{' : complete == 0 ? '}' : '\0';
+  return object.substr(0, complete);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  char missing = '\0';
+  const std::string object = objectOf(text, missing);
+  const EmbeddedObject found = findEmbeddedObject(text);
+  require(found.text == object && found.missing == missing);
+  if (missing != '\0') return 0;
+
+  rapidjson::Document document;
+  CloudAuth::parseJson(document, found.text);
+  require(document.IsNull() || document.IsObject());
+  for (const char* key : {SITE_CHECK_RESULT, SITE_CHECK_CODE}) {
+    std::string value = "before";
+    try {
+      CloudAuth::getJsonString(document, key, value);
+    } catch (const lumo::CloudException&) {
+      require(value == "before");
+    }
+  }
+  return 0;
+}

@@ -1,9 +1,10 @@
 #include "cloud/include/cloud_auth_handler.h"
 
-#include <algorithm>
-#include <iterator>
+#include <array>
 #include <memory>
 #include <new>
+#include <string_view>
+#include <utility>
 
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
@@ -13,6 +14,7 @@
 #include "cloud/cloud_auth_v1s.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/opx.h"
+#include "cloud/lookup.h"
 
 namespace {
 
@@ -30,20 +32,25 @@ struct ClientArguments {
   const int* profile;
 };
 
-struct ClientVersion {
-  const char* version;
-  Client (*make)(const ClientArguments&);
-};
-constexpr ClientVersion CLIENT_VERSIONS[] = {
-    {"0",
-     [](const ClientArguments& with) -> Client {
-       return std::make_unique<CloudAuthV0>(with.url, with.version, with.user);
-     }},
-    {"1.0",
-     [](const ClientArguments& with) -> Client {
-       return std::make_unique<CloudAuthV1>(with.url, with.version, with.user);
-     }},
-};
+using MakeClient = Client (*)(const ClientArguments&);
+
+Client makeVersion0(const ClientArguments& with) {
+  return std::make_unique<CloudAuthV0>(with.url, with.version, with.user);
+}
+
+Client makeVersion1(const ClientArguments& with) {
+  return std::make_unique<CloudAuthV1>(with.url, with.version, with.user);
+}
+
+Client makeNewest(const ClientArguments& with) {
+  return std::make_unique<CloudAuthV1S>(with.url, with.version, with.user, with.uuid, with.iwaUrl, with.spn,
+                                        with.profile);
+}
+
+constexpr std::array<std::pair<std::string_view, MakeClient>, 2> VERSIONS{{
+    {"0", &makeVersion0},
+    {"1.0", &makeVersion1},
+}};
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
 
@@ -63,12 +70,8 @@ std::string findIwaUrl(const std::string& cloudUrl, std::string& spn) {
 }
 
 Client makeClient(const ClientArguments& with) {
-  const auto* const known = std::find_if(std::begin(CLIENT_VERSIONS), std::end(CLIENT_VERSIONS),
-                                         [&with](const ClientVersion& one) { return with.version == one.version; });
   try {
-    if (known != std::end(CLIENT_VERSIONS)) return known->make(with);
-    return std::make_unique<CloudAuthV1S>(with.url, with.version, with.user, with.uuid, with.iwaUrl, with.spn,
-                                          with.profile);
+    return lookedUp(VERSIONS, with.version, MakeClient{&makeNewest})(with);
   } catch (const std::bad_alloc&) {
     LUMO_THROW(BaseException, CLIENT_NOT_MADE, "Error in setting up communication with Morvane Identify Platform.");
   }

@@ -66,7 +66,6 @@ class Peer {
     m_replies.assign(replies.begin(), replies.end());
   }
   std::string url() const { return "http://" + m_server.address() + "/"; }
-  std::string tlsUrl() const { return "https://" + m_server.address() + "/"; }
   const HttpServer& server() const { return m_server; }
 
  private:

@@ -366,12 +366,13 @@ TEST_F(MachineSignInByProxy, OnlyTheConnectorIsReachedStraight) {
 }
 
 TEST_F(MachineSignInByProxy, ProxyIsTheOneThatThePoolHasThen) {
-  access.pool.setProxy(proxyInfo("127.0.0.1:1", "Basic", "carol", "word"));
+  const HttpServer other([](const HttpRequest&) { return httpReply("407 Proxy Authentication Required"); });
+  access.pool.setProxy(proxyInfo(other.address(), "Basic", "carol", "word"));
   records();
   askConnector(code());
-  EXPECT_THAT(records(), Contains("DEBUG Set CURL web proxy to: '127.0.0.1:1' with auth: 'Basic'."));
-  EXPECT_TRUE(hasOption(CURLOPT_PROXYUSERPWD));
-  EXPECT_THAT(failureOf([this] { client->getVersion(); }), HasSubstr("(7)"));
+  EXPECT_THAT(records(), Contains("DEBUG Set CURL web proxy to: '" + other.address() + "' with auth: 'Basic'."));
+  EXPECT_THAT(failureOf([this] { client->getVersion(); }), HasSubstr("(56)"));
+  EXPECT_EQ(other.requests().at(0).header("Proxy-Authorization"), "Basic Y2Fyb2w6d29yZA==");
 }
 
 TEST_F(MachineSignInByProxy, AfterARefusalItIsBackToo) {

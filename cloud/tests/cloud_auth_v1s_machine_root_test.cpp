@@ -90,7 +90,9 @@ class MachineSignInRoot : public NegotiateRoot {
   testsupport::TempFolder folder;
   const Certificate ofConnector = certificateFor(folder, "connector");
   const Certificate ofPlatform = certificateFor(folder, "platform");
-  HttpServer connector{[this](const HttpRequest& request) { return answerAtConnector(request); }, &ofConnector};
+  HttpServer connector{[this](const HttpRequest& request) { return answerAtConnector(request); }, &ofConnector,
+                       "127.0.0.1", 0, HttpServer::FromTheStart};
+  HttpServer plain{[this](const HttpRequest& request) { return answerAtConnector(request); }};
   HttpServer proxy{[this](const HttpRequest& request) { return answerAtProxy(request); }, &ofPlatform};
   std::string platformUrl = "https://" + proxy.address() + "/";
   const Setting store{lumo::PN::FERROD_CLOUD_CERT_STORE, ofPlatform.certificateFile};
@@ -119,7 +121,7 @@ TEST_F(MachineSignInRoot, MachineProvesItselfStraightToTheConnectorAndThePlatfor
 }
 
 TEST_F(MachineSignInRoot, LocatorOfTheAgentIsAskedAndTheOtherWordsOfTheBlockAreZero) {
-  begin("http://" + connector.address() + "/");
+  begin("http://" + plain.address() + "/");
   client->curl->serverGssCallbacks.initialCredentials = this;
   client->curl->serverGssCallbacks.initialCredentialsData = this;
   EXPECT_EQ(client->getMachineAuthToken(), 1);
@@ -131,11 +133,11 @@ TEST_F(MachineSignInRoot, LocatorOfTheAgentIsAskedAndTheOtherWordsOfTheBlockAreZ
 }
 
 TEST_F(MachineSignInRoot, EachSignInHasATicketOfItsOwn) {
-  begin("http://" + connector.address() + "/");
+  begin("http://" + plain.address() + "/");
   EXPECT_EQ(client->getMachineAuthToken(), 1);
   EXPECT_EQ(client->getMachineAuthToken(), 1);
   EXPECT_THAT(clients, ElementsAre(MACHINE, MACHINE));
-  const auto requests = connector.requests();
+  const auto requests = plain.requests();
   EXPECT_NE(requests.at(0).header("Authorization"), requests.at(1).header("Authorization"));
 }
 
@@ -164,7 +166,8 @@ TEST_F(MachineSignInRoot, NameOfTheConnectorIsVerifiedToo) {
   const Certificate other = makeCertificate(folder.path(), "elsewhere", options);
   trustIn(folder.file("trusted"), other);
   const Setting trusted(lumo::PN::FERROSEC_CERT_DIR, folder.file("trusted"));
-  const HttpServer elsewhere([](const HttpRequest&) { return httpReply("200 OK", {}, CODE); }, &other);
+  const HttpServer elsewhere([](const HttpRequest&) { return httpReply("200 OK", {}, CODE); }, &other, "127.0.0.1", 0,
+                             HttpServer::FromTheStart);
   begin("https://" + elsewhere.address() + "/");
   EXPECT_THAT(signInFailure(), HasSubstr("(60)"));
 }

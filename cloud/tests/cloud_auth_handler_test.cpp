@@ -169,17 +169,16 @@ TEST_F(CloudAuthHandler, WithoutAUrlItIsThatOfTheConnectors) {
                           HasSubstr("DEBUG IWA URL is: "), HasSubstr("DEBUG Set cloud web proxy to: ")));
 }
 
-TEST_F(CloudAuthHandler, UrlIsThatOfTheConnectorWhichTheSelectionComesTo) {
+TEST_F(CloudAuthHandler, WithoutAUrlAConnectorIsSelectedBeforeAnythingElse) {
+  const Setting direct(lumo::PN::CLOUD_DIRECT_CONNECTION, "true");
+  const Setting iwa(lumo::PN::CLOUD_IWA_URL_OVERRIDE, "https://own.forest.test:9443/");
   access().connectors["n1.forest.test"] = locatortest::connectorRecord(
       "n1.forest.test", {{LUMO_CLOUD_WEB_PROXYENABLED, "False"}, {LUMO_CLOUD_CONNECTOR_IWA_ENABLED, "False"}});
   access().connectors["n2.forest.test"] = locatortest::connectorRecord("n2.forest.test");
   access().currentSiteTryList = {"n1.forest.test", "n2.forest.test"};
-  try {
-    handlerFor("");
-  } catch (const lumo::CloudConnectorException&) {
-  }
-  EXPECT_THAT(access().discardedList, testing::Contains("n1.forest.test")) << "the selection came before anything else";
-  EXPECT_EQ(records().front(), std::string("DEBUG Cloud url is: ") + POD + ".");
+  const auto client = handlerFor("");
+  EXPECT_THAT(access().discardedList, ElementsAre("n1.forest.test")) << "nobody else asks for a connector";
+  EXPECT_EQ(ClientView::urlOf(*client), POD);
 }
 
 TEST_F(CloudAuthHandler, WithoutProxyAndConnectorThereIsNoClient) {

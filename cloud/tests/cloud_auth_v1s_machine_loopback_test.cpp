@@ -375,6 +375,13 @@ TEST_F(MachineSignInByProxy, ProxyIsTheOneThatThePoolHasThen) {
   EXPECT_EQ(other.requests().at(0).header("Proxy-Authorization"), "Basic Y2Fyb2w6d29yZA==");
 }
 
+TEST_F(MachineSignInByProxy, PasswordsAreBasicAgain) {
+  askConnector(code());
+  client->curl->setOpt(CURLOPT_USERPWD, "carol:word");
+  client->getVersion();
+  EXPECT_EQ(platform.server().requests().back().header("Authorization"), "Basic Y2Fyb2w6d29yZA==");
+}
+
 TEST_F(MachineSignInByProxy, AfterARefusalItIsBackToo) {
   askConnector(unauthorized());
   platform.script({success()});

@@ -7,9 +7,6 @@
 namespace {
 
 constexpr size_t MAX_HEADER_LINE = 102400;
-// No reply of the platform comes near it; a server that never ends must not take the memory of the host.
-constexpr size_t MAX_BODY_MIB = 256;
-constexpr size_t MAX_BODY = MAX_BODY_MIB << 20U;
 
 // The mark in front of a trace line, 0 for a type that is not traced.
 char traceMark(curl_infotype type) {
@@ -66,15 +63,10 @@ int CurlCallbacks::seek(void* object, curl_off_t offset, int origin) noexcept {
 size_t CurlCallbacks::write(char* data, size_t size, size_t count, void* object) noexcept {
   auto* self = static_cast<CurlObject*>(object);
   const size_t length = size * count;
-  // What has come so far is of no use when the body ends here; giving it back makes room for the report.
   try {
-    if (length > MAX_BODY - self->writeLength) {
-      self->dropBody();
-      LUMO_THROW(lumo::CurlException, -1, "The reply is larger than %zu MiB, which is more than this system takes",
-                 MAX_BODY_MIB);
-    }
     char* grown = grow(self->writeBuffer, self->writeCapacity, self->writeLength + length + 1);
     if (grown == nullptr) {
+      // What has come so far is of no use; giving it back makes room for the report.
       self->dropBody();
       LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl write buffer");
     }

@@ -80,8 +80,7 @@ class CurlObject {
 
   // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
   // any status counts as success. The body ends at its first zero byte. Throws CurlException "curl error occurred in
-  // curl_easy_perform: %s (%d)", "Not enough memory for curl write buffer" or, for a body of more than 256 MiB, "The
-  // reply is larger than %zu MiB, which is more than this system takes", lumo::SystemException when the default
+  // curl_easy_perform: %s (%d)" or "Not enough memory for curl write buffer", lumo::SystemException when the default
   // Kerberos credential cannot be barred, and what the GSS set-up function throws. Wipes its copy of the body.
   std::pair<long, std::string> perform(const std::string& url, const std::string& body, int post);
 

@@ -166,6 +166,8 @@ void CloudCurlPool::releaseCurl(CurlObject* curl) {
   }
   curl->forgetExchange();
   curl->clearProxy(true);
+  // Whoever gets the connection next must not act with it.
+  curl->forgetSession();
   LUMO_LOG(logger(), 1, "Release CURL connection:(%d) after cloud auth using.",
            static_cast<int>(std::distance(connections.begin(), found)));
   found->second.occupied = false;

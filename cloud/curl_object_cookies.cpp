@@ -65,6 +65,18 @@ void CurlObject::setCookie(const std::string& cookie) {
   setOpt(CURLOPT_COOKIE, cookie);
 }
 
+void CurlObject::forgetSession() {
+  const CurlList list = cookieList(handle);
+  for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
+    CookieLine line;
+    if (!line.parse(node->data) || line.name() != SESSION) continue;
+    std::string expired = line.expired();
+    const WipeAtEnd wipeLine(expired);
+    setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());
+  }
+  clearOpt(CURLOPT_COOKIE);
+}
+
 std::string CurlObject::cookie(const std::string& name) const {
   const CurlList list = cookieList(handle);
   CookieLine line;

@@ -46,14 +46,14 @@ class CloudCurlPool {
   void setConnProps();
 
   // A connection with the proxy of the last setProxy and the time zone of now, for the caller alone until releaseCurl.
-  // It keeps cookies, headers and trust settings from earlier use. Throws lumo::CloudConnException "Failed to get CURL
-  // handle for connection: connections exceeded." when as many as allowed are out, and CurlException when libcurl
-  // refuses or has no memory, and what CurlObject::setProxy throws.
+  // It keeps cookies but no session, headers and trust settings from earlier use. Throws lumo::CloudConnException
+  // "Failed to get CURL handle for connection: connections exceeded." when as many as allowed are out, and
+  // CurlException when libcurl refuses or has no memory, and what CurlObject::setProxy throws.
   CurlObject* getCurl(const std::string& userName, const std::string& programName);
 
-  // Takes a connection back: proxy, credential and Kerberos state of its user go, and the
-  // last reply. Null does nothing. A connection that
-  // reapCurls took away meanwhile is destroyed here and changes nothing else: its holder may use it up to this call.
+  // Takes a connection back: proxy, credential, Kerberos state and session cookie of its user go, and the last reply.
+  // Null does nothing. A connection that reapCurls took away meanwhile is destroyed here and changes nothing else: its
+  // holder may use it up to this call.
   void releaseCurl(CurlObject* curl);
 
   // Takes every idle connection away, and those that are out for longer than the time limit.

@@ -90,6 +90,8 @@ class CurlObject {
 
   // Sends the cookie with the following requests, in place of a session cookie that an earlier reply left.
   void setCookie(const std::string& cookie);
+  // From here on neither that cookie goes along nor a session cookie that a reply left; other cookies stay.
+  void forgetSession();
   // The value of a cookie that replies left: the first one of exactly that name, empty where there is none. One without
   // a value is passed over; a value ends at its first white space.
   std::string cookie(const std::string& name) const;

@@ -177,6 +177,29 @@ TEST_F(PoolLoopback, CookiesAndHeadersStayWithTheConnection) {
   EXPECT_EQ(exchange(proxyInfo(""), url), "|QRS|1|application/json") << "a new connection knows nothing";
 }
 
+TEST_F(PoolLoopback, SessionGoesWithItsUser) {
+  HttpServer server([](const HttpRequest& request) {
+    return httpReply("200 OK",
+                     {"Set-Cookie: .ASPXAUTH=deep; Path=/deep", "Set-Cookie: .ASPXAUTH=session; Path=/",
+                      "Set-Cookie: visits=1; Path=/"},
+                     request.header("Cookie"));
+  });
+  const std::string url = "http://" + server.address() + "/deep/page";
+  access.pool.setProxy(proxyInfo(""));
+  CurlObject* curl = access.pool.getCurl("alice", "login");
+  curl->perform(url, "", 0);
+  EXPECT_THAT(curl->perform(url, "", 0), Pair(200, ".ASPXAUTH=deep; .ASPXAUTH=session; visits=1"));
+  access.pool.releaseCurl(curl);
+  curl = access.pool.getCurl("bob", "login");
+  EXPECT_THAT(curl->perform(url, "", 0), Pair(200, "visits=1"));
+  curl->setCookie(".ASPXAUTH=bob;");
+  access.pool.releaseCurl(curl);
+  curl = access.pool.getCurl("carol", "login");
+  EXPECT_THAT(curl->perform(url, "", 0), Pair(200, "visits=1"));
+  EXPECT_EQ(curl->cookie(".ASPXAUTH"), "deep") << "carol's own";
+  access.pool.releaseCurl(curl);
+}
+
 TEST_F(PoolLoopback, ThreadsShareFourConnectionsWhileTheProxyChanges) {
   constexpr int THREADS = 8;
   constexpr int EXCHANGES = 12;

@@ -1,0 +1,130 @@
+// Every request of every login meets a reply that does not come, comes damaged or says no.
+#include "cloud/tests/cloud_auth_bad_reply.h"
+
+namespace {
+
+using namespace platformtest;
+using testing::AnyOf;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr long LIMIT_MS = 100;
+constexpr char CUT_BEFORE[] = R"("cut":"before","count":)";
+
+// Libcurl tells a peer that hung up without a word by either text.
+constexpr char NOTHING[] = "Server returned nothing (no headers, or data) (52)";
+constexpr char RESET[] = "Failure when receiving data from the peer (56)";
+
+std::string statusFault(int status) { return "\"status\":" + std::to_string(status); }
+
+}  // namespace
+
+TEST_F(Scenes, GoodRepliesAreGood) {
+  std::vector<Scene> all = ofThePlatform();
+  all.push_back(siteCheck());
+  for (const Scene& scene : all) {
+    EXPECT_EQ(outcomeOf(scene, ""), scene.good) << scene.name;
+    EXPECT_THAT(platform.surprises(), IsEmpty()) << scene.name;
+  }
+}
+
+TEST_F(Scenes, OtherStatusThan200IsARefusal) {
+  for (const Scene& scene : ofThePlatform()) {
+    for (const int status : {201, 204, 302, 401, 403, 404, 407, 500, 503}) {
+      EXPECT_EQ(outcomeOf(scene, statusFault(status)), scene.refused) << scene.name << " " << status;
+      EXPECT_EQ(outcomeOf(scene, statusFault(status) + R"(,"body":"{\"success\":true}")"), scene.refused) << scene.name;
+    }
+  }
+  for (const int status : {204, 302, 401, 403, 404, 407, 500}) {
+    EXPECT_EQ(outcomeOf(siteCheck(), statusFault(status)),
+              "CloudIwaException 9 SiteCheck HTTP code is not OK(" + std::to_string(status) + ").");
+  }
+}
+
+TEST_F(Scenes, ReplyWithoutSuccessIsARefusal) {
+  const std::vector<std::string> faults{
+      R"("refuse":{"ErrorID":"E","ErrorCode":"C","Message":"no","MessageID":"M"})",
+      R"("refuse":{"ErrorID":7,"ErrorCode":[],"Message":{},"MessageID":null})",
+      R"("empty":true)",
+      R"("broken":true)",
+      R"("body":"null")",
+      R"("body":"[]")",
+      R"("body":"[{\"success\":true}]")",
+      R"("body":"true")",
+      R"("body":"\"success\"")",
+      R"("body":"<html>{\"success\":true}</html>")",
+      R"("body":"{\"success\":true} {\"success\":true}")",
+      R"("body":"{\"success\":true,\"Result\":\"\uD800\"")",
+      R"("remove":"success")",
+      R"("set":"success","to":false)",
+      R"("set":"success","to":null)",
+      R"("set":"success","to":1)",
+      R"("set":"success","to":"")",
+      R"("set":"success","to":"true")",
+      R"("set":"success","to":"True")",
+      R"("set":"success","to":[true])",
+  };
+  for (const Scene& scene : ofThePlatform()) {
+    for (const std::string& fault : faults) EXPECT_EQ(outcomeOf(scene, fault), scene.refused) << scene.name << fault;
+  }
+}
+
+TEST_F(Scenes, HugeRepliesAreRead) {
+  for (const Scene& scene : ofThePlatform()) EXPECT_EQ(outcomeOf(scene, R"("huge":300000)"), scene.good) << scene.name;
+  EXPECT_EQ(outcomeOf(siteCheck(), R"("huge":300000)"), siteCheck().good);
+}
+
+TEST_F(Scenes, CutRepliesAreTransferFailures) {
+  std::vector<Scene> all = ofThePlatform();
+  all.push_back(siteCheck());
+  for (const Scene& scene : all) {
+    const auto nothing = AnyOf(transferFailure(scene, NOTHING), transferFailure(scene, RESET));
+    EXPECT_THAT(outcomeOf(scene, std::string(CUT_BEFORE) + "3"), nothing) << scene.name;
+    EXPECT_THAT(outcomeOf(scene, R"("cut":"headers")"), nothing) << scene.name;
+    EXPECT_EQ(outcomeOf(scene, R"("cut":"body")"), transferFailure(scene, "Transferred a partial file (18)"))
+        << scene.name;
+  }
+}
+
+// A kept connection may have ended meanwhile: the request is sent again on a new one, once.
+TEST_F(Scenes, ConnectionThatEndsBeforeTheReplyIsReplaced) {
+  for (const Scene& scene : ofThePlatform()) {
+    EXPECT_EQ(outcomeOf(scene, std::string(CUT_BEFORE) + "1"), scene.good) << scene.name;
+    EXPECT_THAT(platform.surprises(), IsEmpty()) << scene.name;
+  }
+}
+
+TEST_F(Scenes, TransferEndsAtItsTimeLimit) {
+  std::vector<Scene> all = ofThePlatform();
+  all.push_back(siteCheck());
+  for (const Scene& scene : all) {
+    for (const char* fault : {R"("hang":true)", R"("delay":60000)"}) {
+      if (fault[1] == 'd' && scene.name != "answer 1.0") continue;
+      std::unique_ptr<CloudAuth> login = begin(scene);
+      connection().setOpt(CURLOPT_TIMEOUT_MS, LIMIT_MS);
+      platform.fault(faultText(scene, fault));
+      const std::string outcome = outcomeOf(scene, *login);
+      EXPECT_EQ(outcome, transferFailure(scene, "Timeout was reached (28)")) << scene.name;
+      connection().setOpt(CURLOPT_TIMEOUT, 30);
+      end(scene, login, outcome);
+    }
+    EXPECT_EQ(outcomeOf(scene, R"("delay":10)"), scene.good) << scene.name;
+  }
+}
+
+// What the platform refused without having looked at it, it takes at the second attempt.
+TEST_F(Scenes, LoginGoesOnAfterAFailure) {
+  for (const Scene& scene : {policy0(), announce0(), page0(), password0(), poll0(), answer0(), start1(), answer1(),
+                             poll1(), package1(), siteCheck(), sso(), impersonate(), visit(), challenge(), proof()}) {
+    for (const std::string& fault :
+         {statusFault(500), std::string(R"("cut":"before","count":2)"), std::string(R"("refuse":{})")}) {
+      if (scene.endpoint == "SiteCheck" && fault[1] != 's') continue;
+      std::unique_ptr<CloudAuth> login = begin(scene);
+      platform.fault(faultText(scene, fault));
+      const std::string first = outcomeOf(scene, *login);
+      const std::string second = outcomeOf(scene, *login);
+      EXPECT_EQ(second, scene.good) << scene.name << " after " << first;
+      end(scene, login, first + second);
+    }
+  }
+}

@@ -149,7 +149,7 @@ std::string PlatformCore::machineName(const std::string& principal) {
 }
 
 std::string PlatformCore::mintCode(const std::string& machine) {
-  const std::string code = nextId("OTC-");
+  std::string code = nextId("OTC-");
   m_codes[code] = {machineName(machine), script.codeUses, endOf(script.codeSeconds)};
   return code;
 }

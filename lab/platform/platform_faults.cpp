@@ -39,7 +39,10 @@ std::string kindOf(const JsonValue& json) {
     const std::string name = stringOf(entry.name);
     if (others.count(name) != 0 || (hasStatus && name == "body")) continue;
     if (kinds().count(name) == 0) throw std::invalid_argument("a fault has no member '" + name + "'");
-    if (!kind.empty()) throw std::invalid_argument("a fault is either '" + kind + "' or '" + name + "'");
+    if (!kind.empty()) {
+      std::string words = "a fault is either '";
+      throw std::invalid_argument(words.append(kind).append("' or '").append(name).append("'"));
+    }
     kind = name;
   }
   if (kind.empty()) throw std::invalid_argument("the fault does not say what to do");

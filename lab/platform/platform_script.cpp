@@ -43,7 +43,7 @@ bool isLine(const std::string& line) {
 
 Factor readFactor(const std::string& text) {
   const size_t colon = text.find(':');
-  const Factor factor{text.substr(0, colon), colon == std::string::npos ? "" : text.substr(colon + 1)};
+  Factor factor{text.substr(0, colon), colon == std::string::npos ? "" : text.substr(colon + 1)};
   for (const char* name : factorNames()) {
     const bool lineFits = factor.line.empty() || (factor.name == "PF" && isLine(factor.line));
     if (factor.name == name && lineFits) return factor;

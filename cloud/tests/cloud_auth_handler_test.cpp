@@ -172,12 +172,9 @@ TEST_F(CloudAuthHandler, WithoutAUrlItIsThatOfTheConnectors) {
 TEST_F(CloudAuthHandler, WithoutAUrlAConnectorIsSelectedBeforeAnythingElse) {
   const Setting direct(lumo::PN::CLOUD_DIRECT_CONNECTION, "true");
   const Setting iwa(lumo::PN::CLOUD_IWA_URL_OVERRIDE, "https://own.forest.test:9443/");
-  access().connectors["n1.forest.test"] = locatortest::connectorRecord(
-      "n1.forest.test", {{LUMO_CLOUD_WEB_PROXYENABLED, "False"}, {LUMO_CLOUD_CONNECTOR_IWA_ENABLED, "False"}});
-  access().connectors["n2.forest.test"] = locatortest::connectorRecord("n2.forest.test");
-  access().currentSiteTryList = {"n1.forest.test", "n2.forest.test"};
+  ASSERT_EQ(access().connectorPort, "");
   const auto client = handlerFor("");
-  EXPECT_THAT(access().discardedList, ElementsAre("n1.forest.test")) << "nobody else asks for a connector";
+  EXPECT_EQ(access().connectorPort, "8080") << "the selection fills it, and nobody else asks for a connector";
   EXPECT_EQ(ClientView::urlOf(*client), POD);
 }
 

@@ -11,11 +11,12 @@ ConnectorVisit::ConnectorVisit(CurlObject& lent) : m_connection(lent) {
 }
 
 ConnectorVisit::~ConnectorVisit() {
-  // The transfer may have thrown, and the handle is about to go.
-  m_connection.clearOpt(CURLOPT_PROXY_GSS_CRED);
+  // The transfer may have thrown, and the handle is about to go. Behind putBack the option is the proxy's.
+  if (m_isThere) m_connection.clearOpt(CURLOPT_PROXY_GSS_CRED);
 }
 
 void ConnectorVisit::negotiateFor(const std::string& spn) {
+  m_isThere = true;
   m_connection.clearProxy(false);
   // A session of the platform, perhaps a former user's, is nothing for a connector's eyes.
   m_connection.clearOpt(CURLOPT_COOKIE);
@@ -48,6 +49,7 @@ void ConnectorVisit::putBack(const CloudProxyInfo& proxy) {
   m_connection.clearOpt(CURLOPT_USERNAME);
   m_connection.setProxy(proxy.proxyServer, proxy.proxyAuth, proxy.proxyUser, proxy.proxyPassword);
   if (m_trustsFolder) m_connection.clearOpt(CURLOPT_CAPATH);
+  m_isThere = false;
 }
 
 EmbeddedObject findEmbeddedObject(std::string_view text) {

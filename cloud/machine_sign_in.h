@@ -46,6 +46,7 @@ class ConnectorVisit {
 
   CurlObject& m_connection;
   lumo::GSSCredential m_credential;
+  bool m_isThere = false;  // turned to the connector
   bool m_trustsFolder = false;
 };
 

@@ -1,8 +1,5 @@
 // The machine's sign-in: what goes to connector and platform, what is logged, what fails how.
-#include <algorithm>
-
-#include "cloud/tests/cloud_auth_v1s_fixture.h"
-#include "testsupport/setting.h"
+#include "cloud/tests/cloud_auth_v1s_machine_sign_in.h"
 
 using namespace v1stest;
 using testing::AllOf;
@@ -25,38 +22,6 @@ const std::string NO_CONNECTOR =
     "Morvane support for help.";
 const std::string NO_SESSION =
     "FATAL Morvane Identity Platform failed to authenticate the UNIX server. Please contact Morvane support for help.";
-
-const std::set<int> GSS_OPTIONS = {CURLOPT_PROXY_GSS_CRED, CURLOPT_PROXY_GSS_SPN, CURLOPT_PROXY_GSS_SETUP_FUNCTION,
-                                   CURLOPT_PROXY_GSS_SETUP_DATA};
-
-class MachineSignInLoopback : public V1STest {
- protected:
-  // 1 or 0, and what came out.
-  int askConnector(const HttpReply& reply) {
-    connector.script({reply});
-    otc = "before";
-    errorMessage = "before";
-    return client->siteCheck(otc, errorMessage);
-  }
-  std::string siteCheckLine(int status) const {
-    return "DEBUG siteCheck: URL = " + connector.url() +
-           "iwa/SiteCheck, SPN = HTTP/connector.example.test@EXAMPLE.TEST, httpCode = " + std::to_string(status);
-  }
-  std::string signInFailure() {
-    return failureOf([this] { client->getMachineAuthToken(); });
-  }
-  bool hasOption(int option) const { return client->curl->recordedOptions().count(option) != 0; }
-  Texts fatal() {
-    Texts some = records();
-    some.erase(std::remove_if(some.begin(), some.end(), [](auto& text) { return text.compare(0, 5, "FATAL") != 0; }),
-               some.end());
-    return some;
-  }
-
-  std::string otc;
-  std::string errorMessage;
-};
-
 const std::string UNPROXIED = "DEBUG Set CURL web proxy to: '' with auth: ''.";
 
 }  // namespace
@@ -337,100 +302,4 @@ TEST_F(MachineSignInLoopback, BrokenTransferOfTheImpersonationHasItsCode) {
   platform.script({cut()});
   EXPECT_EQ(failureOf([this] { client->startImpersonate(); }), "CurlException 8 " + CUT_SHORT);
   EXPECT_THAT(ownRecords(), IsEmpty());
-}
-
-// The road of the exchanges.
-
-class MachineSignInByProxy : public MachineSignInLoopback {
- protected:
-  MachineSignInByProxy() {
-    access.pool.setProxy(proxyInfo(platform.server().address()));
-    begin();
-  }
-  std::string throughProxy(const Peer& to) const { return "platform CONNECT " + to.server().address(); }
-};
-
-TEST_F(MachineSignInByProxy, OnlyTheConnectorIsReachedStraight) {
-  connector.script({code()});
-  platform.script({success(), session("machine")});
-  client->getVersion();
-  const std::set<int> before = client->curl->recordedOptions();
-  EXPECT_EQ(client->getMachineAuthToken(), 1);
-  EXPECT_THAT(journal.take(),
-              ElementsAre(throughProxy(platform), "platform GET /sysinfo/version", "connector GET /iwa/SiteCheck",
-                          throughProxy(platform), "platform GET /security/sso?OneTimePass=CODE-1"));
-  EXPECT_THAT(records(), Contains("DEBUG Set CURL web proxy to: '" + platform.server().address() + "' with auth: ''."));
-  std::set<int> after = client->curl->recordedOptions();
-  EXPECT_EQ(after.erase(CURLOPT_HTTPAUTH), 1U);
-  EXPECT_EQ(after, before) << "neither user, nor credential, nor folder of certificates";
-}
-
-TEST_F(MachineSignInByProxy, ProxyIsTheOneThatThePoolHasThen) {
-  const HttpServer other([](const HttpRequest&) { return httpReply("407 Proxy Authentication Required"); });
-  access.pool.setProxy(proxyInfo(other.address(), "Basic", "carol", "word"));
-  records();
-  askConnector(code());
-  EXPECT_THAT(records(), Contains("DEBUG Set CURL web proxy to: '" + other.address() + "' with auth: 'Basic'."));
-  EXPECT_THAT(failureOf([this] { client->getVersion(); }), HasSubstr("(56)"));
-  EXPECT_EQ(other.requests().at(0).header("Proxy-Authorization"), "Basic Y2Fyb2w6d29yZA==");
-}
-
-TEST_F(MachineSignInByProxy, PasswordsAreBasicAgain) {
-  askConnector(code());
-  client->curl->setOpt(CURLOPT_USERPWD, "carol:word");
-  client->getVersion();
-  EXPECT_EQ(platform.server().requests().back().header("Authorization"), "Basic Y2Fyb2w6d29yZA==");
-}
-
-TEST_F(MachineSignInByProxy, AfterARefusalItIsBackToo) {
-  askConnector(unauthorized());
-  platform.script({success()});
-  client->getVersion();
-  EXPECT_THAT(journal.take(),
-              ElementsAre("connector GET /iwa/SiteCheck", throughProxy(platform), "platform GET /sysinfo/version"));
-}
-
-TEST_F(MachineSignInByProxy, AfterABrokenTransferItStaysAway) {
-  const testsupport::Setting folder(lumo::PN::FERROSEC_CERT_DIR, "/nowhere");
-  connector.script({cut()});
-  EXPECT_EQ(signInFailure(), "CurlException 8 " + CUT_SHORT);
-  EXPECT_FALSE(hasOption(CURLOPT_PROXY));
-  EXPECT_TRUE(hasOption(CURLOPT_USERNAME));
-  EXPECT_TRUE(hasOption(CURLOPT_CAPATH));
-  EXPECT_FALSE(hasOption(CURLOPT_PROXY_GSS_CRED)) << "the credential is gone";
-  platform.script({success()});
-  client->getVersion();
-  EXPECT_THAT(journal.take(), ElementsAre("connector GET /iwa/SiteCheck", "platform GET /sysinfo/version"));
-  EXPECT_EQ(platform.server().requests().back().header("Authorization"), "");
-}
-
-TEST_F(MachineSignInByProxy, NextHolderOfTheConnectionTrustsTheConnectorsNoMore) {
-  connector.script({cut()});
-  signInFailure();
-  CurlObject* const used = client->curl;
-  client->releaseCurl();
-  client->getCurl("bob", "login");
-  ASSERT_EQ(client->curl, used);
-  EXPECT_FALSE(hasOption(CURLOPT_CAPATH));
-  EXPECT_TRUE(hasOption(CURLOPT_PROXY));
-}
-
-// A directory that is away: the name of a proxy's service cannot be had.
-class DeadDirectory : public DirectoryConnector {
- public:
-  std::unique_ptr<DirectoryConnection> open(const Target&) override {
-    LUMO_THROW(LDAPException, 81, "The directory is away.");
-  }
-  std::string site(const std::string&) override { return {}; }
-};
-
-TEST_F(MachineSignInByProxy, ProxyThatCannotBeSetIsAnInternalErrorAndNoCredentialStays) {
-  access.pool.setProxy(proxyInfo(platform.server().address(), "basic", "carol", "word"));
-  DeadDirectory dead;
-  DirectoryConnector::setInstance(&dead);
-  connector.script({code()});
-  EXPECT_EQ(signInFailure(), "CloudIwaException 9 Internal error. Error message: The directory is away.");
-  DirectoryConnector::setInstance(&directory);
-  EXPECT_THAT(fatal(), ElementsAre(NO_CODE));
-  for (const int option : GSS_OPTIONS) EXPECT_FALSE(hasOption(option)) << option;
 }

@@ -179,6 +179,8 @@ int CloudAuthV1S::startChallenge() {
 }
 
 int CloudAuthV1S::advanceAuthentication(const std::string& mechanismId, const int& action, const std::string& answer) {
+  // The connection may have been given back and taken anew since the start, without the session.
+  useSession(*curl, userCookie);
   const int result = CloudAuthV1::advanceAuthentication(mechanismId, action, answer);
   if (result != AUTH_DONE) return result;
   int status = 0;

@@ -123,7 +123,7 @@ bool NegotiateExchange::step(const std::string& input, std::string& output) {
       gss_init_sec_context(&minor, m_credential, &m_context, m_name, &spnegoMechanism, WANTED_FLAGS, 0,
                            GSS_C_NO_CHANNEL_BINDINGS, &view, nullptr, &token.buffer, nullptr, nullptr);
   if (GSS_ERROR(major)) {
-    LUMO_LOG(logger(), 1, "Negotiate exchange failed: %s", statusText(major, minor).c_str());
+    LUMO_LOG(logger(), 3, "Negotiate exchange failed: %s", statusText(major, minor).c_str());
     return false;
   }
   m_established = major == GSS_S_COMPLETE;

@@ -1,58 +1,83 @@
 #include "cloud/json_body.h"
 
 #include <rapidjson/writer.h>
-#include <strings.h>
 
 #include <algorithm>
 
+#include "cloud/wipe.h"
+
 namespace {
 
-// What a writer writes to, in memory that is wiped.
-struct LockedStream {
+// What a writer writes to: first to learn the length, so that the text never grows and leaves a piece behind.
+struct LengthStream {
+  using Ch = char;
+  void Put(char) { ++length; }
+  void Flush() {}
+
+  std::size_t length = 0;
+};
+
+struct TextStream {
   using Ch = char;
   void Put(char c) { text += c; }
   void Flush() {}
 
-  lumo::Shredder2 text;
+  std::string& text;
 };
-
-auto named(const std::string& name) {
-  return [&name](const JsonBody::Member& member) { return member.first == name; };
-}
 
 }  // namespace
 
-JsonBody::~JsonBody() { wipeText(); }
+JsonBody::Member::~Member() { wipe(plain); }
 
-void JsonBody::wipeText() noexcept {
-  if (!m_text.empty()) explicit_bzero(&m_text[0], m_text.size());
-  m_text.clear();
+std::string_view JsonBody::Member::value() const {
+  if (locked.empty()) return plain;
+  return {locked.data(), locked.size()};
+}
+
+JsonBody::~JsonBody() { wipe(m_text); }
+
+// The member of that name, a new one where there is none.
+JsonBody::Member& JsonBody::emptied(const std::string& name) {
+  auto found =
+      std::find_if(m_members.begin(), m_members.end(), [&name](const Member& member) { return member.name == name; });
+  if (found == m_members.end()) found = m_members.emplace(found, name);
+  wipe(found->plain);
+  found->locked.clear();
+  return *found;
 }
 
 JsonBody& JsonBody::set(const std::string& name, const lumo::Shredder2& value) {
-  const auto found = std::find_if(m_members.begin(), m_members.end(), named(name));
-  if (found != m_members.end()) {
-    found->second = value;
-  } else {
-    m_members.emplace_back(name, value);
-  }
+  emptied(name).locked = value;
+  return *this;
+}
+
+JsonBody& JsonBody::set(const std::string& name, const std::string& value) {
+  emptied(name).plain = value;
   return *this;
 }
 
 void JsonBody::remove(const std::string& name) {
-  m_members.erase(std::remove_if(m_members.begin(), m_members.end(), named(name)), m_members.end());
+  m_members.remove_if([&name](const Member& member) { return member.name == name; });
 }
 
-const std::string& JsonBody::text() {
-  LockedStream stream;
-  rapidjson::Writer<LockedStream> writer(stream);
+template <class Stream>
+void JsonBody::write(Stream& stream) const {
+  rapidjson::Writer<Stream> writer(stream);
   writer.StartObject();
-  for (const auto& [name, value] : m_members) {
-    writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+  for (const Member& member : m_members) {
+    writer.Key(member.name.data(), static_cast<rapidjson::SizeType>(member.name.size()));
+    const std::string_view value = member.value();
     writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
   }
   writer.EndObject();
-  wipeText();
-  m_text.assign(stream.text.data(), stream.text.size());
+}
+
+const std::string& JsonBody::text() {
+  LengthStream measured;
+  write(measured);
+  wipe(m_text);
+  m_text.reserve(measured.length);
+  TextStream stream{m_text};
+  write(stream);
   return m_text;
 }

@@ -44,7 +44,7 @@ class CloudAuthClockLab : public CloudAuthFaultsLab {
     const testsupport::TempFolder folder;
     testsupport::writeFile(folder.file("clock"), "+0\n");
     testsupport::ProcessOptions options;
-    options.environment = {{"LD_PRELOAD", "/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1"},
+    options.environment = {{"LD_PRELOAD", "/usr/$LIB/faketime/libfaketimeMT.so.1"},
                            {FILE_VARIABLE, folder.file("clock")},
                            {"FAKETIME_NO_CACHE", "1"},
                            {"FAKETIME_DONT_FAKE_MONOTONIC", "1"}};

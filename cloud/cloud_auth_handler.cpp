@@ -15,6 +15,7 @@
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/opx.h"
 #include "cloud/lookup.h"
+#include "cloud/machine_sign_in.h"
 
 namespace {
 
@@ -59,13 +60,6 @@ std::string urlOfConnectors() {
   CloudConnectorLocator::getInstance(std::string())->getCloudConnector();
   std::string url = CloudConnectorLocator::getInstance(std::string())->cloudUrl();
   LUMO_LOG(logger(), 1, "Cloud url is: %s.", url.c_str());
-  return url;
-}
-
-std::string findIwaUrl(const std::string& cloudUrl, std::string& spn) {
-  std::string url = lumo::Props(false, false).getProperty(lumo::PN::CLOUD_IWA_URL_OVERRIDE);
-  if (url.empty()) return CloudConnectorLocator::getInstance(cloudUrl)->getIwaUrl(spn);
-  spn = GetSPNFromIwaURL(url);
   return url;
 }
 

@@ -2,6 +2,7 @@
 
 #include "cloud/cloud_auth_v0_phone.h"
 #include "cloud/json_body.h"
+#include "cloud/wipe.h"
 
 namespace {
 
@@ -64,6 +65,7 @@ int CloudAuthV0::advanceAuthentication(const std::string& mechanismId, const int
   if (action == ACTION_START_OOB) return AUTH_PENDING;
   if (action == ACTION_POLL) {
     std::string code;
+    const WipeAtEnd wipeCode(code);
     if (pollMechanism(mechanismId, code) == 0) return AUTH_PENDING;
     return postAnswer(mechanismId, code) != 0 ? AUTH_DONE : AUTH_FAILED;
   }

@@ -45,19 +45,6 @@ constexpr char NO_CHALLENGES[] =
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
 
-rapidjson::Value::StringRefType borrowed(const std::string& text) {
-  return {text.data(), static_cast<rapidjson::SizeType>(text.size())};
-}
-
-// One member for each pair, also for a name that comes twice.
-std::string jsonOf(const CloudAuth::Payload& pairs) {
-  rapidjson::Document object(rapidjson::kObjectType);
-  for (const auto& [name, value] : pairs) object.AddMember(borrowed(name), borrowed(value), object.GetAllocator());
-  std::string text;
-  CloudAuth::jsonToString(text, object);
-  return text;
-}
-
 }  // namespace
 
 CloudAuthV1S::CloudAuthV1S(const std::string& url, const std::string& restVersion, const std::string& user,
@@ -82,7 +69,9 @@ CloudAuthV1S::~CloudAuthV1S() {
 }
 
 void CloudAuthV1S::setCookie(const int& kind, const std::string& value) {
-  (kind == COOKIE_MACHINE ? machineCookie : userCookie) = value;
+  std::string& cookie = kind == COOKIE_MACHINE ? machineCookie : userCookie;
+  wipe(cookie);
+  cookie = value;
 }
 
 std::string CloudAuthV1S::getCookie(const int& kind) { return kind == COOKIE_MACHINE ? machineCookie : userCookie; }
@@ -151,9 +140,12 @@ int CloudAuthV1S::visitEndpoint(bool withChallenge, bool sendsPayload) {
 int CloudAuthV1S::startMfa(int& status, std::string& errorId, std::string& reason, const bool& withChallenge,
                            const Payload* newPayload) {
   const bool maySend = lumo::Props(false, false).getBool(lumo::PN::FERROD_CLOUD_MFA_PAYLOADS, true);
-  useSession(*curl, userCookie);
+  useSession(heldCurl(), userCookie);
   // Without a new one the second visit repeats what the first one sent.
-  if (newPayload != nullptr && !newPayload->empty()) payload = jsonOf(*newPayload);
+  if (newPayload != nullptr && !newPayload->empty()) {
+    wipe(payload);
+    payload = jsonOf(*newPayload);
+  }
   if (visitEndpoint(withChallenge, maySend && !payload.empty()) != 0) return 1;
   status = static_cast<int>(getHttpCode());
   LUMO_LOG(logger(), 1, "startMfa: authProfileType = %d, success = %d, httpCode = %d", authProfileType, 0, status);
@@ -168,7 +160,7 @@ int CloudAuthV1S::startMfa(int& status, std::string& errorId, std::string& reaso
 }
 
 int CloudAuthV1S::startChallenge() {
-  useSession(*curl, userCookie);
+  useSession(heldCurl(), userCookie);
   JsonBody body;
   body.set("ChallengeStateId", challengeId).set("Version", "1.0");
   const int result = post(startChallengeUrl, body.text());
@@ -180,7 +172,7 @@ int CloudAuthV1S::startChallenge() {
 
 int CloudAuthV1S::advanceAuthentication(const std::string& mechanismId, const int& action, const std::string& answer) {
   // The connection may have been given back and taken anew since the start, without the session.
-  useSession(*curl, userCookie);
+  useSession(heldCurl(), userCookie);
   const int result = CloudAuthV1::advanceAuthentication(mechanismId, action, answer);
   if (result != AUTH_DONE) return result;
   int status = 0;

@@ -44,7 +44,7 @@ boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", fals
 }  // namespace
 
 int CloudAuthV1S::siteCheck(std::string& otc, std::string& errorMessage) {
-  ConnectorVisit visit(*curl);
+  ConnectorVisit visit(heldCurl());
   std::tie(httpCode, responseBody) = visit.ask(siteCheckUrl, spn);
   const CloudProxyInfo proxy = CloudCurlPool::getInstance().getProxy();
   LUMO_LOG(logger(), 1, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
@@ -86,6 +86,7 @@ int CloudAuthV1S::sso(const std::string& otc) {
   const int result = getMasked(url, ssoUrl + ONE_TIME_PASS + HIDDEN);
   LUMO_LOG(logger(), 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return 0;
+  wipe(machineCookie);
   machineCookie = curl->cookie(SESSION_COOKIE);
   LUMO_LOG(logger(), 1, "sso: cookieExist = %d", machineCookie.empty() ? 0 : 1);
   return 1;
@@ -97,12 +98,15 @@ int CloudAuthV1S::startImpersonate() {
   body.set("username", userName);
   int result = 0;
   try {
-    useSession(*curl, machineCookie);
+    useSession(heldCurl(), machineCookie);
     result = post(startImpersonateUrl, body.text());
   } catch (const lumo::CurlException& failure) {
     passOn(failure);
   }
-  if (result != 0) userCookie = curl->cookie(SESSION_COOKIE);
+  if (result != 0) {
+    wipe(userCookie);
+    userCookie = curl->cookie(SESSION_COOKIE);
+  }
   LUMO_LOG(logger(), 1, "startImpersonate: result = %d, httpCode = %ld, cookieExist = %d", result, httpCode,
            userCookie.empty() ? 0 : 1);
   return result;
@@ -111,6 +115,8 @@ int CloudAuthV1S::startImpersonate() {
 int CloudAuthV1S::askConnector(std::string& otc, std::string& errorMessage) {
   try {
     return siteCheck(otc, errorMessage);
+  } catch (const lumo::CloudIwaException&) {
+    throw;
   } catch (const lumo::CurlException& failure) {
     LUMO_LOG(logger(), 5, NO_CONNECTOR);
     passOn(failure);

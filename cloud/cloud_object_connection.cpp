@@ -1,3 +1,4 @@
+#include <exception>
 #include <memory>
 
 #include "base/include/logger.h"
@@ -8,6 +9,7 @@
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx.h"
+#include "cloud/wipe.h"
 
 namespace {
 
@@ -32,9 +34,10 @@ void setTrust(CurlObject& curl, std::string& certStore) {
 }  // namespace
 
 CloudBase::~CloudBase() {
+  wipe(responseBody);
   try {
     releaseCurl();
-  } catch (const LUMOException& failure) {
+  } catch (const std::exception& failure) {
     LUMO_LOG(logger(), 3, "A connection could not be given back: %s", failure.what());
   }
 }

@@ -164,10 +164,18 @@ void CloudCurlPool::releaseCurl(CurlObject* curl) {
                 taken.end());
     return;
   }
-  curl->forgetExchange();
-  curl->clearProxy(true);
-  // Whoever gets the connection next must not act with it.
-  curl->forgetSession();
+  try {
+    curl->forgetExchange();
+    curl->clearProxy(true);
+    // Whoever gets the connection next must not act with it.
+    curl->forgetSession();
+  } catch (...) {
+    // With something of its user left in it nobody else may get it.
+    delete curl;
+    connections.erase(found);
+    --occupiedCount;
+    throw;
+  }
   LUMO_LOG(logger(), 1, "Release CURL connection:(%d) after cloud auth using.",
            static_cast<int>(std::distance(connections.begin(), found)));
   found->second.occupied = false;

@@ -27,6 +27,20 @@ struct TextStream {
 
 }  // namespace
 
+std::string jsonOf(const std::list<std::pair<std::string, std::string>>& pairs) {
+  const auto length = [](const std::string& text) { return static_cast<rapidjson::SizeType>(text.size()); };
+  std::string text;
+  TextStream stream{text};
+  rapidjson::Writer<TextStream> writer(stream);
+  writer.StartObject();
+  for (const auto& [name, value] : pairs) {
+    writer.Key(name.data(), length(name));
+    writer.String(value.data(), length(value));
+  }
+  writer.EndObject();
+  return text;
+}
+
 JsonBody::Member::~Member() { wipe(plain); }
 
 std::string_view JsonBody::Member::value() const {

@@ -8,6 +8,9 @@
 
 #include "base/include/shredder.h"
 
+// A JSON object of strings as compact text, one member for each pair, also for a name that comes twice.
+std::string jsonOf(const std::list<std::pair<std::string, std::string>>& pairs);
+
 // Members stand in the order in which their names came first. One thread at a time.
 class JsonBody {
  public:

@@ -3,8 +3,16 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "cloud/cloud_object_certs.h"
+#include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/wipe.h"
+
+std::string findIwaUrl(const std::string& platformUrl, std::string& spn) {
+  std::string url = lumo::Props(false, false).getProperty(lumo::PN::CLOUD_IWA_URL_OVERRIDE);
+  if (url.empty()) return CloudConnectorLocator::getInstance(platformUrl)->getIwaUrl(spn);
+  spn = GetSPNFromIwaURL(url);
+  return url;
+}
 
 ConnectorVisit::ConnectorVisit(CurlObject& lent) : m_connection(lent) {
   m_credential.acquireCred(ADHelper::GetMachineCredCache().c_str());
@@ -19,7 +27,7 @@ void ConnectorVisit::negotiateFor(const std::string& spn) {
   m_isThere = true;
   m_connection.clearProxy(false);
   // A session of the platform, perhaps a former user's, is nothing for a connector's eyes.
-  m_connection.clearOpt(CURLOPT_COOKIE);
+  m_connection.forgetSession();
   m_connection.setOpt(CURLOPT_PROXY_GSS_CRED, m_credential.get());
   m_connection.setOpt(CURLOPT_PROXY_GSS_SPN, spn);
   m_connection.setOpt(CURLOPT_PROXY_GSS_SETUP_FUNCTION, &serverGssSetup);

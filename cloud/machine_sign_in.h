@@ -22,6 +22,11 @@ inline constexpr char SITE_CHECK_CODE[] = "otc";
 inline constexpr char ONE_TIME_PASS[] = "?OneTimePass=";
 inline constexpr char HIDDEN[] = "(hidden)";
 
+// Where this machine signs in, and `spn`, the name of the service there: `ferrod.cloud.iwa.url`, else the IWA URL of
+// the connector in use. Empty where there is none. Throws what CloudConnectorLocator throws. `platformUrl` as for its
+// getInstance.
+std::string findIwaUrl(const std::string& platformUrl, std::string& spn);
+
 // One exchange with a connector over somebody's connection: straight to it, as the machine. Once the object is gone, no
 // option of the connection names the credential. One thread; the connection outlives the object.
 class ConnectorVisit {

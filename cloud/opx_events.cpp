@@ -1,13 +1,11 @@
 // The privilege events: stored on the agent's threads, sent on the queue's.
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <boost/make_shared.hpp>
 #include <chrono>
 
 #include "basalt/clock.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
+#include "cloud/json_body.h"
 #include "cloud/machine_sign_in.h"
 #include "cloud/opx_handler.h"
 #include "cloud/opx_lock.h"
@@ -23,20 +21,6 @@ std::vector<OPXProcessor::Event> privEvents;  // under opxLock
 
 long secondsNow() { return static_cast<long>(std::chrono::system_clock::to_time_t(Clock::getInstance().now())); }
 
-// A name that comes twice stands twice.
-std::string textOf(const OPXProcessor::Event& event) {
-  const auto length = [](const std::string& text) { return static_cast<rapidjson::SizeType>(text.size()); };
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-  writer.StartObject();
-  for (const auto& [name, value] : event) {
-    writer.Key(name.data(), length(name));
-    writer.String(value.data(), length(value));
-  }
-  writer.EndObject();
-  return {buffer.GetString(), buffer.GetSize()};
-}
-
 }  // namespace
 
 void OPXHandler::run() {
@@ -48,8 +32,8 @@ void OPXHandler::run() {
 }
 
 void OPXProcessor::handleLogPrivEvent(const Event& event) {
-  const auto log = getLogger(OPX_LOGGER, false);
   try {
+    const auto log = getLogger(OPX_LOGGER, false);
     {
       const Lock lock(opxLock);
       privEvents.push_back(event);
@@ -61,13 +45,19 @@ void OPXProcessor::handleLogPrivEvent(const Event& event) {
   } catch (const EndOfFileException&) {
     // The queue is shutting down.
   } catch (const std::exception& failure) {
-    LUMO_LOG(log, 4, "Failed to send out LogPrivEvent message to OPX handler: %s", failure.what());
+    LUMO_LOG(getLogger(OPX_LOGGER, false), 4, "Failed to send out LogPrivEvent message to OPX handler: %s",
+             failure.what());
   }
 }
 
 std::vector<OPXProcessor::Event> OPXProcessor::waitingEvents() {
   const Lock lock(opxLock);
   return privEvents;
+}
+
+bool OPXProcessor::hasEvents() {
+  const Lock lock(opxLock);
+  return !privEvents.empty();
 }
 
 void OPXProcessor::dropEvents() {
@@ -77,7 +67,7 @@ void OPXProcessor::dropEvents() {
 
 void OPXProcessor::postLogPrivEvent() {
   LUMO_LOG(logger, 1, "postLogPrivEvent() runs...");
-  if (waitingEvents().empty()) return;
+  if (!hasEvents()) return;
   if (machineCookie.empty()) {
     LUMO_LOG(logger, 1, "Machine cookie not ready, will fetch");
     // A copy: initProc stores what it is given there.
@@ -95,9 +85,9 @@ void OPXProcessor::cloudLogPrivEvent() {
   LUMO_LOG(logger, 1, "process a privilege event");
   const std::vector<Event> events = waitingEvents();
   if (events.empty()) return;
-  useSession(*curl, machineCookie);
+  useSession(heldCurl(), machineCookie);
   for (const Event& event : events) {
-    const int result = post(url, textOf(event));
+    const int result = post(url, jsonOf(event));
     LUMO_LOG(logger, 1, "LogPrivEvent: result = %d, httpCode = %ld", result, httpCode);
     if (result != 0) continue;
     wipe(machineCookie);

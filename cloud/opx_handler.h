@@ -1,7 +1,6 @@
 // The queue item that has stored privilege events sent. Internal to the processor.
 #pragma once
 
-#include <ctime>
 #include <string>
 
 #include "basalt/run_queue.h"

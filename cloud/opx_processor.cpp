@@ -1,6 +1,8 @@
 // The processor itself: the one of the process, its connection, how replies are judged.
 #include "cloud/include/opx_processor.h"
 
+#include <utility>
+
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "cloud/include/cloud_auth.h"
@@ -17,7 +19,8 @@ namespace {
 constexpr long HTTP_OK = 200;
 constexpr char CLASS_NAME[] = "lumo::OPXException";
 
-std::unique_ptr<OPXProcessor> processorInstance;
+// Outlives the statics of other files, as the queue's thread may at the end of the process.
+OPXProcessor* processorInstance = nullptr;
 
 }  // namespace
 
@@ -29,9 +32,13 @@ OPXProcessor::~OPXProcessor() {
   curl = nullptr;
 }
 
-void OPXProcessor::createProcessor() { processorInstance.reset(new OPXProcessor()); }
+void OPXProcessor::createProcessor() {
+  std::unique_ptr<OPXProcessor> made(new OPXProcessor());
+  destroyProcessor();
+  processorInstance = made.release();
+}
 
-void OPXProcessor::destroyProcessor() { processorInstance.reset(); }
+void OPXProcessor::destroyProcessor() { delete std::exchange(processorInstance, nullptr); }
 
 void OPXProcessor::checkEnabled() {
   if (!Props(false, false).getBool(PN::FERROD_CLOUD_LOG_PRIVEVENT, false)) {
@@ -41,15 +48,13 @@ void OPXProcessor::checkEnabled() {
 
 OPXProcessor* OPXProcessor::getInstance() {
   checkEnabled();
-  if (!processorInstance) throw OPXException(__FILE__, __LINE__, "OPX is not ready.", CLASS_NAME, 1);
-  return processorInstance.get();
+  if (processorInstance == nullptr) throw OPXException(__FILE__, __LINE__, "OPX is not ready.", CLASS_NAME, 1);
+  return processorInstance;
 }
 
 void OPXProcessor::cloudSetup() {
-  if (!ownCurl) {
-    ownCurl = std::make_unique<CurlObject>();
-    curl = ownCurl.get();
-  }
+  if (!ownCurl) ownCurl = std::make_unique<CurlObject>();
+  curl = ownCurl.get();
   curl->headers["Content-Type"] = "application/json";
   curl->headers["X-MORVANE-NATIVE-CLIENT"] = "1";
   curl->headers["X-MRV-SRC"] = "QRS";

@@ -6,7 +6,6 @@
 #include "cloud/cloud_object_certs.h"
 #include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloud_exceptions.h"
-#include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
 #include "cloud/machine_sign_in.h"
@@ -44,13 +43,6 @@ void OPXProcessor::guarded(const std::function<void()>& work) {
   }
 }
 
-std::string OPXProcessor::iwaUrl(std::string& spn) const {
-  const std::string given = Props(false, false).getProperty(PN::CLOUD_IWA_URL_OVERRIDE);
-  if (given.empty()) return CloudConnectorLocator::getInstance(platformUrl)->getIwaUrl(spn);
-  spn = GetSPNFromIwaURL(given);
-  return given;
-}
-
 bool OPXProcessor::readSiteCheck() {
   if (httpCode != HTTP_OK) {
     LUMO_LOG(logger, 1, "siteCheck: httpCode not OK : %ld", httpCode);
@@ -76,9 +68,11 @@ void OPXProcessor::trustPlatform() {
 }
 
 void OPXProcessor::cloudIWA() {
-  ConnectorVisit visit(*curl);
+  // A code that an earlier sign-in left must not go out over the connection as it is meanwhile.
+  document.SetNull();
+  ConnectorVisit visit(heldCurl());
   std::string spn;
-  const std::string url = iwaUrl(spn) + SITE_CHECK_PATH;
+  const std::string url = findIwaUrl(platformUrl, spn) + SITE_CHECK_PATH;
   std::tie(httpCode, responseBody) = visit.ask(url, spn);
   LUMO_LOG(logger, 1, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", url.c_str(), spn.c_str(), httpCode);
   if (!readSiteCheck()) return;
@@ -100,7 +94,9 @@ void OPXProcessor::cloudSSO() {
   url.append(shown).append(code);
   const int result = getMasked(url, shown + HIDDEN);
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);
-  if (result != 0) machineCookie = curl->cookie(SESSION_COOKIE);
+  if (result == 0) return;
+  wipe(machineCookie);
+  machineCookie = curl->cookie(SESSION_COOKIE);
 }
 
 }  // namespace lumo

@@ -59,6 +59,8 @@ class CloudBase {
   // As get, for a URL that holds a secret: the log shows `masked` in its place.
   int getMasked(const std::string& url, const std::string& masked);
 
+  CurlObject& heldCurl() const;
+
   CurlObject* curl = nullptr;  // the pool's
   std::string cloudUrl;        // ends in "/"
   std::string podHost;         // host of the pod after a redirect
@@ -67,6 +69,5 @@ class CloudBase {
   std::string responseBody;
 
  private:
-  CurlObject& heldCurl() const;
   int exchange(const std::string& url, const std::string& content, bool isPost);
 };

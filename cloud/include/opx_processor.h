@@ -44,6 +44,7 @@ class OPXProcessor : public CloudBase {
   // Throws OPXException "OPX is disabled in config file." (0) unless `ferrod.cloud.log.privevent` is true.
   static void checkEnabled();
 
+  // Call it only where checkEnabled passes: nobody takes the events away while the processor is switched off.
   // Stores the event and wakes the queue "opx"; where there is no such queue the event waits for the next one's.
   // Returns at once. Throws nothing: a failure is told at level 4.
   static void handleLogPrivEvent(const Event& event);
@@ -72,10 +73,10 @@ class OPXProcessor : public CloudBase {
   OPXProcessor();
 
   static std::vector<Event> waitingEvents();
+  static bool hasEvents();
   static void dropEvents();
   // Does the work; what it throws goes into the log.
   void guarded(const std::function<void()>& work);
-  std::string iwaUrl(std::string& spn) const;
   // Is the connector's reply a success?
   bool readSiteCheck();
   void trustPlatform();

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "cloud/tests/cloud_auth_v1s_client.h"
+#include "cloud/tests/cloud_object_pool_access.h"
 
 namespace {
 
@@ -56,4 +57,16 @@ TEST(CloudAuthV1S, CookiesAreKeptByTheirKind) {
   client.setCookie(7, "other");
   EXPECT_EQ(client.userCookie, "other");
   EXPECT_EQ(client.machineCookie, "machine");
+}
+
+TEST(V1SWithoutAConnection, SaysWhatToDo) {
+  const std::string words =
+      "CloudException -1 The client holds no connection: take one with getCurl before the first call";
+  const int profile = PROFILE_LOGIN;
+  CloudAuthV1S client("https://platform.example.test/", "", "alice", "", "", "", &profile);
+  client.setCookie(COOKIE_USER, "user");
+  EXPECT_EQ(failureOf([&] { client.startAuthentication(); }), words);
+  client.setCookie(COOKIE_USER, "");
+  client.setCookie(COOKIE_MACHINE, "machine");
+  EXPECT_EQ(failureOf([&] { client.startAuthentication(); }), words);
 }

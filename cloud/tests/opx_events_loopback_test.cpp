@@ -14,7 +14,6 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::StartsWith;
 using Event = lumo::OPXProcessor::Event;
 
 const std::string RUNS = "DEBUG postLogPrivEvent() runs...";
@@ -101,7 +100,16 @@ TEST_F(OpxEventsLoopback, AnExpiredSessionCostsOneEventWhereTheCodeIsStillThere)
   run();
   EXPECT_THAT(asked(),
               ElementsAre(sent(body("a")), "GET /security/sso?OneTimePass=c-2", sent(body("b")), sent(body("c"))));
-  EXPECT_THAT(logged(), Contains(REFETCHES));
+  EXPECT_THAT(cookies, ElementsAre("", ".ASPXAUTH=m-1;", ".ASPXAUTH=m-1;", ".ASPXAUTH=m-2; .ASPXAUTH=m-1;",
+                                   ".ASPXAUTH=m-2; .ASPXAUTH=m-1;"))
+      << "the new session rests on the cookie engine";
+  const std::string good = "TRACE HTTP response: {\"success\":true}";
+  const std::string ok = "DEBUG HTTP code = 200";
+  EXPECT_THAT(logged(), ElementsAre(RUNS, "DEBUG process a privilege event", "DEBUG HTTP code = 401",
+                                    "DEBUG LogPrivEvent: result = 0, httpCode = 401", REFETCHES, ok, good,
+                                    "DEBUG sso: result = 1, httpCode = 200", ok, good,
+                                    "DEBUG LogPrivEvent: result = 1, httpCode = 200", ok, good,
+                                    "DEBUG LogPrivEvent: result = 1, httpCode = 200"));
   EXPECT_EQ(access.machineCookie, "m-2");
   EXPECT_EQ(access.waiting(), 0U);
   EXPECT_THAT(connectorAsked(), ElementsAre("GET /iwa/SiteCheck")) << "that of the sign-in alone";
@@ -142,7 +150,8 @@ TEST_F(OpxEventsLoopback, AFailedTransferKeepsAllOfThem) {
   store({"a", "b", "c"});
   run();
   EXPECT_THAT(asked(), ElementsAre(sent(body("a")), sent(body("b"))));
-  EXPECT_THAT(logged().back(), StartsWith("DEBUG Got CURL exception: curl error occurred in curl_easy_perform: "));
+  EXPECT_EQ(logged().back(),
+            "DEBUG Got CURL exception: curl error occurred in curl_easy_perform: Transferred a partial file (18)");
   EXPECT_EQ(access.machineCookie, "m-1");
   EXPECT_EQ(access.waiting(), 3U);
   script({json(SUCCESS), json(SUCCESS), json(SUCCESS)});
@@ -199,6 +208,27 @@ TEST_F(OpxEventsLoopback, ADisabledProcessorLeavesTheEvents) {
   lumo::OPXHandler(0).run();
   EXPECT_EQ(access.waiting(), 1U);
   EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(OpxEventsLoopback, AProcessorThatIsNotReadyLeavesTheEvents) {
+  store({"a"});
+  lumo::OPXProcessor::destroyProcessor();
+  lumo::OPXHandler(0).run();
+  EXPECT_EQ(access.waiting(), 1U);
+}
+
+TEST_F(OpxEventsLoopback, AfterASignInThatFailedThereIsNothingToSend) {
+  connectorSays(json("", "403 Forbidden"));
+  store({"a"});
+  run();
+  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_EQ(access.waiting(), 0U);
+  EXPECT_THAT(logged(), ElementsAre(RUNS, "DEBUG Machine cookie not ready, will fetch",
+                                    "DEBUG Set CURL web proxy to: '" + server.address() + "' with auth: ''.",
+                                    "DEBUG siteCheck: URL = " + siteCheckUrl() + ", SPN = , httpCode = 403",
+                                    "DEBUG siteCheck: httpCode not OK : 403",
+                                    "DEBUG Got exception: Errors in parsing result from Json: 'otc' does NOT exist",
+                                    "DEBUG OPXProcessor: initProc completes", "DEBUG process a privilege event"));
 }
 
 TEST_F(OpxEventsLoopback, AQueueThatShutsDownIsNoFailure) {

@@ -146,14 +146,16 @@ TEST_F(OpxProcessorLoopback, ConnectorThatIsGoneIsATransferFailure) {
   access.processor.initProc(PLATFORM);
   const std::vector<std::string> said = logged();
   ASSERT_EQ(said.size(), 3U);
-  EXPECT_THAT(said[1], testing::StartsWith("DEBUG Got CURL exception: curl error occurred in curl_easy_perform: "));
+  EXPECT_EQ(said[1],
+            "DEBUG Got CURL exception: curl error occurred in curl_easy_perform: Couldn't connect to server (7)");
   EXPECT_EQ(said[2], COMPLETES);
 }
 
-TEST_F(OpxProcessorLoopback, WithoutAnIwaUrlTheRequestFails) {
+TEST_F(OpxProcessorLoopback, WithoutAnAgentThereIsNoConnector) {
   lumo::Props(false, true).eraseProperty("ferrod.cloud.iwa.url");
   access.processor.initProc(PLATFORM);
-  EXPECT_THAT(logged(), Contains("DEBUG Got exception: Can not get ADAgent")) << "this process has no agent";
+  EXPECT_THAT(logged(), ElementsAre("DEBUG Set CURL web proxy to: '" + server.address() + "' with auth: ''.",
+                                    "DEBUG Got exception: Can not get ADAgent", COMPLETES));
 }
 
 TEST_F(OpxProcessorLoopback, RefusedSignInLeavesTheSessionAsItWas) {
@@ -180,5 +182,65 @@ TEST_F(OpxProcessorLoopback, AConnectorSeesNoSession) {
   access.processor.initProc(PLATFORM);
   ASSERT_EQ(connector.requests().size(), 1U);
   EXPECT_EQ(connector.requests()[0].header("Cookie"), "");
+  EXPECT_EQ(access.machineCookie, "m-2");
+}
+
+TEST_F(OpxProcessorLoopback, ACodeOfAnEarlierSignInIsNotUsed) {
+  script({json("", "503 Service Unavailable")});
+  access.processor.initProc(PLATFORM);
+  EXPECT_THAT(asked(), ElementsAre(SSO));
+  connectorSays(json("", "403 Forbidden"));
+  script({session()});
+  access.processor.initProc(PLATFORM);
+  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_EQ(access.machineCookie, "");
+}
+
+TEST_F(OpxProcessorLoopback, ConnectionIsThePlatformsAgainAfterASuccessAndTheConnectorsAfterARefusal) {
+  signIn();
+  const auto has = [this](int option) { return access.connection()->recordedOptions().count(option) != 0; };
+  EXPECT_TRUE(has(CURLOPT_PROXY));
+  EXPECT_TRUE(has(CURLOPT_CAINFO));
+  for (const int option : {CURLOPT_CAPATH + 0, CURLOPT_USERNAME + 0, CURLOPT_PROXY_GSS_CRED, CURLOPT_PROXY_GSS_SPN,
+                           CURLOPT_PROXY_GSS_SETUP_FUNCTION, CURLOPT_PROXY_GSS_SETUP_DATA}) {
+    EXPECT_FALSE(has(option)) << option;
+  }
+  connectorSays(json("", "403 Forbidden"));
+  access.processor.initProc(PLATFORM);
+  EXPECT_FALSE(has(CURLOPT_PROXY));
+  EXPECT_FALSE(has(CURLOPT_CAINFO));
+  EXPECT_FALSE(has(CURLOPT_PROXY_GSS_CRED)) << "the credential is gone";
+  for (const int option : {CURLOPT_CAPATH + 0, CURLOPT_USERNAME + 0, CURLOPT_PROXY_GSS_SPN}) {
+    EXPECT_TRUE(has(option)) << option;
+  }
+}
+
+TEST_F(OpxProcessorLoopback, VerificationCanBeSwitchedOffForEither) {
+  testsupport::HttpServer secure([](const testsupport::HttpRequest&) { return json(CODE); }, &certificate, "127.0.0.1",
+                                 0);
+  const SettingsScope there{{"ferrod.cloud.iwa.url", "https://localhost:" + std::to_string(secure.port()) + "/"}};
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(secure.requests().size(), 0U) << "nobody trusts it";
+  const SettingsScope skip{{"ferrod.iwa.skip.cert.verification", "true"}};
+  script({session()});
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(secure.requests().size(), 1U);
+  EXPECT_EQ(access.machineCookie, "m-1") << "the platform's certificate is looked at, and good";
+  access.certStore = "/dev/null";
+  script({session("m-2")});
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(access.machineCookie, "m-1") << "not trusted";
+  const SettingsScope skipToo{{"ferrod.cloud.skip.cert.verification", "true"}};
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(access.machineCookie, "m-2");
+}
+
+TEST_F(OpxProcessorLoopback, AConnectionThatWasGivenAwayIsTakenUpAgain) {
+  signIn();
+  access.processor.releaseCurl();
+  EXPECT_EQ(failureOf([this] { access.processor.cloudIWA(); }),
+            "CloudException -1 The client holds no connection: take one with getCurl before the first call");
+  script({session("m-2")});
+  access.processor.initProc(PLATFORM);
   EXPECT_EQ(access.machineCookie, "m-2");
 }

@@ -1,0 +1,39 @@
+// The processor's connection where the connectors say which platform and which road.
+#include "cloud/include/opx.h"
+#include "cloud/tests/cloudconnectorlocator_waiting.h"
+#include "cloud/tests/opx_processor_access.h"
+
+namespace {
+
+using locatortest::POD;
+using testing::ElementsAre;
+
+// The process's locator, without a connector.
+class OpxProcessor : public locatortest::LocatorTest {
+ protected:
+  OpxProcessor() {
+    CloudConnectorLocatorAccess::resetProcess();
+    UpdateCloudHttpProxy();
+    CloudConnectorLocator::getInstance(POD)->resetState();
+  }
+  ~OpxProcessor() override { CloudConnectorLocatorAccess::resetProcess(); }
+
+  lumo::OPXProcessorAccess processor;
+};
+
+}  // namespace
+
+TEST_F(OpxProcessor, TakesThePlatformOfTheZoneAndGoesWithoutAProxyWhereThereIsNone) {
+  CloudConnectorLocator::getInstance(POD)->setZoneCloudUrl("https://zone.example.test/");
+  processor.processor.cloudSetup();
+  EXPECT_EQ(processor.platformUrl, "https://zone.example.test/");
+  EXPECT_THAT(log.newTexts("OPX.processor"), ElementsAre("DEBUG Cloud web proxy is not configured correctly."));
+  EXPECT_EQ(processor.webProxy.proxyServer, "");
+  EXPECT_EQ(processor.connection()->recordedOptions().count(CURLOPT_PROXY), 0U);
+}
+
+TEST_F(OpxProcessor, KeepsThePlatformThatItHas) {
+  processor.platformUrl = "https://platform.example.test/";
+  processor.processor.cloudSetup();
+  EXPECT_EQ(processor.platformUrl, "https://platform.example.test/");
+}

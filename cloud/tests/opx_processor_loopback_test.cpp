@@ -217,7 +217,7 @@ TEST_F(OpxProcessorLoopback, ConnectionIsThePlatformsAgainAfterASuccessAndTheCon
 
 TEST_F(OpxProcessorLoopback, VerificationCanBeSwitchedOffForEither) {
   testsupport::HttpServer secure([](const testsupport::HttpRequest&) { return json(CODE); }, &certificate, "127.0.0.1",
-                                 0);
+                                 0, testsupport::HttpServer::FromTheStart);
   const SettingsScope there{{"ferrod.cloud.iwa.url", "https://localhost:" + std::to_string(secure.port()) + "/"}};
   access.processor.initProc(PLATFORM);
   EXPECT_EQ(secure.requests().size(), 0U) << "nobody trusts it";

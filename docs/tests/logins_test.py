@@ -72,7 +72,7 @@ class Logins(unittest.TestCase):
             words = re.findall(r'"([^"]+)"', failure)
             self.assertTrue(words, row)
             for text in words + re.findall(r'"([^"]+)"', advice):
-                self.assertIn(text.removesuffix("...").rstrip(), code)
+                self.assertTrue(text.removesuffix("...").rstrip() in code, text)
             for name in re.findall(r"`(\w+Exception)`", failure):
                 self.assertIn(f"LUMO_DECLARE_EXCEPTION({name}, ", declared)
 

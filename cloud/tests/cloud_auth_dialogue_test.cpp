@@ -20,6 +20,14 @@ CloudAuthChallenge challenge(const std::string& name, const std::vector<std::str
   return made;
 }
 
+// Agents keep these numbers in tables of their own.
+static_assert(AUTH_FAILED == 0 && AUTH_DONE == 1 && AUTH_NEXT_CHALLENGE == 2 && AUTH_PENDING == 3 &&
+              AUTH_REQUEST_FAILED == 4 && AUTH_NOT_CONFIGURED == 5 && AUTH_NO_MACHINE_ACCESS == 6);
+static_assert(ACTION_ANSWER == 0 && ACTION_POLL == 1 && ACTION_START_OOB == 2);
+static_assert(COOKIE_MACHINE == 0 && COOKIE_USER == 1 && PROFILE_LOGIN == 0 && PROFILE_ELEVATION == 1);
+static_assert(ANSWER_TEXT == 0 && ANSWER_OOB == 1 && ANSWER_TEXT_OOB == 2 && ANSWER_REDIRECT == 3 &&
+              ANSWER_ENTITY == 4 && ANSWER_ENTITY_LIST == 5 && ANSWER_UNKNOWN == 6);
+
 class Dialogue : public testing::Test {
  protected:
   Dialogue() { client.challenges = {challenge("first", {"a", "b"}), challenge("second", {"c"})}; }

@@ -21,7 +21,7 @@ using Client = std::unique_ptr<CloudAuth>;
 class CloudAuthLab : public ConnectorLab {
  protected:
   void SetUp() override {
-    if (lab("PLATFORM_CONTROL").empty()) GTEST_SKIP() << "runs in a lab of its own, as cloud_auth_lab_test";
+    ASSERT_NE(lab("PLATFORM_CONTROL"), "") << "needs the lab with the platform (--with=connectors,platform)";
     tell(R"({"command":"reset"})");
     UpdateCloudConnectors();
     used = connectorInUse();
@@ -32,7 +32,7 @@ class CloudAuthLab : public ConnectorLab {
     m_roads = std::make_unique<Roads>();
   }
   void TearDown() override {
-    if (IsSkipped()) return;
+    if (lab("PLATFORM_CONTROL").empty()) return;
     EXPECT_THAT(list("surprises"), testing::IsEmpty());
   }
 
@@ -90,6 +90,20 @@ class CloudAuthLab : public ConnectorLab {
             (payload.empty() ? "GET" : "POST") + (" qrsintegration/" + endpoint) +
                 "?challengeId=" + id("C", challenge) + "%2F" + number + " USER-000003" +
                 (payload.empty() ? "" : " " + payload) + ": 200"};
+  }
+  // A login whose cookies had both ended: made anew by the ticket.
+  static Texts renewal(const std::string& user) {
+    return joined({signIn(user, 1),
+                   {visit("USER-000003"), visit("USER-000003", 401), impersonation(user, "MACHINE-000002", 401)},
+                   signIn(user, 4),
+                   {visit("USER-000006")}});
+  }
+  // A login that took two rounds of proof.
+  static Texts twoRounds(const std::string& user) {
+    return joined({signIn(user, 1),
+                   {visit("USER-000003")},
+                   proofRequests("mfalogin", 4, 0, "OTP"),
+                   proofRequests("mfalogin", 6, 1, "SMS")});
   }
   // What the simulator counts up for all that it gives out.
   static std::string id(const std::string& kind, int number) { return VS("%s%06d", kind.c_str(), number); }

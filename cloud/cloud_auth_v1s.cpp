@@ -58,7 +58,7 @@ CloudAuthV1S::CloudAuthV1S(const std::string& url, const std::string& restVersio
       elevationUrl(url + "qrsintegration/ferrosuexecute"),
       mfaLoginUrl(url + "qrsintegration/mfalogin"),
       startImpersonateUrl(url + "security/startimpersonate"),
-      ssoUrl(url + "security/sso"),
+      ssoUrl(url + SSO_PATH),
       siteCheckUrl(iwa + SITE_CHECK_PATH),
       uuid(id) {
   advanceUrl = url + "security/AdvanceAuthentication";

@@ -79,11 +79,8 @@ int CloudAuthV1S::readCode(std::string& otc, std::string& errorMessage) {
 }
 
 int CloudAuthV1S::sso(const std::string& otc) {
-  std::string url;
-  const WipeAtEnd wipeUrl(url);
-  url.reserve(ssoUrl.size() + sizeof ONE_TIME_PASS + otc.size());
-  url.append(ssoUrl).append(ONE_TIME_PASS).append(otc);
-  const int result = getMasked(url, ssoUrl + ONE_TIME_PASS + HIDDEN);
+  const CodeUrl url(ssoUrl, otc);
+  const int result = getMasked(url.whole(), url.shown());
   LUMO_LOG(logger(), 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return 0;
   wipe(machineCookie);

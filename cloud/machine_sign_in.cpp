@@ -68,6 +68,15 @@ EmbeddedObject findEmbeddedObject(std::string_view text) {
   return {text.substr(begin, end - begin + 1), '\0'};
 }
 
+CodeUrl::CodeUrl(const std::string& url, const std::string& code) : m_shown(url + "?OneTimePass=") {
+  // At once, so that no shorter copy stays behind.
+  m_whole.reserve(m_shown.size() + code.size());
+  m_whole.append(m_shown).append(code);
+  m_shown += "(hidden)";
+}
+
+CodeUrl::~CodeUrl() { wipe(m_whole); }
+
 void useSession(CurlObject& connection, const std::string& session) {
   std::string cookie;
   const WipeAtEnd wipeCookie(cookie);

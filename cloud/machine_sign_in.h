@@ -18,9 +18,8 @@ inline constexpr char SITE_CHECK_PATH[] = "iwa/SiteCheck";
 inline constexpr char SITE_CHECK_RESULT[] = "result";
 inline constexpr char SITE_CHECK_SUCCESS[] = "success";
 inline constexpr char SITE_CHECK_CODE[] = "otc";
-// What a code is handed to the platform with, behind the URL; a log shows HIDDEN in the code's place.
-inline constexpr char ONE_TIME_PASS[] = "?OneTimePass=";
-inline constexpr char HIDDEN[] = "(hidden)";
+// Where the platform gives a session for a code, below its URL.
+inline constexpr char SSO_PATH[] = "security/sso";
 
 // Where this machine signs in, and `spn`, the name of the service there: `ferrod.cloud.iwa.url`, else the IWA URL of
 // the connector in use. Empty where there is none. Throws what CloudConnectorLocator throws. `platformUrl` as for its
@@ -61,6 +60,23 @@ struct EmbeddedObject {
   char missing = '\0';  // the brace that is not there; '}' also when the last one stands before the first '{'
 };
 EmbeddedObject findEmbeddedObject(std::string_view text);
+
+// The URL that hands a code to the platform, and what a log shows of it. The URL is wiped at the end.
+class CodeUrl {
+ public:
+  // `url` is that of SSO_PATH. The code is not escaped.
+  CodeUrl(const std::string& url, const std::string& code);
+  ~CodeUrl();
+  CodeUrl(const CodeUrl&) = delete;
+  CodeUrl& operator=(const CodeUrl&) = delete;
+
+  const std::string& whole() const { return m_whole; }
+  const std::string& shown() const { return m_shown; }
+
+ private:
+  std::string m_whole;
+  std::string m_shown;
+};
 
 // The following requests are those of a session. Throws CurlException.
 void useSession(CurlObject& connection, const std::string& session);

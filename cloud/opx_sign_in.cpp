@@ -16,7 +16,6 @@ namespace lumo {
 namespace {
 
 constexpr long HTTP_OK = 200;
-constexpr char SSO_PATH[] = "security/sso";
 
 }  // namespace
 
@@ -87,12 +86,8 @@ void OPXProcessor::cloudSSO() {
   std::string code;
   const WipeAtEnd wipeCode(code);
   CloudAuth::getJsonString(document, SITE_CHECK_CODE, code);
-  std::string url;
-  const WipeAtEnd wipeUrl(url);
-  const std::string shown = platformUrl + SSO_PATH + ONE_TIME_PASS;
-  url.reserve(shown.size() + code.size());
-  url.append(shown).append(code);
-  const int result = getMasked(url, shown + HIDDEN);
+  const CodeUrl url(platformUrl + SSO_PATH, code);
+  const int result = getMasked(url.whole(), url.shown());
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return;
   wipe(machineCookie);

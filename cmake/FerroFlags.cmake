@@ -17,6 +17,9 @@ if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE_PROGRAM}")
 endif()
 
+# Every library lies where the loader looks by itself. With the path that CMake would write, for Kerberos' folder, a
+# program of the build folder begins with over a hundred failed opens, some of them in the folder where it is started.
+set(CMAKE_SKIP_RPATH ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()

@@ -93,6 +93,13 @@ class Installation(unittest.TestCase):
                 self.install(prefix, umask)
                 self.assertEqual(self.found(), wanted(prefix, umask))
 
+    def test_the_tool_looks_for_libraries_where_the_system_does(self):
+        self.install("/usr")
+        for tool in (self.destination / "usr/sbin/ferrogate", pathlib.Path(BUILD) / "cli/ferrogate"):
+            entries = subprocess.run(["readelf", "-d", tool], capture_output=True, text=True, check=True).stdout
+            self.assertIn("(NEEDED)", entries)
+            self.assertNotRegex(entries, r"\(R(UN)?PATH\)")
+
     def test_files_are_those_of_the_tree(self):
         self.install("/usr")
         for installed, source in (("etc/morvand/morvand.conf", "packaging/morvand.conf"),

@@ -119,7 +119,7 @@ bool RunQueueCore::insert(const boost::shared_ptr<QueueAble>& item, std::time_t 
   const std::time_t start = std::max(earliest, later(due, item->getRandomDelay()));
   Waiting waiting{item, item->getID(), item->dedupMe()};
   Waiting replaced;  // let go of after the lock
-  const std::lock_guard<std::mutex> lock(m_mutex);
+  std::unique_lock<std::mutex> lock(m_mutex);
   if (m_refusing) return false;
   const auto former = waitingDouble(waiting);
   if (former != m_waiting.end() && former->second.item->keepQueuedItem(due)) return true;
@@ -128,6 +128,8 @@ bool RunQueueCore::insert(const boost::shared_ptr<QueueAble>& item, std::time_t 
     replaced = std::move(former->second);
     m_waiting.erase(former);
   }
+  lock.unlock();
+  // Who wakes up finds the lock free, and who queued something has not to hand it over.
   m_changed.notify_one();
   return true;
 }

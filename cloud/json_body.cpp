@@ -1,5 +1,6 @@
 #include "cloud/json_body.h"
 
+#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <algorithm>
@@ -29,16 +30,15 @@ struct TextStream {
 
 std::string jsonOf(const std::list<std::pair<std::string, std::string>>& pairs) {
   const auto length = [](const std::string& text) { return static_cast<rapidjson::SizeType>(text.size()); };
-  std::string text;
-  TextStream stream{text};
-  rapidjson::Writer<TextStream> writer(stream);
+  rapidjson::StringBuffer text;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(text);
   writer.StartObject();
   for (const auto& [name, value] : pairs) {
     writer.Key(name.data(), length(name));
     writer.String(value.data(), length(value));
   }
   writer.EndObject();
-  return text;
+  return {text.GetString(), text.GetSize()};
 }
 
 JsonBody::Member::~Member() { wipe(plain); }

@@ -17,7 +17,30 @@ namespace {
 
 constexpr long HTTP_UNAUTHORIZED = 401;
 
-std::vector<OPXProcessor::Event> privEvents;  // under opxLock
+// Whole lists change hands under opxLock, and nothing is copied or destroyed there: agents wait for it.
+using Events = std::list<OPXProcessor::Event>;
+
+Events privEvents;  // under opxLock; without those that are being sent
+
+// The events that wait when it is made, no longer among the waiting. They are again, in front of all, when it goes.
+class EventsInHand {
+ public:
+  EventsInHand() {
+    const Lock lock(opxLock);
+    m_events.swap(privEvents);
+  }
+  ~EventsInHand() {
+    const Lock lock(opxLock);
+    privEvents.splice(privEvents.begin(), m_events);
+  }
+  EventsInHand(const EventsInHand&) = delete;
+  EventsInHand& operator=(const EventsInHand&) = delete;
+
+  const Events& all() const { return m_events; }
+
+ private:
+  Events m_events;
+};
 
 long secondsNow() { return static_cast<long>(std::chrono::system_clock::to_time_t(Clock::getInstance().now())); }
 
@@ -34,9 +57,10 @@ void OPXHandler::run() {
 void OPXProcessor::handleLogPrivEvent(const Event& event) {
   try {
     const auto log = getLogger(OPX_LOGGER, false);
+    Events stored(1, event);
     {
       const Lock lock(opxLock);
-      privEvents.push_back(event);
+      privEvents.splice(privEvents.end(), stored);
     }
     const auto queue = RunQueue::getRunQueue(OPX_RUN_QUEUE, false, 0);
     if (!queue) return;
@@ -50,24 +74,20 @@ void OPXProcessor::handleLogPrivEvent(const Event& event) {
   }
 }
 
-std::vector<OPXProcessor::Event> OPXProcessor::waitingEvents() {
+std::size_t OPXProcessor::waitingEvents() {
   const Lock lock(opxLock);
-  return privEvents;
-}
-
-bool OPXProcessor::hasEvents() {
-  const Lock lock(opxLock);
-  return !privEvents.empty();
+  return privEvents.size();
 }
 
 void OPXProcessor::dropEvents() {
+  Events dropped;
   const Lock lock(opxLock);
-  privEvents.clear();
+  dropped.swap(privEvents);
 }
 
 void OPXProcessor::postLogPrivEvent() {
   LUMO_LOG(logger, 1, "postLogPrivEvent() runs...");
-  if (!hasEvents()) return;
+  if (waitingEvents() == 0) return;
   if (machineCookie.empty()) {
     LUMO_LOG(logger, 1, "Machine cookie not ready, will fetch");
     // A copy: initProc stores what it is given there.
@@ -83,10 +103,10 @@ void OPXProcessor::postLogPrivEvent() {
 void OPXProcessor::cloudLogPrivEvent() {
   const std::string url = platformUrl + "qrsintegration/LogPrivEvent";
   LUMO_LOG(logger, 1, "process a privilege event");
-  const std::vector<Event> events = waitingEvents();
-  if (events.empty()) return;
+  const EventsInHand events;
+  if (events.all().empty()) return;
   useSession(heldCurl(), machineCookie);
-  for (const Event& event : events) {
+  for (const Event& event : events.all()) {
     const int result = post(url, jsonOf(event));
     LUMO_LOG(logger, 1, "LogPrivEvent: result = %d, httpCode = %ld", result, httpCode);
     if (result != 0) continue;

@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
@@ -63,7 +62,7 @@ class OPXProcessor : public CloudBase {
   // Sends the events that wait, after a sign-in where there is no session. Without events nothing is sent. After a
   // failed transfer all of them stay stored, those that were sent too.
   void postLogPrivEvent();
-  // Sends a copy of what waits, one request for each event. Throws as cloudSSO.
+  // Sends what waits, one request for each event, and takes nothing of it away. Throws as cloudSSO.
   void cloudLogPrivEvent();
 
   int processResult() override;
@@ -72,8 +71,7 @@ class OPXProcessor : public CloudBase {
  private:
   OPXProcessor();
 
-  static std::vector<Event> waitingEvents();
-  static bool hasEvents();
+  static std::size_t waitingEvents();
   static void dropEvents();
   // Does the work; what it throws goes into the log.
   void guarded(const std::function<void()>& work);

@@ -31,7 +31,13 @@ struct OPXProcessorAccess {
   rapidjson::Document& document = processor.document;
   CurlObject* connection() const { return processor.curl; }
 
-  static std::size_t waiting() { return OPXProcessor::waitingEvents().size(); }
+  static std::size_t waiting() { return OPXProcessor::waitingEvents(); }
+  // How many there were; none is left.
+  static std::size_t takeWaiting() {
+    const std::size_t count = waiting();
+    OPXProcessor::dropEvents();
+    return count;
+  }
 
  private:
   static OPXProcessor& fresh() {

@@ -96,7 +96,7 @@ std::string PlatformSimulator::Impl::run(const JsonValue& command) {
       {"status",
        [&] {
          answer.number("requests", static_cast<long>(requests.size()));
-         answer.number("events", static_cast<long>(core.events.size()));
+         answer.number("events", core.eventCount);
          answer.number("surprises", static_cast<long>(core.surprises.size()));
          answer.number("faults", static_cast<long>(faults.size()));
        }},

@@ -85,6 +85,7 @@ void PlatformCore::reset() {
   m_codes.clear();
   surprises.clear();
   events.clear();
+  eventCount = 0;
   clockAhead = {};
 }
 
@@ -205,6 +206,7 @@ Answer PlatformCore::logPrivEvent(const Call& call) {
   Answer refusal;
   if (holder(call, true, false, refusal) == nullptr) return refusal;
   if (!expectNoQuery(call) || !bodyOf(call)) return status(400, "The event is malformed.");
+  ++eventCount;
   if (keepsRecord) events.push_back(call.body);
   return success();
 }

@@ -125,6 +125,7 @@ class PlatformCore {
   Script script;  // with what commands and new passwords have changed
   std::vector<std::string> surprises;
   std::vector<std::string> events;
+  long eventCount = 0;
   bool keepsRecord = true;
 
  private:

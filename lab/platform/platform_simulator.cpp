@@ -200,6 +200,11 @@ std::vector<std::string> PlatformSimulator::surprises() const {
   return m_impl->core.surprises;
 }
 
+long PlatformSimulator::eventCount() const {
+  const std::lock_guard<std::mutex> lock(m_impl->mutex);
+  return m_impl->core.eventCount;
+}
+
 std::vector<std::string> PlatformSimulator::events() const {
   const std::lock_guard<std::mutex> lock(m_impl->mutex);
   return m_impl->core.events;

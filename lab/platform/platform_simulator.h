@@ -90,6 +90,8 @@ class PlatformSimulator {
   std::vector<std::string> calls() const;
   // Bodies of the privilege events that were accepted, in order.
   std::vector<std::string> events() const;
+  // How many were accepted, also without a record.
+  long eventCount() const;
   // All connections so far, the pod's too.
   int connections() const;
 

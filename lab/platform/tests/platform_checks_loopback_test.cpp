@@ -54,6 +54,15 @@ TEST_F(PlatformChecks, TimeZonesAreWholeNumbers) {
   }
 }
 
+TEST_F(PlatformChecks, WhoReportsEventsTellsNoTimeZone) {
+  replaceHeader("X-TZOFF", "");
+  client.cookie = machineCookie();
+  EXPECT_TRUE(client.post("qrsintegration/LogPrivEvent", "{}").succeeded());
+  EXPECT_EQ(platform.eventCount(), 1);
+  client.get("sysinfo/version");
+  expectSurprise("GET sysinfo/version: no header X-TZOFF");
+}
+
 TEST_F(PlatformChecks, EndpointsAndMethods) {
   EXPECT_EQ(client.get("security/SSO").status, 404);
   expectSurprise("GET security/SSO: there is no such endpoint");

@@ -129,6 +129,7 @@ TEST(PlatformRecord, CanBeLeftOut) {
   EXPECT_TRUE(client.post("qrsintegration/LogPrivEvent", "{}").succeeded());
   EXPECT_THAT(platform.requests(), IsEmpty());
   EXPECT_THAT(platform.events(), IsEmpty());
+  EXPECT_EQ(platform.eventCount(), 1);
 }
 
 TEST(PlatformRecord, APodMayBeANameOfTheSameListener) {

@@ -1,8 +1,8 @@
 #include "cloud/cloud_auth_v0.h"
 
+#include "base/include/wipe.h"
 #include "cloud/cloud_auth_v0_phone.h"
 #include "cloud/json_body.h"
-#include "cloud/wipe.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "base/include/wipe.h"
 #include "cloud/json_body.h"
 #include "cloud/machine_sign_in.h"
-#include "cloud/wipe.h"
 
 namespace {
 

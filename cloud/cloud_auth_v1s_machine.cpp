@@ -4,12 +4,12 @@
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"
+#include "base/include/wipe.h"
 #include "cloud/cloud_auth_v1s.h"
 #include "cloud/cloud_object_certs.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/json_body.h"
 #include "cloud/machine_sign_in.h"
-#include "cloud/wipe.h"
 
 namespace {
 

@@ -4,12 +4,12 @@
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "base/include/wipe.h"
 #include "cloud/cloud_object_certs.h"
 #include "cloud/include/cloud_object.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx.h"
-#include "cloud/wipe.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "base/include/wipe.h"
 #include "cloud/include/curl_object.h"
-#include "cloud/wipe.h"
 
 struct CleanupCurl {
   void operator()(CURL* handle) const { curl_easy_cleanup(handle); }

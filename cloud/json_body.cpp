@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "cloud/wipe.h"
+#include "base/include/wipe.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "base/include/wipe.h"
 #include "cloud/cloud_object_certs.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
-#include "cloud/wipe.h"
 
 std::string findIwaUrl(const std::string& platformUrl, std::string& spn) {
   std::string url = lumo::Props(false, false).getProperty(lumo::PN::CLOUD_IWA_URL_OVERRIDE);

@@ -3,13 +3,13 @@
 #include <chrono>
 
 #include "basalt/clock.h"
+#include "base/include/wipe.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
 #include "cloud/json_body.h"
 #include "cloud/machine_sign_in.h"
 #include "cloud/opx_handler.h"
 #include "cloud/opx_lock.h"
-#include "cloud/wipe.h"
 
 namespace lumo {
 

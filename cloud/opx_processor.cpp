@@ -5,12 +5,12 @@
 
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "base/include/wipe.h"
 #include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx.h"
 #include "cloud/opx_handler.h"
-#include "cloud/wipe.h"
 
 namespace lumo {
 

@@ -3,13 +3,13 @@
 
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "base/include/wipe.h"
 #include "cloud/cloud_object_certs.h"
 #include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloud_exceptions.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
 #include "cloud/machine_sign_in.h"
-#include "cloud/wipe.h"
 
 namespace lumo {
 

@@ -17,11 +17,14 @@ void readMessage(const std::string& content) {
   if (const auto* request = std::get_if<lumo::RpcRequest>(&decoded)) {
     const auto again = lumo::decodeRequest(lumo::encodeRequest(*request));
     const auto* same = std::get_if<lumo::RpcRequest>(&again);
-    if (same == nullptr || same->method != request->method || same->id != request->id || same->dn != request->dn) {
+    if (same == nullptr || same->method != request->method || same->id != request->id || same->dn != request->dn ||
+        same->ownMethod != request->ownMethod || same->params != request->params) {
       std::abort();
     }
   }
   try {
+    const lumo::RpcReply reply = lumo::decodeReply(content, lumo::RpcResultForm::Json);
+    lumo::encodeReply(reply);
     lumo::encodeReply(lumo::decodeReply(content));
   } catch (const lumo::IPCException&) {
   } catch (const lumo::BadDataException&) {

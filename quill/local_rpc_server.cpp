@@ -16,6 +16,7 @@
 
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
+#include "base/include/wipe.h"
 #include "quill/rpc_channel.h"
 #include "quill/rpc_message.h"
 #include "quill/rpc_socket_file.h"
@@ -56,7 +57,10 @@ class Conversation {
       : m_handler(handler), m_options(options), m_channel(std::move(socket), stopFd), m_caller(caller) {}
 
   void hold() {
-    while (auto content = m_channel.receive(m_options.idleLimit, m_options.callLimit)) send(answer(*content));
+    while (auto content = m_channel.receive(m_options.idleLimit, m_options.callLimit)) {
+      const WipeAtEnd wiped(*content);
+      send(answer(*content));
+    }
   }
 
   // Says why and leaves; a caller that may not talk to us never holds one of the places.
@@ -67,11 +71,14 @@ class Conversation {
 
  private:
   RpcReply answer(const std::string& content) {
-    const auto decoded = decodeRequest(content);
+    auto decoded = decodeRequest(content);
     if (const auto* fault = std::get_if<RpcReply>(&decoded)) return *fault;
-    const auto& request = std::get<RpcRequest>(decoded);
+    auto& request = std::get<RpcRequest>(decoded);
+    const WipeAtEnd wiped(request.params);
     try {
       return {request.id, serve(request)};
+    } catch (const RpcRefusedException& refused) {
+      return {request.id, RpcFault{refused.rc(), refused.what()}};
     } catch (const LUMOException& failure) {
       return {request.id, RpcFault{rpc::RequestFailed, failure.what()}};
     } catch (const std::exception& failure) {
@@ -91,9 +98,13 @@ class Conversation {
         return m_handler.getFipsMode(m_caller);
       case RpcMethod::GetUserObj:
       case RpcMethod::LdapFetch:
+      case RpcMethod::Own:
         break;
     }
     if (!m_authenticated) return RpcFault{rpc::NotAuthenticated, "The caller has not authenticated itself"};
+    if (request.method == RpcMethod::Own) {
+      return RpcJson{m_handler.call(m_caller, request.ownMethod, request.params)};
+    }
     if (request.method == RpcMethod::GetUserObj) return m_handler.getUserObj(m_caller, request.name, request.lookup);
     return m_handler.ldapFetch(m_caller, request.base, request.dn, request.attributes ? &*request.attributes : nullptr,
                                request.flags);
@@ -127,6 +138,10 @@ std::optional<RpcCaller> callerOf(int fd) {
 }
 
 }  // namespace
+
+std::string LocalRpcHandler::call(const RpcCaller&, const std::string&, const std::string&) {
+  LUMO_THROW(RpcRefusedException, rpc::UnknownMethod, "Unknown method");
+}
 
 class LocalRpcServer::Impl {
  public:

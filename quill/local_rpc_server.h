@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "basalt/directory.h"
+#include "base/include/exceptions.h"
 #include "base/include/parameter_names.h"
 #include "quill/local_rpc_session.h"
 
@@ -21,9 +22,12 @@ struct RpcCaller {
   gid_t gid = static_cast<gid_t>(-1);
 };
 
+// An error reply with a code of the handler's choice, rc(): docs/rpc.md has them.
+LUMO_DECLARE_EXCEPTION(RpcRefusedException, Base_Exception);
+
 // What an agent answers. Any operation may be called on several threads at once. Whatever is thrown becomes an error
-// reply with the exception's text. The server cannot break an operation off: keep it shorter than the client's
-// deadline.
+// reply with the exception's text, and RpcRefusedException gives its code too. The server cannot break an operation
+// off: keep it shorter than the client's deadline.
 class LocalRpcHandler {
  public:
   virtual ~LocalRpcHandler() = default;
@@ -36,6 +40,10 @@ class LocalRpcHandler {
   virtual ADObjectPtr ldapFetch(const RpcCaller& caller, const std::string& base, const std::string& dn,
                                 const std::vector<std::string>* attributes, int flags) = 0;
   virtual int getFipsMode(const RpcCaller& caller) = 0;
+  // A method that the agent has beside those of above, which never come here. `params` is JSON, "null" when the caller
+  // gave none; what comes back is JSON too. Only for callers that have authenticated themselves. Throws
+  // RpcRefusedException: -32602 for wrong params; this one -32601, "Unknown method".
+  virtual std::string call(const RpcCaller& caller, const std::string& method, const std::string& params);
 };
 
 struct LocalRpcServerOptions {

@@ -76,7 +76,7 @@ class LocalRpcSession::Impl {
     request.id = ++m_lastId;
     RpcResult result = exchange(request);
     if (const auto* fault = std::get_if<RpcFault>(&result)) {
-      LUMO_THROW(IPCException, fault->code, "The agent could not serve %s: %s", rpcMethodName(request.method),
+      LUMO_THROW(IPCException, fault->code, "The agent could not serve %s: %s", rpcMethodName(request).c_str(),
                  fault->message.c_str());
     }
     return result;
@@ -87,7 +87,7 @@ class LocalRpcSession::Impl {
     const RpcResult result = call(request);
     if (const auto* wanted = std::get_if<Result>(&result)) return *wanted;
     LUMO_THROW(IPCException, -1, "The agent's reply to %s holds a result of another kind",
-               rpcMethodName(request.method));
+               rpcMethodName(request).c_str());
   }
 
   bool usable() const { return m_usable; }
@@ -100,14 +100,15 @@ class LocalRpcSession::Impl {
       content = encodeRequest(request);
       rpcFrame(content);
     } catch (const BadDataException& failure) {
-      LUMO_THROW(IPCException, -1, "Cannot send the request %s: %s", rpcMethodName(request.method), failure.what());
+      LUMO_THROW(IPCException, -1, "Cannot send the request %s: %s", rpcMethodName(request).c_str(), failure.what());
     }
     m_usable = false;
     send(content, deadline);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
     const auto reply = m_channel.receive(left, left);
     if (!reply) LUMO_THROW(IPCException, -1, "The agent closed the connection");
-    RpcReply decoded = decodeReply(*reply);
+    const auto form = request.method == RpcMethod::Own ? RpcResultForm::Json : RpcResultForm::Known;
+    RpcReply decoded = decodeReply(*reply, form);
     if (decoded.id && *decoded.id != request.id) {
       LUMO_THROW(IPCException, -1, "The agent's reply answers request %lld, not %lld",
                  static_cast<long long>(*decoded.id), static_cast<long long>(request.id));
@@ -172,6 +173,14 @@ int LocalRpcSession::getFipsMode() {
   RpcRequest request;
   request.method = RpcMethod::GetFipsMode;
   return open().callFor<int>(request);
+}
+
+std::string LocalRpcSession::call(const std::string& method, const std::string& params) {
+  RpcRequest request;
+  request.method = RpcMethod::Own;
+  request.ownMethod = method;
+  request.params = params;
+  return open().callFor<RpcJson>(request).text;
 }
 
 void LocalRpcSession::close() { m_impl.reset(); }

@@ -34,6 +34,8 @@ class LocalRpcSession {
                         int flags);
   // The agent's FIPS state, comparable with FIPSHelper::isStarted() as an integer.
   int getFipsMode();
+  // A method that the agent has of its own; params and result are JSON of any kind.
+  std::string call(const std::string& method, const std::string& params);
   void close();
 
  private:

@@ -1,6 +1,7 @@
 #include "quill/rpc_channel.h"
 
 #include <poll.h>
+#include <string.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -63,6 +64,7 @@ bool RpcChannel::readSome() {
   const ssize_t n = recv(m_socket.get(), buffer, sizeof buffer, MSG_DONTWAIT);
   if (n > 0) {
     m_reader.feed(buffer, static_cast<std::size_t>(n));
+    explicit_bzero(buffer, static_cast<std::size_t>(n));
     return true;
   }
   if (n < 0 && mayRetry(errno)) return true;

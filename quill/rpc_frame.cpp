@@ -1,6 +1,11 @@
 #include "quill/rpc_frame.h"
 
+#include <string.h>
+
+#include <algorithm>
+
 #include "base/include/exceptions.h"
+#include "base/include/wipe.h"
 
 namespace lumo {
 namespace {
@@ -21,7 +26,16 @@ void checkLength(std::size_t length) {
 
 }  // namespace
 
+RpcFrameReader::~RpcFrameReader() { wipe(m_buffer); }
+
 void RpcFrameReader::feed(const char* bytes, std::size_t size) {
+  if (m_buffer.capacity() - m_buffer.size() < size) {
+    std::string former = std::move(m_buffer);
+    const WipeAtEnd wiped(former);
+    m_buffer.clear();
+    m_buffer.reserve(std::max(2 * former.size(), former.size() + size));
+    m_buffer += former;
+  }
   m_buffer.append(bytes, size);
   if (m_buffer.size() >= HEADER) checkLength(lengthAt(m_buffer));
 }
@@ -32,7 +46,10 @@ std::optional<std::string> RpcFrameReader::next() {
   checkLength(length);
   if (m_buffer.size() < HEADER + length) return std::nullopt;
   std::string content = m_buffer.substr(HEADER, length);
-  m_buffer.erase(0, HEADER + length);
+  const std::size_t left = m_buffer.size() - (HEADER + length);
+  m_buffer.replace(0, left, m_buffer, HEADER + length, left);
+  explicit_bzero(m_buffer.data() + left, m_buffer.size() - left);
+  m_buffer.resize(left);
   return content;
 }
 

@@ -10,9 +10,14 @@ namespace lumo {
 
 inline constexpr std::size_t MAX_FRAME = std::size_t{1024} * 1024;
 
-// Takes bytes as they come and gives out whole frames. One thread.
+// Takes bytes as they come and gives out whole frames; what it gave out it has wiped. One thread.
 class RpcFrameReader {
  public:
+  RpcFrameReader() = default;
+  ~RpcFrameReader();
+  RpcFrameReader(const RpcFrameReader&) = delete;
+  RpcFrameReader& operator=(const RpcFrameReader&) = delete;
+
   // Throws BadDataException for a frame longer than MAX_FRAME or empty; nothing of that size is allocated.
   void feed(const char* bytes, std::size_t size);
   // The next whole frame's content, empty when none is complete yet.

@@ -8,6 +8,8 @@
 #include <array>
 
 #include "base/include/exceptions.h"
+#include "base/include/wipe.h"
+#include "quill/rpc_raw.h"
 #include "quill/rpc_text.h"
 
 namespace lumo {
@@ -151,9 +153,38 @@ bool takeParams(const Value& params, RpcRequest& request) {
       return takeLdapFetch(params, request);
     case RpcMethod::AuthenticateProcess:
     case RpcMethod::GetFipsMode:
+    case RpcMethod::Own:
       break;
   }
   return true;
+}
+
+bool writeJson(CheckedWriter& writer, const char* key, const std::string& json) {
+  if (!rpc::isJson(json)) LUMO_THROW(BadDataException, -1, "What an RPC message holds as %s is no JSON", key);
+  return writer.Key(key) && writer.RawValue(json.data(), json.size(), rapidjson::kObjectType);
+}
+
+// A message whose last members are texts already.
+template <typename Members>
+std::string encodeAround(const std::optional<std::int64_t>& id, const Members& members) {
+  rapidjson::StringBuffer buffer;
+  CheckedWriter writer(buffer);
+  writer.StartObject();
+  writer.Key("jsonrpc");
+  writer.String("2.0");
+  writer.Key("id");
+  id ? writer.Int64(*id) : writer.Null();
+  if (!members(writer)) LUMO_THROW(BadDataException, -1, "An RPC message holds a name that is no UTF-8");
+  writer.EndObject();
+  return {buffer.GetString(), buffer.GetSize()};
+}
+
+std::string encodeOwn(const RpcRequest& request) {
+  const auto nameLength = static_cast<rapidjson::SizeType>(request.ownMethod.size());
+  return encodeAround(request.id, [&](CheckedWriter& writer) {
+    return writer.Key("method") && writer.String(request.ownMethod.c_str(), nameLength) &&
+           writeJson(writer, "params", request.params);
+  });
 }
 
 Value faultToJson(const RpcFault& fault, Allocator& allocator) {
@@ -181,23 +212,27 @@ std::optional<RpcResult> resultFrom(const Value& value) {
 
 }  // namespace
 
-const char* rpcMethodName(RpcMethod method) {
+std::string rpcMethodName(const RpcRequest& request) {
   const auto* row =
-      std::find_if(METHODS.begin(), METHODS.end(), [&](const MethodRow& r) { return r.method == method; });
-  return row == METHODS.end() ? "" : row->name;
+      std::find_if(METHODS.begin(), METHODS.end(), [&](const MethodRow& r) { return r.method == request.method; });
+  return row == METHODS.end() ? request.ownMethod : row->name;
 }
 
 std::string encodeRequest(const RpcRequest& request) {
+  if (request.method == RpcMethod::Own) return encodeOwn(request);
   Document message(rapidjson::kObjectType);
   auto& allocator = message.GetAllocator();
   message.AddMember("jsonrpc", "2.0", allocator);
   message.AddMember("id", Value(request.id), allocator);
-  message.AddMember("method", rapidjson::StringRef(rpcMethodName(request.method)), allocator);
+  message.AddMember("method", name(rpcMethodName(request), allocator), allocator);
   message.AddMember("params", paramsOf(request, allocator), allocator);
   return written(message);
 }
 
 std::string encodeReply(const RpcReply& reply) {
+  if (const auto* json = std::get_if<RpcJson>(&reply.result)) {
+    return encodeAround(reply.id, [&](CheckedWriter& writer) { return writeJson(writer, "result", json->text); });
+  }
   Document message(rapidjson::kObjectType);
   auto& allocator = message.GetAllocator();
   message.AddMember("jsonrpc", "2.0", allocator);
@@ -216,8 +251,11 @@ std::string encodeReply(const RpcReply& reply) {
 }
 
 std::variant<RpcRequest, RpcReply> decodeRequest(const std::string& content) {
+  // In place, so that what may be a secret stands in this copy alone.
+  std::string copy = content;
+  const WipeAtEnd wiped(copy);
   Document message;
-  message.Parse<PARSE>(content.data(), content.size());
+  message.ParseInsitu<PARSE>(copy.data());
   if (message.HasParseError()) {
     return RpcReply{std::nullopt, RpcFault{rpc::ParseError, std::string("The request is no JSON: ") +
                                                                 rapidjson::GetParseError_En(message.GetParseError())}};
@@ -228,9 +266,14 @@ std::variant<RpcRequest, RpcReply> decodeRequest(const std::string& content) {
     return RpcReply{id, RpcFault{rpc::InvalidRequest, "The message is no JSON-RPC 2.0 request with an integer id"}};
   }
   const auto* row = std::find_if(METHODS.begin(), METHODS.end(), [&](const MethodRow& r) { return *method == r.name; });
-  if (row == METHODS.end()) return RpcReply{id, RpcFault{rpc::UnknownMethod, "Unknown method"}};
   RpcRequest request;
   request.id = *id;
+  if (row == METHODS.end()) {
+    request.method = RpcMethod::Own;
+    request.ownMethod.assign(method->GetString(), method->GetStringLength());
+    request.params = rpc::memberText(content, "params").value_or("null");
+    return request;
+  }
   request.method = row->method;
   const Value none;
   const Value* params = member(message, "params");
@@ -240,7 +283,7 @@ std::variant<RpcRequest, RpcReply> decodeRequest(const std::string& content) {
   return request;
 }
 
-RpcReply decodeReply(const std::string& content) {
+RpcReply decodeReply(const std::string& content, RpcResultForm form) {
   Document message;
   message.Parse<PARSE>(content.data(), content.size());
   if (message.HasParseError()) {
@@ -259,6 +302,10 @@ RpcReply decodeReply(const std::string& content) {
     const auto fault = faultFrom(*error);
     if (!fault) LUMO_THROW(IPCException, -1, "The agent's reply holds a broken error");
     reply.result = *fault;
+    return reply;
+  }
+  if (form == RpcResultForm::Json) {
+    reply.result = RpcJson{rpc::memberText(content, "result").value_or("null")};
     return reply;
   }
   auto value = resultFrom(*result);

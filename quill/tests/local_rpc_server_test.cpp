@@ -60,6 +60,14 @@ class Agent : public lumo::LocalRpcHandler {
     --inHand;
     return 1;
   }
+  std::string call(const RpcCaller& caller, const std::string& method, const std::string& params) override {
+    if (method == "echo") return params;
+    if (method == "pid") return std::to_string(caller.pid);
+    if (method == "pad") return "\"" + std::string(padding, 'x') + "\"";
+    if (method == "refuse") LUMO_THROW(lumo::RpcRefusedException, lumo::rpc::InvalidParams, "Wrong parameters");
+    if (method == "fail") LUMO_THROW(IOException, 5, "no luck");
+    return LocalRpcHandler::call(caller, method, params);
+  }
   void awaitInHand(int count) {
     std::unique_lock<std::mutex> lock(mutex);
     changed.wait(lock, [&] { return inHand == count; });
@@ -173,6 +181,51 @@ TEST_F(LocalRpcServerTest, AReplyUpToOneMebibyteIsSentAndALargerOneIsAnError) {
   EXPECT_NE(client.ldapFetch("", "CN=h", nullptr, 0), nullptr);
 }
 
+TEST_F(LocalRpcServerTest, AnAgentsOwnMethodsAreServed) {
+  LocalRpcServer server(agent, options);
+  auto client = session();
+  client.authenticateProcess();
+  EXPECT_EQ(client.call("echo", R"({"a": [1, "\u00e9"]})"), R"({"a": [1, "\u00e9"]})");
+  EXPECT_EQ(client.call("echo", "null"), "null");
+  EXPECT_EQ(client.call("pid", "{}"), std::to_string(getpid()));
+  // The others can be asked for like this as well.
+  EXPECT_EQ(client.call("getFipsMode", "{}"), "1");
+}
+
+TEST_F(LocalRpcServerTest, AnAgentsOwnMethodFailsWithItsCode) {
+  LocalRpcServer server(agent, options);
+  auto client = session();
+  const auto failure = [&](const std::string& method, const std::string& params) {
+    try {
+      return client.call(method, params);
+    } catch (const IPCException& failed) {
+      return std::to_string(failed.rc()) + " " + failed.what();
+    }
+  };
+  EXPECT_EQ(failure("echo", "{}"), "-32002 The agent could not serve echo: The caller has not authenticated itself");
+  EXPECT_EQ(failure("stop", "{}"), "-32002 The agent could not serve stop: The caller has not authenticated itself");
+  client.authenticateProcess();
+  EXPECT_EQ(failure("stop", "{}"), "-32601 The agent could not serve stop: Unknown method");
+  EXPECT_EQ(failure("refuse", "{}"), "-32602 The agent could not serve refuse: Wrong parameters");
+  EXPECT_EQ(failure("fail", "{}"), "-32000 The agent could not serve fail: no luck");
+  EXPECT_EQ(failure("echo", "{"), "-1 Cannot send the request echo: What an RPC message holds as params is no JSON");
+  agent.padding = lumo::MAX_FRAME;
+  EXPECT_EQ(failure("pad", "{}"), "-32003 The agent could not serve pad: The reply is larger than 1 MiB");
+  EXPECT_EQ(failure("echo", "[7]"), "[7]");
+}
+
+TEST_F(LocalRpcServerTest, AResultThatIsNoJsonIsAFailureOfTheAgent) {
+  class Careless : public Agent {
+    std::string call(const RpcCaller&, const std::string&, const std::string&) override { return "{broken"; }
+  } careless;
+  LocalRpcServer server(careless, options);
+  auto client = session();
+  client.authenticateProcess();
+  EXPECT_EQ(thrown<IPCException>([&] { client.call("any", "{}"); }),
+            "The agent could not serve any: What an RPC message holds as result is no JSON");
+  EXPECT_EQ(client.getFipsMode(), 1);
+}
+
 TEST_F(LocalRpcServerTest, RequestsInOneWriteAreAnsweredInOrder) {
   LocalRpcServer server(agent, options);
   const std::string second = lumo::rpcFrame(R"({"jsonrpc":"2.0","id":2,"method":"getFipsMode"})");
@@ -186,9 +239,15 @@ TEST_F(LocalRpcServerTest, NonsenseIsAnsweredWithAnErrorWhereTheFrameHolds) {
             (std::vector<std::string>{R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":)"
                                       R"("The request is no JSON: Invalid value."}})",
                                       FIPS_REPLY, "END"}));
-  EXPECT_EQ(dialogue(lumo::rpcFrame(R"({"jsonrpc":"2.0","id":4,"method":"stop"})")),
-            (std::vector<std::string>{R"({"jsonrpc":"2.0","id":4,"error":{"code":-32601,"message":"Unknown method"}})",
-                                      "END"}));
+  EXPECT_EQ(dialogue(lumo::rpcFrame(R"({"jsonrpc":"2.0","id":4,"method":"stop"})") +
+                     lumo::rpcFrame(R"({"jsonrpc":"2.0","id":5,"method":"authenticateProcess"})") +
+                     lumo::rpcFrame(R"({"jsonrpc":"2.0","id":6,"method":"stop"})") +
+                     lumo::rpcFrame(R"({"jsonrpc":"2.0","id":7,"method":"echo"})")),
+            (std::vector<std::string>{R"({"jsonrpc":"2.0","id":4,"error":{"code":-32002,"message":)"
+                                      R"("The caller has not authenticated itself"}})",
+                                      R"({"jsonrpc":"2.0","id":5,"result":true})",
+                                      R"({"jsonrpc":"2.0","id":6,"error":{"code":-32601,"message":"Unknown method"}})",
+                                      R"({"jsonrpc":"2.0","id":7,"result":null})", "END"}));
   EXPECT_EQ(dialogue(lumo::rpcFrame(std::string(lumo::MAX_FRAME, '[')))[0].substr(0, 53),
             R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"me)");
 }

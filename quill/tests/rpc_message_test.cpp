@@ -61,6 +61,73 @@ TEST(RpcMessage, RequestsHaveTheirExactText) {
                                   R"({"base":"","dn":"CN=h,DC=corp","attributes":null,"flags":0}})");
 }
 
+TEST(RpcMessage, AnAgentsOwnMethodHasItsParamsAsTheyStand) {
+  const auto paramsOf = [](const std::string& params) {
+    const RpcRequest own = taken(requestWith("shutdown", params));
+    EXPECT_EQ(own.method, RpcMethod::Own);
+    EXPECT_EQ(own.ownMethod, "shutdown");
+    return own.params;
+  };
+  for (const char* params : {"{}", R"({"a":{"params":[1,{}]},"b":"\u0000\"}"})", "[1, 2 ]", "1.50", "-7e+2", "null",
+                             "true", R"("text, with \"quotes\"")", R"("")"}) {
+    EXPECT_EQ(paramsOf(params), params);
+  }
+  EXPECT_EQ(paramsOf(" \n[ ]\t "), "[ ]");
+  EXPECT_EQ(taken(R"({"params" : {"x":1} ,"id":9,"jsonrpc":"2.0","method":"shutdown"})").params, R"({"x":1})");
+  EXPECT_EQ(taken(R"({"jsonrpc":"2.0","id":9,"method":"shutdown","more":{"params":5}})").params, "null");
+  EXPECT_EQ(taken(R"({"jsonrpc":"2.0","id":9,"method":"shutdown","p\u0061rams":1,"params":2})").params, "1");
+  const std::string deep = std::string(300'000, '[') + std::string(300'000, ']');
+  EXPECT_EQ(paramsOf(deep), deep);
+}
+
+TEST(RpcMessage, AnAgentsOwnMethodHasItsExactText) {
+  RpcRequest own = request(RpcMethod::Own, 5);
+  own.ownMethod = "say \"no\"";
+  own.params = R"([ {"a":1.50} ])";
+  EXPECT_EQ(encodeRequest(own), R"({"jsonrpc":"2.0","id":5,"method":"say \"no\"","params":[ {"a":1.50} ]})");
+  EXPECT_EQ(taken(encodeRequest(own)).ownMethod, own.ownMethod);
+  EXPECT_EQ(encodeReply({5, RpcJson{R"({"a":[null]})"}}), R"({"jsonrpc":"2.0","id":5,"result":{"a":[null]}})");
+  const std::string deep = std::string(300'000, '[') + std::string(300'000, ']');
+  EXPECT_EQ(encodeReply({5, RpcJson{deep}}), R"({"jsonrpc":"2.0","id":5,"result":)" + deep + "}");
+}
+
+TEST(RpcMessage, WhatIsNoJsonIsNotSent) {
+  const auto refusal = [](const auto& encode) {
+    try {
+      encode();
+    } catch (const BadDataException& failure) {
+      return std::string(failure.what());
+    }
+    return std::string("sent");
+  };
+  for (const std::string& text : {std::string(), std::string("{"), std::string("1 2"), std::string("\"\xff\""),
+                                  std::string("1\0", 2), std::string("nul"), std::string("{}}")}) {
+    RpcRequest own = request(RpcMethod::Own);
+    own.ownMethod = "m";
+    own.params = text;
+    EXPECT_EQ(refusal([&] { encodeRequest(own); }), "What an RPC message holds as params is no JSON") << text;
+    EXPECT_EQ(refusal([&] {
+                encodeReply({1, RpcJson{text}});
+              }),
+              "What an RPC message holds as result is no JSON")
+        << text;
+  }
+  RpcRequest odd = request(RpcMethod::Own);
+  odd.ownMethod = "\xff";
+  odd.params = "{}";
+  EXPECT_EQ(refusal([&] { encodeRequest(odd); }), "An RPC message holds a name that is no UTF-8");
+}
+
+TEST(RpcMessage, AResultIsReadAsJsonWhereItIsAskedFor) {
+  for (const char* result :
+       {"true", "null", "[1,\"x\"]", R"({"dn":"d","attributes":{}})", "\"\"", "12345678901234567890"}) {
+    const RpcReply reply =
+        decodeReply(R"({"jsonrpc":"2.0","id":3,"result":)" + std::string(result) + "}", RpcResultForm::Json);
+    EXPECT_EQ(reply.id, 3);
+    EXPECT_EQ(std::get<RpcJson>(reply.result).text, result);
+  }
+}
+
 TEST(RpcMessage, RequestsComeBackAsTheyWere) {
   RpcRequest fetch = request(RpcMethod::LdapFetch, 77);
   fetch.base = "DC=corp";
@@ -91,7 +158,6 @@ TEST(RpcMessage, UnreadableRequestsGetTheirErrorReply) {
   EXPECT_EQ(faultOf(R"({"jsonrpc":"2.0","id":"5","method":"getFipsMode"})"), "-32600 null" + invalid);
   EXPECT_EQ(faultOf(R"({"jsonrpc":"2.0","method":"getFipsMode"})"), "-32600 null" + invalid);
   EXPECT_EQ(faultOf(R"({"jsonrpc":"2.0","id":5,"method":6})"), "-32600 5" + invalid);
-  EXPECT_EQ(faultOf(requestWith("shutdown", "{}")), "-32601 9 Unknown method");
 }
 
 TEST(RpcMessage, WrongParametersAreNamedByTheirMethod) {

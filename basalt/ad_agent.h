@@ -94,6 +94,15 @@ class ADAgent {
   lumo::Mutex m_siteNameMutex;
 };
 
+// The owner of a process's agent: ADAgent::start and stop as a scope. Queues whose items ask the agent end before it.
+class RunningAgent {
+ public:
+  explicit RunningAgent(const ADAgent::Options& options) { ADAgent::start(options); }
+  ~RunningAgent() { ADAgent::stop(); }
+  RunningAgent(const RunningAgent&) = delete;
+  RunningAgent& operator=(const RunningAgent&) = delete;
+};
+
 // The lookup function for the agent's bindings: the given binding itself for its own domain, else a new binding with
 // the given one's identity.
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*));

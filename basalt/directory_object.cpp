@@ -111,6 +111,24 @@ SID::SID(const std::string& text) : m_text(text) {
   if (!isSid(text)) LUMO_THROW(BadDataException, -1, "'%s' is not a security identifier", text.c_str());
 }
 
+SID SID::ofBytes(const std::string& bytes) {
+  // Revision, count, six bytes of authority, the high one first, then numbers of four bytes, the low one first.
+  constexpr std::size_t HEADER = 8;
+  constexpr std::size_t NUMBER = 4;
+  const auto byte = [&bytes](std::size_t at) { return std::uint64_t{static_cast<unsigned char>(bytes[at])}; };
+  if (bytes.size() < HEADER || byte(0) != 1 || bytes.size() != HEADER + NUMBER * byte(1)) {
+    LUMO_THROW(BadDataException, -1, "%zu bytes are not a security identifier", bytes.size());
+  }
+  std::uint64_t authority = 0;
+  for (std::size_t at = 2; at < HEADER; ++at) authority = authority << 8U | byte(at);
+  std::string text = "S-1-" + std::to_string(authority);
+  for (std::size_t at = HEADER; at < bytes.size(); at += NUMBER) {
+    const std::uint64_t number = byte(at) | byte(at + 1) << 8U | byte(at + 2) << 16U | byte(at + 3) << 24U;
+    text += "-" + std::to_string(number);
+  }
+  return SID(text);
+}
+
 std::string SID::toDN() const { return "<SID=" + m_text + ">"; }
 
 }  // namespace lumo

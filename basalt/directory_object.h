@@ -16,6 +16,7 @@ inline constexpr char AD_KEYWORDS[] = "keywords";
 inline constexpr char AD_OBJECT_CATEGORY[] = "objectCategory";
 inline constexpr char AD_OBJECT_CLASS[] = "objectClass";
 inline constexpr char AD_OBJECT_GUID[] = "objectGUID";
+inline constexpr char AD_OBJECT_SID[] = "objectSid";
 inline constexpr char AD_USN_CHANGED[] = "uSNChanged";
 inline constexpr char AD_USER_ACCNT_CONTROL[] = "userAccountControl";
 inline constexpr char LUMO_USER_PRINCIPAL_NAME[] = "userPrincipalName";
@@ -104,6 +105,9 @@ class SID {
  public:
   // Throws BadDataException for a text that is no SID.
   explicit SID(const std::string& text);
+  // From the bytes of `objectSid` (MS-DTYP). Throws BadDataException for bytes that are no SID.
+  static SID ofBytes(const std::string& bytes);
+  const std::string& toString() const { return m_text; }
   // The form of a distinguished name that the directory resolves: "<SID=S-1-5-21-...>".
   std::string toDN() const;
 

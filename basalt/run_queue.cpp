@@ -67,6 +67,12 @@ void RunQueue::shutdownAll() {
   for (const Core& core : cores) core->awaitEnd();
 }
 
+RunningQueues::RunningQueues(std::initializer_list<const char*> names) try {
+  for (const char* name : names) RunQueue::getRunQueue(name, true, 1);
+} catch (...) {
+  RunQueue::shutdownAll();
+}
+
 boost::shared_ptr<TimeQueue> TimeQueue::getTimeQueue(const std::string& name, bool create, int threads) {
   return viewOf<TimeQueue>(name, create, threads);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/shared_ptr.hpp>
+#include <initializer_list>
 #include <string>
 #include <utility>
 
@@ -90,6 +91,16 @@ class RunQueue {
 
  private:
   boost::shared_ptr<RunQueueCore> m_core;
+};
+
+// The owner of a process's queues: makes those of these names, one thread each, and shuts down all that there are at
+// its end. Throws as RunQueue::getRunQueue.
+class RunningQueues {
+ public:
+  explicit RunningQueues(std::initializer_list<const char*> names);
+  ~RunningQueues() { RunQueue::shutdownAll(); }
+  RunningQueues(const RunningQueues&) = delete;
+  RunningQueues& operator=(const RunningQueues&) = delete;
 };
 
 // The timed view of the RunQueue of the same name: one queue, whichever of the two made it.

@@ -106,16 +106,8 @@ TEST_F(DirectoryLab, SecurityIdentifierNamesAnObject) {
   binding.connect("", "", 0);
   const auto users = binding.search({"", SearchScope::Subtree, "(sAMAccountName=alice)", {"objectSid"}});
   ASSERT_THAT(users, SizeIs(1));
-  // Revision, count, six bytes of authority, then numbers of four bytes, the low one first.
-  const std::string bytes = (*users.front())["objectSid"].toString();
-  ASSERT_EQ(bytes.size(), 28U);
-  std::string text = "S-1-5";
-  for (std::size_t at = 8; at < bytes.size(); at += 4) {
-    unsigned number = 0;
-    for (std::size_t i = 4; i-- > 0;) number = number << 8U | static_cast<unsigned char>(bytes[at + i]);
-    text += "-" + std::to_string(number);
-  }
-  const auto alice = binding.fetch(lumo::SID(text).toDN(), {"sAMAccountName"});
+  const auto sid = lumo::SID::ofBytes((*users.front())[AD_OBJECT_SID].toString());
+  const auto alice = binding.fetch(sid.toDN(), {"sAMAccountName"});
   ASSERT_TRUE(alice);
   EXPECT_EQ((*alice)["samaccountname"].toString(), "alice");
 }

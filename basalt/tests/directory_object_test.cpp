@@ -70,6 +70,19 @@ TEST(SecurityIdentifier, BecomesANameThatTheDirectoryResolves) {
   EXPECT_EQ(SID("S-1-281474976710655-4294967295").toDN(), "<SID=S-1-281474976710655-4294967295>");
 }
 
+TEST(SecurityIdentifier, IsReadFromTheBytesOfTheDirectory) {
+  const auto text = [](const std::string& bytes) { return SID::ofBytes(bytes).toString(); };
+  const std::string machine(
+      "\x01\x05\0\0\0\0\0\x05\x15\0\0\0\xdc\xf4\xdc\x3b\x83\x3d\x2b\x46\x82\x8b\xa6\x28\0\x02\0\0", 28);
+  EXPECT_EQ(text(machine), "S-1-5-21-1004336348-1177238915-682003330-512");
+  EXPECT_EQ(text(std::string("\x01\x01\xff\xfe\0\0\0\x05\xff\xff\xff\xff", 12)), "S-1-281466386776069-4294967295");
+  for (const std::string& bytes : {std::string(), machine.substr(0, 7), machine.substr(0, 27), machine + '\0',
+                                   '\x02' + machine.substr(1), std::string("\x01\0\0\0\0\0\0\x05", 8)}) {
+    EXPECT_THROW(SID::ofBytes(bytes), lumo::BadDataException) << bytes.size();
+  }
+  EXPECT_THROW(SID::ofBytes(std::string("\x01\x10\0\0\0\0\0\x05", 8) + std::string(64, 'x')), lumo::BadDataException);
+}
+
 TEST(SecurityIdentifier, TakesFifteenSubAuthoritiesAndNoMore) {
   std::string text = "S-1-5";
   for (int i = 0; i < 15; ++i) text += "-1";

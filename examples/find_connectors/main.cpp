@@ -32,22 +32,10 @@ int say(std::ostream& stream, const std::string& text, Status status) {
   return status;
 }
 
-// The agent of this process. Background work needs it, so it outlives the queues.
-struct Agent {
-  explicit Agent(const ADAgent::Options& options) { ADAgent::start(options); }
-  ~Agent() { ADAgent::stop(); }
-};
-
-// The queue of the agent's background work: the library queues the next refresh there.
-struct Queues {
-  Queues() { lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 1); }
-  ~Queues() { lumo::RunQueue::shutdownAll(); }
-};
-
 int findConnectors(const ADAgent::Options& options) {
   UpdateCloudHttpProxy();  // whenever the configuration was read
-  const Agent agent(options);
-  const Queues queues;
+  const RunningAgent agent(options);
+  const lumo::RunningQueues queues({lumo::MAIN_RUN_QUEUE});
   UpdateCloudConnectors();  // once; from here on the main queue sees to it
   std::cout << dumpCloudConnectors() << std::flush;
   if (!CloudConnectorLocator::getInstance("")->getCloudConnector().empty()) return SUCCESS;

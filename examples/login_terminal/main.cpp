@@ -54,18 +54,6 @@ int say(std::ostream& stream, const std::string& text, int status) {
   return status;
 }
 
-// The agent of this process. Background work needs it, so it outlives the queues.
-struct Agent {
-  explicit Agent(const ADAgent::Options& options) { ADAgent::start(options); }
-  ~Agent() { ADAgent::stop(); }
-};
-
-// The queue of the agent's background work: the library queues the next refresh of the connectors there.
-struct Queues {
-  Queues() { lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 1); }
-  ~Queues() { lumo::RunQueue::shutdownAll(); }
-};
-
 struct Outcome {
   int reached;  // a CloudAuthStatus
   int status;
@@ -94,8 +82,8 @@ int signIn(const Options& options) {
   Terminal terminal;
   UpdateCloudHttpProxy();  // whenever the configuration was read
   if (!options.hasDirectory) return tell(login(options.login, terminal));
-  const Agent agent(options.agent);
-  const Queues queues;
+  const RunningAgent agent(options.agent);
+  const lumo::RunningQueues queues({lumo::MAIN_RUN_QUEUE});
   UpdateCloudConnectors();  // once; from here on the main queue sees to it
   return tell(login(options.login, terminal));
 }

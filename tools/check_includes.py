@@ -16,6 +16,8 @@ ROOMS = {
     "cli": {"cloud", "quill", "basalt", "base"},
     "examples": {"cloud", "basalt", "base"},
     "lab": {"testsupport", "base"},
+    "lab/agent": {"cloud", "quill", "basalt", "base"},
+    "lab/agent/tests": {"cli"},
 }
 # What serves tests and benchmarks alone: the rooms that are not installed may know it.
 FOR_TESTS = {"testsupport", "lab"}
@@ -37,8 +39,15 @@ VERSION = re.compile(r"^cloud/cloud_auth_(v\w+)\.h$")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 
 
+def room_of(name):
+    """The innermost room that a file lies in or an include names."""
+    folders = name.split("/")[:-1]
+    return next(("/".join(folders[:n]) for n in range(len(folders), 0, -1) if "/".join(folders[:n]) in ROOMS),
+                name.split("/")[0])
+
+
 def faults_of(path, name):
-    room = name.split("/")[0]
+    room = room_of(name)
     is_test = "/tests/" in name
     for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
         match = INCLUDE.match(line)
@@ -46,7 +55,7 @@ def faults_of(path, name):
             continue
         quoted, header = match.group(1) == '"', match.group(2)
         where = f"{name}:{number}: "
-        target = header.split("/")[0]
+        target = room_of(header)
         if quoted and target in FOR_TESTS:
             if not is_test and target != room and target not in ROOMS[room]:
                 yield where + f"{header}: only tests include {target}"
@@ -71,7 +80,8 @@ def faults_of(path, name):
 
 def main():
     root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ".")
-    files = [p for room in ROOMS for p in sorted((root / room).rglob("*")) if p.suffix in (".h", ".cpp")]
+    folders = [room for room in ROOMS if "/" not in room]
+    files = [p for folder in folders for p in sorted((root / folder).rglob("*")) if p.suffix in (".h", ".cpp")]
     if not files:
         sys.exit(f"{root}: no sources found")
     faults = [fault for path in files for fault in faults_of(path, str(path.relative_to(root)))]

@@ -1,8 +1,10 @@
 """What the lab's own tests use inside a lab: its environment, programs run in it, access logs, tickets."""
+import json
 import os
 import re
 import subprocess
 import time
+import urllib.request
 from collections import namedtuple
 
 LIMIT = 20.0
@@ -27,6 +29,15 @@ def run(*argv, text="", **environment):
 
 def ctl(*arguments, text=""):
     return run(var("TOOL"), "ctl", *arguments, text=text)
+
+
+def platform(command, **members):
+    """The simulator's answer to a command; with --with=platform."""
+    asked = json.dumps({"command": command} | members).encode()
+    with urllib.request.urlopen(var("PLATFORM_CONTROL"), asked, 30) as reply:
+        answer = json.load(reply)
+    assert answer["ok"], f"{command}: {answer['error']}"
+    return answer
 
 
 def url_escape(text):

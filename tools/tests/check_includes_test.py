@@ -30,8 +30,10 @@ class IncludeCheck(unittest.TestCase):
             "cli/a.cpp": '#include "cloud/b.h"\n#include "quill/c.h"\n#include <vector>\n',
             "cloud/include/curl_x.h": "#include <curl/curl.h>\n",
             "cloud/tests/t_test.cpp": '#include "testsupport/process.h"\n#include <krb5.h>\n',
+            "lab/agent/a.cpp": '#include "lab/agent/b.h"\n#include "quill/c.h"\n#include "cloud/d.h"\n',
+            "lab/agent/tests/a_main.cpp": '#include "cli/b.h"\n',
         })
-        self.assertEqual((status, out), (0, "3 files, every include points the right way\n"))
+        self.assertEqual((status, out), (0, "5 files, every include points the right way\n"))
 
     def test_rooms(self):
         self.refused("base/a.h", '#include "basalt/b.h"', "base must not include basalt")
@@ -39,6 +41,13 @@ class IncludeCheck(unittest.TestCase):
         self.refused("quill/a.h", '#include "cloud/b.h"', "quill must not include cloud")
         self.refused("cloud/a.h", '#include "cli/b.h"', "cloud must not include cli")
         self.refused("cloud/a.h", '#include "quill/b.h"', "cloud must not include quill")
+
+    def test_the_labs_agent_is_a_room_of_its_own(self):
+        self.refused("lab/agent/a.cpp", '#include "cli/b.h"', "lab/agent must not include cli")
+        self.refused("lab/agent/a.cpp", '#include "testsupport/b.h"', "only tests include testsupport")
+        self.refused("lab/platform/a.cpp", '#include "cloud/b.h"', "lab must not include cloud")
+        self.refused("lab/platform/a.cpp", '#include "lab/agent/b.h"', "lab must not include lab/agent")
+        self.refused("cloud/tests/t_test.cpp", '#include "lab/agent/b.h"', "cloud must not include lab/agent")
 
     def test_examples_include_public_headers_only(self):
         self.refused("examples/a/main.cpp", '#include "cloud/cloud_object_certs.h"', "is not a public header")

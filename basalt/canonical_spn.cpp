@@ -102,6 +102,7 @@ bool CanonicalSpn::canonicalize(std::string& out, ADBind& binding, ADBind& catal
     DirectorySearch search;
     search.filter = std::string("(") + SERVICE_PRINCIPAL_NAME + "=" + escapeFilterValue(name) + ")";
     search.attributes = {SERVICE_PRINCIPAL_NAME};
+    search.paged = false;
     const auto accounts = catalogue.search(search);
     if (accounts.empty()) continue;
     if (accounts.size() > 1) {

@@ -3,6 +3,8 @@
 #include <openldap.h>
 #include <sasl/sasl.h>
 
+#include <mutex>
+
 #include "basalt/directory_ldap_handles.h"
 #include "basalt/kerberos_ccache_scope.h"
 #include "base/include/exceptions.h"
@@ -18,6 +20,15 @@ constexpr int LEAST_STRENGTH = 56;
 std::string urlOf(const DirectoryServer& server) {
   const bool literal = server.host.find(':') != std::string::npos;
   return "ldap://" + (literal ? "[" + server.host + "]" : server.host) + ":" + std::to_string(server.port);
+}
+
+// The library's own beginning (configuration files, the plug-ins of SASL) is for one thread; any question begins it.
+void beginOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    int level = 0;
+    ldap_get_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level);
+  });
 }
 
 // Nobody is asked anything, whatever the defaults of the host say.
@@ -49,6 +60,7 @@ LdapConnection::LdapConnection(const DirectoryServer& server, bool globalCatalog
   Connected connected = connectTcp(server, std::chrono::steady_clock::now() + limits.connect);
   if (!connected.socket) LUMO_THROW(LDAPException, LDAP_CONNECT_ERROR, "%s", connected.failure.c_str());
   // The socket stays one that does not block: half a message from a server that then falls silent must not hold us.
+  beginOnce();
   LDAP* ld = nullptr;
   const int rc = ldap_init_fd(connected.socket.get(), LDAP_PROTO_TCP, urlOf(server).c_str(), &ld);
   if (rc != LDAP_SUCCESS) LUMO_THROW(LDAPException, rc, "%s", ldap_err2string(rc));

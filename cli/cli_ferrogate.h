@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
@@ -79,6 +80,12 @@ int getCredential(CommandOptions& record, int mask);  // 0, 158 or 159
 int storeCredential(const CommandOptions& record);    // 0 or 160
 // Asks for the password at the terminal; an empty answer is an answer. False, after a report, when nobody can be asked.
 bool promptPassword(CommandOptions& record);
+
+// cli_ferrogate_sasl.cpp: leaves out the plug-ins of SASL that are for other mechanisms than the directory's. To be
+// called before anything of the process uses SASL, by one thread; the first call alone has an effect.
+void restrictSaslPlugins();
+// By the file's name; one that is not known is of use.
+bool isSaslPluginOfUse(std::string_view path);
 
 // The commands; each returns a result code.
 int handleSetCommand(CommandOptions& record);

@@ -119,6 +119,7 @@ int exchange(CurlObject& connection, const std::string& url) {
 }
 
 int testConnection(const CommandOptions& record) {
+  if (authenticates(record)) restrictSaslPlugins();
   CurlObject connection;
   connection.setProxy(record.server, authenticates(record) ? record.authType : std::string(), record.username,
                       record.password);

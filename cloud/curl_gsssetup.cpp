@@ -1,5 +1,6 @@
 #include "cloud/curl_gsssetup.h"
 
+#include <future>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -56,6 +57,15 @@ struct ReleaseBinding {
   void operator()(ADBinding* binding) const { binding->release(); }
 };
 using OwnedBinding = std::unique_ptr<ADBinding, ReleaseBinding>;
+
+// Both at the same time: a server takes longer over a sign-in than we do. One after the other where no thread can be
+// had. When neither works, the failure of the first is thrown.
+void connectBoth(ADBinding& first, ADBinding& second) {
+  const auto open = [](ADBinding* binding) { binding->connect("", "", 0); };
+  std::future<void> beside = std::async(open, &second);  // its destructor waits
+  open(&first);
+  beside.get();
+}
 
 // Empty when the machine has no usable cache: the request then fails at the proxy, not here.
 std::string machineCacheName() {
@@ -241,8 +251,7 @@ void CurlProxyNegotiateHelper::setSpnLooker() {
     OwnedBinding binding(new ADBinding(domain, machineCache, false, "", "", nullptr));
     OwnedBinding catalogue(new ADBinding(domain, machineCache, true, "", "", nullptr));
     spnLookup = &OpenDomainBind;
-    binding->connect("", "", 0);
-    catalogue->connect("", "", 0);
+    connectBoth(*binding, *catalogue);
     spnBinding = binding.release();
     spnGcBinding = catalogue.release();
   } catch (const LUMOException& failure) {

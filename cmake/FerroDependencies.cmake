@@ -17,6 +17,8 @@ foreach(row ${FERRO_MODULES})
   list(POP_FRONT modules prefix)
   pkg_check_modules(${prefix} REQUIRED IMPORTED_TARGET ${modules})
 endforeach()
+# Of the tool alone.
+pkg_check_modules(SASL REQUIRED IMPORTED_TARGET libsasl2)
 if(FERRO_TESTS)
   find_package(GTest REQUIRED)
   pkg_check_modules(OPENSSL REQUIRED IMPORTED_TARGET openssl)

@@ -30,6 +30,7 @@ GUARDED = [
     (re.compile(r"^(krb5|gssapi|gssapi/.*|krb5/.*|com_err|et/com_err|profile)(\.h)?$"),
      re.compile(r"^(base/(include/)?kerb_wrap|basalt/kerberos|cloud/curl_gsssetup)")),
     (re.compile(r"^sodium"), re.compile(r"^basalt/(locked_memory|base64)")),
+    (re.compile(r"^sasl/"), re.compile(r"^(basalt/directory|cli/cli_ferrogate_sasl)")),
     (re.compile(r"^spdlog/"), re.compile(r"^basalt/log(ging|_sinks)")),
     (re.compile(r"^rapidjson/"), re.compile(r"^(quill|cloud|lab)/")),
 ]

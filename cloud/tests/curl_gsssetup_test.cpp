@@ -3,10 +3,15 @@
 #include <gmock/gmock.h>
 #include <gssapi/gssapi_krb5.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
 #include "base/include/parameter_names.h"
 #include "testsupport/fake_credential_source.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/memory_directory.h"
+#include "testsupport/no_further_thread.h"
 
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -272,8 +277,7 @@ TEST_F(NegotiateHelperTest, ServiceNameTakesTheAccountsSpellingAndRealm) {
   EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.CORP.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
   const auto opened = directory.opened();
   ASSERT_THAT(opened, SizeIs(2));
-  EXPECT_FALSE(opened[0].globalCatalog);
-  EXPECT_TRUE(opened[1].globalCatalog);
+  EXPECT_NE(opened[0].globalCatalog, opened[1].globalCatalog);
   for (const auto& target : opened) {
     EXPECT_EQ(target.ccacheName, "MEMORY:machine");
     EXPECT_EQ(target.server, "");
@@ -287,6 +291,51 @@ TEST_F(NegotiateHelperTest, DirectoryThatCannotBeReachedIsLoggedAndThrown) {
   directory.failOpen({MemoryDirectory::Failure::Kind::NoServers, -1, ""});
   EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), lumo::DNSUnavailableException);
   EXPECT_THAT(log.text(), HasSubstr("Failed to set bindng and lookup function to canonicalize SPN: "));
+  directory.clearFailures();
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
+}
+
+// Lets nobody in before two have come.
+class PairwiseDirectory : public DirectoryConnector {
+ public:
+  explicit PairwiseDirectory(DirectoryConnector& behind) : m_behind(behind) {}
+  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_here;
+    m_came.notify_all();
+    EXPECT_TRUE(m_came.wait_for(lock, std::chrono::seconds(10), [this] { return m_here >= 2; })) << "one waits alone";
+    lock.unlock();
+    return m_behind.open(target);
+  }
+  std::string site(const std::string& domain) override { return m_behind.site(domain); }
+
+ private:
+  DirectoryConnector& m_behind;
+  std::mutex m_mutex;
+  std::condition_variable m_came;
+  int m_here = 0;
+};
+
+TEST_F(NegotiateHelperTest, BothDirectoryBindingsAreOpenedAtTheSameTime) {
+  PairwiseDirectory pairwise(directory);
+  const testsupport::DirectoryInForce here(pairwise);
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
+}
+
+TEST_F(NegotiateHelperTest, BothAreOpenedOneAfterTheOtherWithoutAThread) {
+  const testsupport::NoFurtherThread none;
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
+}
+
+TEST_F(NegotiateHelperTest, NoServiceNameUnlessBothBindingsWork) {
+  using Failure = MemoryDirectory::Failure;
+  directory.failOpen({Failure::Kind::Refused, -1, ""}, -1, MemoryDirectory::Servers::Catalogue);
+  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), LDAPException);
+  directory.failOpen({Failure::Kind::Unreachable, -1, ""}, -1, MemoryDirectory::Servers::Domain);
+  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), lumo::IOException) << "the first one's failure";
+  directory.clearFailures();
+  directory.failOpen({Failure::Kind::Unreachable, -1, ""}, -1, MemoryDirectory::Servers::Domain);
+  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), lumo::IOException);
   directory.clearFailures();
   EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
 }

@@ -52,6 +52,7 @@ def services(features):
     found = [*CONTROLLER, Service("dc", names.DC_ADDRESS)]
     if "connectors" in features:
         found.append(Service("dc2", names.SECOND_DC_ADDRESS))
+        found += [Service(connector.name, connector.address) for connector in names.CONNECTORS]
     if "platform" in features:
         found.append(Service("platform", names.PLATFORM_ADDRESS, (names.PLATFORM_PORTS["good"],)))
     found += [Service(f"squid-{proxy.name}", proxy.address, (proxy.port,)) for proxy in names.proxies(features)]

@@ -82,8 +82,16 @@ std::string PlatformSimulator::Impl::run(const JsonValue& command) {
          resetAll();
        }},
       {"reset", resetAll},
-      {"surprises", [&] { answer.raw("surprises", list(core.surprises, false)); }},
-      {"events", [&] { answer.raw("events", list(core.events, true)); }},
+      {"surprises",
+       [&] {
+         answer.raw("surprises", list(core.surprises, false));
+         if (flagMember(command, "forget", false)) core.surprises.clear();
+       }},
+      {"events",
+       [&] {
+         answer.raw("events", list(core.events, true));
+         if (flagMember(command, "forget", false)) core.events.clear();
+       }},
       {"requests",
        [&] {
          const std::string endpoint = textMember(command, "endpoint");
@@ -92,6 +100,7 @@ std::string PlatformSimulator::Impl::run(const JsonValue& command) {
            if (endpoint.empty() || request.endpoint == endpoint) array.add(requestJson(request));
          }
          answer.raw("requests", array.str());
+         if (flagMember(command, "forget", false)) requests.clear();
        }},
       {"status",
        [&] {

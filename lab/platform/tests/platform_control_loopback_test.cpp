@@ -54,6 +54,14 @@ TEST_F(PlatformControl, ToldIsWhatCame) {
   EXPECT_EQ(platform.control(R"({"command":"surprises"})"), R"({"ok":true,"surprises":[]})");
   EXPECT_EQ(platform.control(R"({"command":"status"})"),
             R"({"ok":true,"requests":4,"events":1,"surprises":0,"faults":0})");
+  EXPECT_EQ(platform.control(R"({"command":"events","forget":true})"), R"({"ok":true,"events":[{"a":"b"}]})");
+  EXPECT_EQ(platform.control(R"({"command":"events"})"), R"({"ok":true,"events":[]})");
+  platform.control(R"({"command":"requests","endpoint":"sysinfo/version","forget":true})");
+  EXPECT_EQ(platform.control(R"({"command":"requests"})"), R"({"ok":true,"requests":[]})");
+  client.get("nowhere");
+  EXPECT_EQ(platform.control(R"({"command":"surprises","forget":true})"),
+            R"({"ok":true,"surprises":["GET nowhere: there is no such endpoint"]})");
+  EXPECT_EQ(platform.control(R"({"command":"surprises"})"), R"({"ok":true,"surprises":[]})");
   reset();
   EXPECT_EQ(platform.control(R"({"command":"status"})"),
             R"({"ok":true,"requests":0,"events":0,"surprises":0,"faults":0})");

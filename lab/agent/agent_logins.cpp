@@ -2,8 +2,22 @@
 
 #include "base/include/exceptions.h"
 #include "cloud/include/cloud_auth_handler.h"
+#include "cloud/include/curl_object.h"
 
 using Guard = std::lock_guard<std::mutex>;
+
+namespace {
+
+// Where a transfer fails the connector in use is given up: whoever comes next takes the next one.
+template <class Step>
+int attempt(CloudAuth& client, Step step) try {
+  return step();
+} catch (const lumo::CurlException&) {
+  client.resetProxy();
+  throw;
+}
+
+}  // namespace
 
 LoginStep AgentLogins::begin(const std::string& user, const std::string& uuid, int profile,
                              const CloudAuth::Payload& payload) {
@@ -20,7 +34,8 @@ LoginStep AgentLogins::begin(const std::string& user, const std::string& uuid, i
   try {
     made->client.reset(getHandler("", user, uuid, &profile));
     made->client->getCurl(user, "lab_agent");
-    return reached(login, *made, made->client->startAuthentication(&payload));
+    CloudAuth& client = *made->client;
+    return reached(login, *made, attempt(client, [&] { return client.startAuthentication(&payload); }));
   } catch (...) {
     made->client.reset();
     forget(login);
@@ -32,7 +47,8 @@ LoginStep AgentLogins::answer(int login, const std::string& mechanism, int actio
   const Handle found = find(login);
   const Guard working(found->mutex);
   if (!found->client) LUMO_THROW(lumo::Base_Exception, -1, "There is no login %d.", login);
-  return reached(login, *found, found->client->advanceAuthentication(mechanism, action, text));
+  CloudAuth& client = *found->client;
+  return reached(login, *found, attempt(client, [&] { return client.advanceAuthentication(mechanism, action, text); }));
 }
 
 void AgentLogins::end(int login) {

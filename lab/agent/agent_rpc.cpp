@@ -4,10 +4,14 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <boost/make_shared.hpp>
+#include <ctime>
+#include <future>
 #include <utility>
 
 #include "basalt/ad_agent.h"
 #include "basalt/fips.h"
+#include "basalt/run_queue.h"
 #include "base/include/exceptions.h"
 #include "base/include/wipe.h"
 #include "cloud/include/cloudconnectorlocator.h"
@@ -135,6 +139,31 @@ std::string answer(AgentLogins& logins, const Params& params) {
   return jsonOf(logins.answer(params.number("login"), params.text("mechanism"), action, text));
 }
 
+// Tells when its queue has come to it.
+class Reached : public lumo::QueueAble {
+ public:
+  void run() override { m_reached.set_value(); }
+  long getTimeout() const override { return std::time(nullptr); }
+  std::future<void> reached() { return m_reached.get_future(); }
+
+ private:
+  std::promise<void> m_reached;
+};
+
+// Behind all that is due in the queues, each of which has one thread.
+std::string settle() {
+  for (const char* name : {lumo::MAIN_RUN_QUEUE, lumo::OPX_RUN_QUEUE}) {
+    const auto queue = lumo::RunQueue::getRunQueue(name, false, 0);
+    if (!queue) continue;
+    auto item = boost::make_shared<Reached>();
+    auto reached = item->reached();
+    queue->enqueue(item);
+    item.reset();  // a queue that shuts down drops it, and that ends the waiting
+    reached.get();
+  }
+  return DONE;
+}
+
 std::string reports() {
   StringBuffer buffer;
   Writer writer(buffer);
@@ -171,6 +200,7 @@ std::string AgentRpc::call(const lumo::RpcCaller& caller, const std::string& met
   if (method == "answer") return answer(m_logins, Params(method, text));
   if (method == "endLogin") return m_logins.end(Params(method, text).number("login")), DONE;
   if (method == "reports") return reports();
+  if (method == "settle") return settle();
   if (method == "reload") return m_reload(), DONE;
   return LocalRpcHandler::call(caller, method, text);
 }

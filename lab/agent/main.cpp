@@ -116,6 +116,7 @@ void readSettings(bool again) {
 
 void reload() {
   readSettings(true);
+  SetRefresh(0);  // other connectors may be the right ones now
   LUMO_LOG(logger(), 2, "The settings are read anew");
 }
 

@@ -47,8 +47,8 @@ endif()
 
 if(FERRO_COVERAGE)
   # Nobody reads what would be counted in the system's headers and in the tests themselves.
-  target_compile_options(ferro_flags INTERFACE --coverage -fprofile-update=atomic
-                         "-fprofile-exclude-files=^/usr/|/tests/|/testsupport/")
+  target_compile_options(ferro_flags INTERFACE
+    "$<$<NOT:$<BOOL:$<TARGET_PROPERTY:FERRO_TEST>>>:--coverage;-fprofile-update=atomic;-fprofile-exclude-files=^/usr/|/tests/|/testsupport/>")
   target_link_options(ferro_flags INTERFACE --coverage)
 endif()
 

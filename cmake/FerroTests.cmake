@@ -9,6 +9,7 @@
 set(FERRO_TEST_LABELS "unit;loopback;root;lab" CACHE STRING "Which tests to build, by label")
 
 option(FERRO_TEST_ONLY_THREADED "Build only the tests that use threads" OFF)
+option(FERRO_TEST_ONLY_UNSANITIZED "Of unit and loopback tests, build only those that say less under a sanitizer" OFF)
 option(FERRO_TEST_PCH "Parse only once what most tests include" OFF)
 
 if(FERRO_TESTS AND FERRO_TEST_PCH)
@@ -22,12 +23,11 @@ if(FERRO_TESTS AND FERRO_TEST_PCH)
     <memory> <mutex> <string> <thread> <vector>)
 endif()
 
-# Leaves in the list what has to do with threads.
-function(ferro_keep_threaded list)
+# Of the list's sources, leaves those in which a line fits the expression.
+function(ferro_keep_fitting list expression)
   set(kept)
   foreach(source ${${list}})
-    file(STRINGS "${source}" lines LIMIT_COUNT 1
-         REGEX "#include <(thread|future)>|#include \".*(run_queue|agent_in_force|local_rpc_server|kerberos_request).*\"")
+    file(STRINGS "${source}" lines LIMIT_COUNT 1 REGEX "${expression}")
     if(lines)
       list(APPEND kept "${source}")
     endif()
@@ -45,7 +45,8 @@ function(ferro_room_tests room)
   endif()
   file(GLOB all CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*_test.cpp")
   if(FERRO_TEST_ONLY_THREADED)
-    ferro_keep_threaded(all)
+    ferro_keep_fitting(all
+      "#include <(thread|future)>|#include \".*(run_queue|agent_in_force|local_rpc_server|kerberos_request).*\"")
   endif()
   foreach(label ${FERRO_TEST_LABELS})
     set(sources ${all})
@@ -53,6 +54,9 @@ function(ferro_room_tests room)
       list(FILTER sources EXCLUDE REGEX "_(loopback|root|lab)_test\\.cpp$")
     else()
       list(FILTER sources INCLUDE REGEX "_${label}_test\\.cpp$")
+    endif()
+    if(FERRO_TEST_ONLY_UNSANITIZED AND label MATCHES "^(unit|loopback)$")
+      ferro_keep_fitting(sources "#include \"testsupport/sanitizers.h\"")
     endif()
     if(sources)
       ferro_test_executable(${room}_${label}_test ${label} "${sources}" "${ARG_LIBS}" "${ARG_LAB_WITH}")

@@ -20,18 +20,22 @@ constexpr long HTTP_UNAUTHORIZED = 401;
 // Whole lists change hands under opxLock, and nothing is copied or destroyed there: agents wait for it.
 using Events = std::list<OPXProcessor::Event>;
 
-Events privEvents;  // under opxLock; without those that are being sent
+// Under opxLock; without those that are being sent. Never destroyed: a queue that nobody shut down outlives statics.
+Events& privEvents() {
+  static auto* const events = new Events;
+  return *events;
+}
 
 // The events that wait when it is made, no longer among the waiting. They are again, in front of all, when it goes.
 class EventsInHand {
  public:
   EventsInHand() {
     const Lock lock(opxLock);
-    m_events.swap(privEvents);
+    m_events.swap(privEvents());
   }
   ~EventsInHand() {
     const Lock lock(opxLock);
-    privEvents.splice(privEvents.begin(), m_events);
+    privEvents().splice(privEvents().begin(), m_events);
   }
   EventsInHand(const EventsInHand&) = delete;
   EventsInHand& operator=(const EventsInHand&) = delete;
@@ -60,7 +64,7 @@ void OPXProcessor::handleLogPrivEvent(const Event& event) {
     Events stored(1, event);
     {
       const Lock lock(opxLock);
-      privEvents.splice(privEvents.end(), stored);
+      privEvents().splice(privEvents().end(), stored);
     }
     const auto queue = RunQueue::getRunQueue(OPX_RUN_QUEUE, false, 0);
     if (!queue) return;
@@ -76,13 +80,13 @@ void OPXProcessor::handleLogPrivEvent(const Event& event) {
 
 std::size_t OPXProcessor::waitingEvents() {
   const Lock lock(opxLock);
-  return privEvents.size();
+  return privEvents().size();
 }
 
 void OPXProcessor::dropEvents() {
   Events dropped;
   const Lock lock(opxLock);
-  dropped.swap(privEvents);
+  dropped.swap(privEvents());
 }
 
 void OPXProcessor::postLogPrivEvent() {

@@ -78,6 +78,18 @@ TEST_F(Agent, IsOneOfTheProcess) {
   EXPECT_TRUE(again->isConnected());
 }
 
+TEST_F(Agent, LivesAsLongAsItsOwner) {
+  const testsupport::DirectoryInForce directory(m_directory);
+  testsupport::FakeCredentialSource credentials;
+  ADAgent::Options options;
+  options.domain = "corp.test";
+  {
+    const RunningAgent running(options);
+    EXPECT_NE(ADAgent::GetADAgent(false, true), nullptr);
+  }
+  EXPECT_EQ(ADAgent::GetADAgent(false, true), nullptr);
+}
+
 TEST_F(Agent, StartsWithBothBindingsAndTheSite) {
   AgentInForce agent(m_directory);
   ASSERT_THAT(m_directory.opened(), SizeIs(2));

@@ -217,6 +217,21 @@ TEST_F(RunQueueShutdownTest, MayComeWhileManyThreadsQueue) {
 }
 
 // The clock of the system itself: an idle queue hears of an item, and one that waits for a second hears of its end.
+TEST_F(RunQueueShutdownTest, IsTheEndOfItsOwner) {
+  boost::shared_ptr<RunQueue> first;
+  {
+    const lumo::RunningQueues queues({"first", "second"});
+    first = RunQueue::getRunQueue("first", false, 0);
+    ASSERT_NE(first, nullptr);
+    EXPECT_NE(RunQueue::getRunQueue("second", false, 0), nullptr);
+    first->enqueue(noting("item", 0));
+    EXPECT_THAT(notes.await(1), ElementsAre("item"));
+  }
+  EXPECT_EQ(refusal(first), "The queue 'first' is shutting down.");
+  EXPECT_EQ(RunQueue::getRunQueue("second", false, 0), nullptr);
+  EXPECT_EQ(refusal(queue), "The queue 'test' is shutting down.");  // all that there are
+}
+
 TEST(RunQueueSystemClockTest, RunsAtOnceAndAtTheNextSecond) {
   Notes notes;
   const auto queue = RunQueue::getRunQueue("system clock", true, 2);

@@ -58,11 +58,6 @@ void AgentLogins::end(int login) {
   forget(login);
 }
 
-void AgentLogins::endAll() {
-  const Guard guard(m_mutex);
-  m_open.clear();
-}
-
 AgentLogins::Handle AgentLogins::find(int login) {
   const Guard guard(m_mutex);
   const auto found = m_open.find(login);

@@ -17,7 +17,8 @@ struct LoginStep {
 };
 
 // Any thread. Requests for one login run one after the other, those for several side by side. What the cloud's clients
-// throw comes through: it ends a login that begins, and leaves one that goes on as it was.
+// throw comes through: it ends a login that begins, and leaves one that goes on as it was. Its own end gives up all
+// that are open; no request runs then.
 class AgentLogins {
  public:
   static constexpr std::size_t MOST = 50;
@@ -28,8 +29,6 @@ class AgentLogins {
   LoginStep answer(int login, const std::string& mechanism, int action, const std::string& text);
   // Gives one up and its connection back.
   void end(int login);
-  // The same for all.
-  void endAll();
 
  private:
   struct Login {

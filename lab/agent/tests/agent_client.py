@@ -12,6 +12,16 @@ SOCKET = "/var/morvand/daemon"
 PATIENCE = 90  # an agent may be waiting for a peer that is silent
 
 
+class Closing:
+    """Closed at the end of a `with`."""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
 class AgentError(Exception):
     """An error reply; `code` is that of docs/rpc.md."""
 
@@ -20,32 +30,19 @@ class AgentError(Exception):
         self.code, self.message = code, message
 
 
-class AgentClient:
+class AgentClient(Closing):
     """One session, authenticated unless told otherwise; for one thread at a time."""
 
     def __init__(self, path=SOCKET, authenticate=True, patience=PATIENCE):
         self.number = 0
         self.stream = socket.socket(socket.AF_UNIX)
         self.stream.settimeout(patience)
-        try:
-            self.stream.connect(path)
-            if authenticate:
-                self.call("authenticateProcess")
-        except BaseException:
-            self.close()
-            raise
+        self.stream.connect(path)
+        if authenticate:
+            self.call("authenticateProcess")
 
     def close(self):
         self.stream.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-    def send(self, content):
-        self.stream.sendall(struct.pack(">I", len(content)) + content)
 
     def bytes(self, count):
         taken = b""
@@ -56,14 +53,12 @@ class AgentClient:
             taken += more
         return taken
 
-    def receive(self):
-        return self.bytes(*struct.unpack(">I", self.bytes(4)))
-
     def request(self, method, params):
         """The result; an error reply is an AgentError, and the session goes on."""
         self.number += 1
-        self.send(json.dumps({"jsonrpc": "2.0", "id": self.number, "method": method, "params": params}).encode())
-        reply = json.loads(self.receive())
+        content = json.dumps({"jsonrpc": "2.0", "id": self.number, "method": method, "params": params}).encode()
+        self.stream.sendall(struct.pack(">I", len(content)) + content)
+        reply = json.loads(self.bytes(*struct.unpack(">I", self.bytes(4))))
         if "error" in reply:
             raise AgentError(reply["error"]["code"], reply["error"]["message"])
         assert reply["id"] == self.number, reply
@@ -73,7 +68,7 @@ class AgentClient:
         return self.request(method, params)
 
 
-class AgentProcess:
+class AgentProcess(Closing):
     """The agent, ready; killed at the end of a `with` where nobody stopped it."""
 
     def __init__(self, program, *arguments):
@@ -105,9 +100,3 @@ class AgentProcess:
         self.process.kill()
         self.process.wait()
         self.process.stdout.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()

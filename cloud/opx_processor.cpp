@@ -64,8 +64,7 @@ void OPXProcessor::cloudSetup() {
     platformUrl = locator->zoneCloudUrl();
   }
   const bool isDirect = Props(false, false).getBool(PN::CLOUD_DIRECT_CONNECTION, false);
-  const CloudProxyInfo proxy = getCloudHttpProxy(platformUrl);
-  webProxy = isDirect ? CloudProxyInfo() : proxy;
+  webProxy = getCloudHttpProxy(platformUrl);
   if (webProxy.proxyServer.empty()) {
     LUMO_LOG(
         logger, 1, "%s",

@@ -1,12 +1,9 @@
 // The machine's sign-in with a real KDC and a connector that looks at its ticket.
-#include <openssl/pem.h>
-#include <openssl/x509.h>
-
-#include <cstdio>
 #include <filesystem>
 
 #include "cloud/tests/cloud_auth_v1s_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
+#include "cloud/tests/connector_trust.h"
 #include "cloud/tests/negotiate_host.h"
 #include "testsupport/setting.h"
 #include "testsupport/temp_folder.h"
@@ -27,23 +24,6 @@ namespace {
 
 constexpr char CODE[] = R"(<p>{"result":"success","otc":"CODE-1"}</p>)";
 constexpr char MACHINE[] = "HOST1$@CORP.EXAMPLE.TEST";
-
-// Puts the certificate into a folder as OpenSSL looks for it there.
-void trustIn(const std::string& folder, const Certificate& certificate) {
-  std::filesystem::create_directories(folder);
-  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(certificate.certificateFile.c_str(), "r"), &std::fclose);
-  const std::unique_ptr<X509, void (*)(X509*)> x509(PEM_read_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
-  char name[16];
-  std::snprintf(name, sizeof name, "/%08lx.0", X509_subject_name_hash(x509.get()));
-  std::filesystem::create_symlink(certificate.certificateFile, folder + name);
-}
-
-Certificate certificateFor(const testsupport::TempFolder& folder, const char* name) {
-  CertificateOptions options;
-  options.name = name;
-  options.address = "127.0.0.1";
-  return makeCertificate(folder.path(), name, options);
-}
 
 class MachineSignInRoot : public NegotiateRoot {
  protected:

@@ -1,13 +1,13 @@
 // Privilege events: stored at once, sent by the queue, given up where the platform or the session fails.
 #include <algorithm>
-#include <boost/make_shared.hpp>
-#include <ctime>
-#include <future>
+#include <functional>
+#include <stdexcept>
 #include <thread>
 
-#include "basalt/run_queue.h"
 #include "cloud/opx_handler.h"
 #include "cloud/tests/opx_processor_fixture.h"
+#include "cloud/tests/opx_queue.h"
+#include "testsupport/manual_clock.h"
 
 namespace {
 
@@ -23,36 +23,42 @@ constexpr const char* REFETCHES = "DEBUG LogPrivEvent: machine cookie expired, w
 Event event(const std::string& user) { return {{"User", user}, {"Command", "/bin/id"}}; }
 std::string body(const std::string& user) { return R"({"User":")" + user + R"(","Command":"/bin/id"})"; }
 
-// Holds the thread of a queue until it is let go.
-class Block : public lumo::QueueAble {
+// The system's clock, and what its maker wants done whenever the maker's own thread reads it.
+class WatchedClock : public lumo::Clock {
  public:
-  explicit Block(std::shared_future<void> until) : m_until(std::move(until)) {}
-  void run() override { m_until.wait(); }
+  WatchedClock() { setInstance(this); }
+  ~WatchedClock() override { setInstance(nullptr); }
+  WatchedClock(const WatchedClock&) = delete;
+  WatchedClock& operator=(const WatchedClock&) = delete;
+
+  std::chrono::system_clock::time_point now() override {
+    if (std::this_thread::get_id() == m_maker && onRead) onRead();
+    return std::chrono::system_clock::now();
+  }
+  std::chrono::steady_clock::time_point steadyNow() override { return std::chrono::steady_clock::now(); }
+  void sleepFor(std::chrono::milliseconds duration) override { std::this_thread::sleep_for(duration); }
+  void waitUntil(std::condition_variable& woken, std::unique_lock<std::mutex>& lock, std::time_t) override {
+    woken.wait(lock);
+  }
+
+  std::function<void()> onRead;
 
  private:
-  std::shared_future<void> m_until;
-};
-
-// Tells when the queue has come to it.
-class Reach : public lumo::QueueAble {
- public:
-  explicit Reach(std::promise<void>& reached) : m_reached(reached) {}
-  void run() override { m_reached.set_value(); }
-  // Behind what is due by now.
-  long getTimeout() const override { return std::time(nullptr); }
-
- private:
-  std::promise<void>& m_reached;
+  const std::thread::id m_maker = std::this_thread::get_id();
 };
 
 class OpxEventsLoopback : public OpxTest {
  protected:
-  ~OpxEventsLoopback() override { lumo::RunQueue::shutdownAll(); }
-
   static void store(std::initializer_list<const char*> users) {
     for (const char* user : users) lumo::OPXProcessor::handleLogPrivEvent(event(user));
   }
   void run() { access.processor.postLogPrivEvent(); }
+  // Without a sign-in, which would drop what waits.
+  void haveASession() {
+    access.processor.cloudSetup();
+    access.connection()->setOpt(CURLOPT_CAINFO, access.certStore);
+    access.machineCookie = "m-1";
+  }
 };
 
 }  // namespace
@@ -130,6 +136,47 @@ TEST_F(OpxEventsLoopback, AnExpiredSessionWithoutACodeKeepsTheEventsForTheNextSi
   EXPECT_EQ(access.waiting(), 0U);
 }
 
+TEST_F(OpxEventsLoopback, ASessionThatIsNotRenewedIsNoneForTheNextSignIn) {
+  script({session("m-1", R"({"success":true,"otc":"c-2"})")});
+  access.processor.initProc(PLATFORM);
+  asked();
+  script({json("", "401 Unauthorized"), json("", "403 Forbidden"), json(SUCCESS), json(SUCCESS)});
+  store({"a", "b", "c"});
+  run();
+  EXPECT_THAT(asked(),
+              ElementsAre(sent(body("a")), "GET /security/sso?OneTimePass=c-2", sent(body("b")), sent(body("c"))))
+      << "the others are tried all the same";
+  EXPECT_EQ(access.machineCookie, "");
+  EXPECT_EQ(access.waiting(), 0U);
+  script({session("m-2")});
+  store({"d"});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(SSO));
+  EXPECT_EQ(access.machineCookie, "m-2");
+}
+
+TEST_F(OpxEventsLoopback, ARenewalWhoseTransferFailsKeepsTheEventsForTheNextSignIn) {
+  script({session("m-1", R"({"success":true,"otc":"c-2"})")});
+  access.processor.initProc(PLATFORM);
+  asked();
+  logged();
+  script({json(R"({"success":true,"otc":"c-3"})"), json("", "401 Unauthorized"), cut(), json(SUCCESS)});
+  store({"a", "b", "c"});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a")), sent(body("b")), "GET /security/sso?OneTimePass=c-3"));
+  EXPECT_EQ(logged().back(),
+            "DEBUG Got CURL exception: curl error occurred in curl_easy_perform: Transferred a partial file (18)");
+  EXPECT_EQ(access.machineCookie, "");
+  EXPECT_EQ(access.waiting(), 3U);
+  script({session("m-2"), json(SUCCESS)});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(SSO));
+  EXPECT_EQ(access.waiting(), 0U) << "dropped by it";
+  store({"d"});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("d"))));
+}
+
 TEST_F(OpxEventsLoopback, AnyOtherRefusalGivesUpTheRest) {
   for (const auto& refusal : {json("", "500 Internal Server Error"), json(R"({"success":false})"), json("no json"),
                               json("", "403 Forbidden")}) {
@@ -160,6 +207,29 @@ TEST_F(OpxEventsLoopback, AFailedTransferKeepsAllOfThem) {
   EXPECT_EQ(access.waiting(), 0U);
 }
 
+TEST_F(OpxEventsLoopback, WhatComesDuringASendingThatFailsWaitsBehindTheOthers) {
+  signIn();
+  duringRequest = [] { store({"late"}); };
+  script({cut()});
+  store({"a", "b"});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a"))));
+  duringRequest = nullptr;
+  script({json(SUCCESS), json(SUCCESS), json(SUCCESS)});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a")), sent(body("b")), sent(body("late"))));
+}
+
+TEST_F(OpxEventsLoopback, SendingAloneTakesNothingAway) {
+  signIn();
+  script({json(SUCCESS), json(SUCCESS)});
+  store({"a"});
+  access.processor.cloudLogPrivEvent();
+  access.processor.cloudLogPrivEvent();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a")), sent(body("a"))));
+  EXPECT_EQ(access.waiting(), 1U);
+}
+
 TEST_F(OpxEventsLoopback, WhatComesDuringTheSendingGoesWithTheRest) {
   signIn();
   duringRequest = [] { store({"late"}); };
@@ -178,9 +248,8 @@ TEST_F(OpxEventsLoopback, AnEventWithoutAQueueWaits) {
 
 TEST_F(OpxEventsLoopback, TenOfABurstGoOutInOneRun) {
   signIn();
-  std::promise<void> letGo;
-  const auto queue = lumo::RunQueue::getRunQueue(lumo::OPX_RUN_QUEUE, true, 1);
-  queue->enqueue(boost::make_shared<Block>(letGo.get_future().share()));
+  OpxQueue queue;
+  queue.hold();
   script({json(SUCCESS), json(SUCCESS), json(SUCCESS), json(SUCCESS), json(SUCCESS), json(SUCCESS), json(SUCCESS),
           json(SUCCESS), json(SUCCESS), json(SUCCESS)});
   std::vector<std::string> expected;
@@ -191,15 +260,39 @@ TEST_F(OpxEventsLoopback, TenOfABurstGoOutInOneRun) {
   EXPECT_THAT(logged(), testing::ElementsAreArray(
                             std::vector<std::string>(10, "DEBUG Send out LogPrivEvent message to OPX handler")));
   EXPECT_THAT(asked(), IsEmpty()) << "nothing goes out on the caller's thread";
-  letGo.set_value();
-  // The items behind the ten events, and then this one.
-  std::promise<void> reached;
-  queue->enqueue(boost::make_shared<Reach>(reached));
-  reached.get_future().wait();
+  queue.runDue();
   EXPECT_THAT(asked(), testing::ElementsAreArray(expected));
   const std::vector<std::string> said = logged();
   EXPECT_EQ(std::count(said.begin(), said.end(), RUNS), 10);
   EXPECT_EQ(said.back(), RUNS) << "the last nine find nothing to do";
+}
+
+TEST_F(OpxEventsLoopback, AnItemIsDueWhenItsEventCame) {
+  signIn();
+  script({json(SUCCESS)});
+  testsupport::ManualClock clock;
+  OpxQueue queue;
+  queue.hold();
+  const auto then = clock.now();
+  store({"a"});
+  clock.set(then - std::chrono::seconds(10));
+  queue.letGo();
+  EXPECT_TRUE(clock.awaitWaiting(std::chrono::system_clock::to_time_t(then)));
+  EXPECT_THAT(asked(), IsEmpty());
+  clock.set(then);
+  queue.runDue();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a"))));
+}
+
+TEST_F(OpxEventsLoopback, AnEventWhoseItemCannotBeHadWaitsAndIsTold) {
+  WatchedClock clock;
+  const OpxQueue queue;
+  clock.onRead = [] { throw std::runtime_error("The clock is broken."); };
+  store({"a"});
+  clock.onRead = nullptr;
+  EXPECT_THAT(logged(),
+              ElementsAre("ERROR Failed to send out LogPrivEvent message to OPX handler: The clock is broken."));
+  EXPECT_EQ(access.waiting(), 1U);
 }
 
 TEST_F(OpxEventsLoopback, ADisabledProcessorLeavesTheEvents) {
@@ -208,6 +301,11 @@ TEST_F(OpxEventsLoopback, ADisabledProcessorLeavesTheEvents) {
   lumo::OPXHandler(0).run();
   EXPECT_EQ(access.waiting(), 1U);
   EXPECT_THAT(logged(), IsEmpty());
+  const SettingsScope on{{"ferrod.cloud.log.privevent", "true"}};
+  haveASession();
+  script({json(SUCCESS)});
+  lumo::OPXHandler(0).run();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a")))) << "a later item sends them";
 }
 
 TEST_F(OpxEventsLoopback, AProcessorThatIsNotReadyLeavesTheEvents) {
@@ -232,24 +330,17 @@ TEST_F(OpxEventsLoopback, AfterASignInThatFailedThereIsNothingToSend) {
 }
 
 TEST_F(OpxEventsLoopback, AQueueThatShutsDownIsNoFailure) {
-  std::promise<void> letGo;
-  std::promise<void> begun;
-  const auto queue = lumo::RunQueue::getRunQueue(lumo::OPX_RUN_QUEUE, true, 1);
-  queue->enqueue(boost::make_shared<Block>(letGo.get_future().share()));
-  std::thread end([&] {
-    begun.set_value();
-    queue->shutdown();
-  });
-  begun.get_future().wait();
-  while (failureOf([&] { queue->enqueue(boost::make_shared<lumo::OPXHandler>(0)); }) == "nothing thrown") {
-    std::this_thread::yield();
-  }
-  logged();
+  WatchedClock clock;
+  OpxQueue queue;
+  // It was there when the event came, and takes no item any more.
+  clock.onRead = [&queue] { queue.queue().shutdown(); };
   store({"a"});
+  clock.onRead = nullptr;
   EXPECT_THAT(logged(), IsEmpty());
   EXPECT_EQ(access.waiting(), 1U);
-  letGo.set_value();
-  end.join();
+  store({"b"});
+  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_EQ(access.waiting(), 2U);
 }
 
 TEST(OpxHandler, IsOneItemForEachEvent) {

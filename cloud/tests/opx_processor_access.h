@@ -1,8 +1,8 @@
 // What is private in the processor of privilege events, for tests.
 #pragma once
 
+#include <functional>
 #include <string>
-#include <vector>
 
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
@@ -30,6 +30,7 @@ struct OPXProcessorAccess {
   long& httpCode = processor.httpCode;
   rapidjson::Document& document = processor.document;
   CurlObject* connection() const { return processor.curl; }
+  void guarded(const std::function<void()>& work) { processor.guarded(work); }
 
   static std::size_t waiting() { return OPXProcessor::waitingEvents(); }
   // How many there were; none is left.

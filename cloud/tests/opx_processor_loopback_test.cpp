@@ -45,6 +45,14 @@ TEST_F(OpxProcessorLoopback, ANewOneHasNoSession) {
   EXPECT_THAT(asked(), IsEmpty());
 }
 
+TEST_F(OpxProcessorLoopback, ANewOneEndsTheFormerOnesConnection) {
+  signIn();
+  const auto before = static_cast<size_t>(server.connections());
+  EXPECT_FALSE(server.waitForEnds(before, std::chrono::milliseconds(0)));
+  lumo::OPXProcessor::createProcessor();
+  EXPECT_TRUE(server.waitForEnds(before, std::chrono::seconds(5)));
+}
+
 TEST_F(OpxProcessorLoopback, SetsItsConnectionUpForTheProxy) {
   access.processor.cloudSetup();
   EXPECT_THAT(access.connection()->headers,
@@ -52,9 +60,22 @@ TEST_F(OpxProcessorLoopback, SetsItsConnectionUpForTheProxy) {
                           testing::Pair("X-MORVANE-NATIVE-CLIENT", "1"), testing::Pair("X-MRV-SRC", "QRS")));
   EXPECT_THAT(logged(), ElementsAre("DEBUG Set CURL web proxy to: '" + server.address() + "' with auth: ''."));
   EXPECT_EQ(access.webProxy.proxyServer, server.address());
-  const CurlObject* const first = access.connection();
+  CurlObject* const first = access.connection();
+  const auto headers = first->headers;
+  for (auto& [name, value] : first->headers) value = "another";
+  first->setOpt(CURLOPT_PROXY, "other:8080");
   access.processor.cloudSetup();
   EXPECT_EQ(access.connection(), first) << "the connection is kept";
+  EXPECT_EQ(first->headers, headers);
+}
+
+TEST_F(OpxProcessorLoopback, GivesTheProxyItsAuthentication) {
+  const SettingsScope basic{{"ferrod.cloud.proxy.auth.required", "true"}, {"ferrod.cloud.proxy.auth.type", "Basic"}};
+  UpdateCloudHttpProxy();
+  access.processor.cloudSetup();
+  EXPECT_THAT(logged(), ElementsAre("DEBUG Set CURL web proxy to: '" + server.address() + "' with auth: 'basic'."));
+  EXPECT_EQ(access.connection()->recordedOptions().count(CURLOPT_PROXYAUTH), 1U);
+  EXPECT_EQ(access.webProxy.proxyAuth, "basic");
 }
 
 TEST_F(OpxProcessorLoopback, GoesWithoutAProxyWhereTheHostIsDirect) {
@@ -87,6 +108,23 @@ TEST_F(OpxProcessorLoopback, SignInDropsWhatWaits) {
   ASSERT_EQ(access.waiting(), 2U);
   signIn();
   EXPECT_EQ(access.waiting(), 0U);
+}
+
+TEST_F(OpxProcessorLoopback, SignsInAtThePlatformThatItIsGiven) {
+  access.platformUrl = "https://elsewhere.example.test/";
+  script({session()});
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(access.platformUrl, PLATFORM);
+  EXPECT_THAT(asked(), ElementsAre(SSO));
+  EXPECT_EQ(access.machineCookie, "m-1");
+}
+
+TEST_F(OpxProcessorLoopback, FailuresStandInTheLogByTheirKind) {
+  access.guarded([] { LUMO_THROW(lumo::CloudIwaException, 9, "one"); });
+  access.guarded([] { LUMO_THROW(lumo::CurlException, -1, "two"); });
+  access.guarded([] { LUMO_THROW(lumo::CloudException, -1, "three"); });
+  EXPECT_THAT(logged(), ElementsAre("DEBUG Got IWA exception: one", "DEBUG Got CURL exception: two",
+                                    "DEBUG Got exception: three"));
 }
 
 TEST_F(OpxProcessorLoopback, SecondSignInKeepsTheConnection) {
@@ -172,6 +210,22 @@ TEST_F(OpxProcessorLoopback, RefusedSignInLeavesTheSessionAsItWas) {
   EXPECT_THAT(logged(), Contains("DEBUG sso: result = 0, httpCode = 503"));
 }
 
+TEST_F(OpxProcessorLoopback, ASuccessWithoutACookieIsNoSession) {
+  signIn();
+  script({json(SUCCESS)});
+  access.connection()->forgetSession();
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(access.machineCookie, "");
+}
+
+TEST_F(OpxProcessorLoopback, WithoutAMachineAccountThereIsNoSignIn) {
+  source.machineCacheName.clear();
+  access.processor.initProc(PLATFORM);
+  EXPECT_THAT(logged(), ElementsAre("DEBUG Set CURL web proxy to: '" + server.address() + "' with auth: ''.",
+                                    "DEBUG Got exception: no machine account", COMPLETES));
+  EXPECT_THAT(connectorAsked(), IsEmpty());
+}
+
 TEST_F(OpxProcessorLoopback, AConnectorSeesNoSession) {
   signIn();
   script({json(SUCCESS), session("m-2")});
@@ -193,6 +247,7 @@ TEST_F(OpxProcessorLoopback, ACodeOfAnEarlierSignInIsNotUsed) {
   script({session()});
   access.processor.initProc(PLATFORM);
   EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_THAT(logged(), Contains(GOT_NO_CODE));
   EXPECT_EQ(access.machineCookie, "");
 }
 

@@ -32,6 +32,12 @@ TEST_F(OpxProcessor, TakesThePlatformOfTheZoneAndGoesWithoutAProxyWhereThereIsNo
   EXPECT_EQ(processor.connection()->recordedOptions().count(CURLOPT_PROXY), 0U);
 }
 
+TEST_F(OpxProcessor, HasTheConnectorsLookedForWhereItHasNoPlatformYet) {
+  const SettingsScope direct{{"ferrod.cloud.direct.connection", "true"}};
+  processor.processor.cloudSetup();
+  EXPECT_THAT(log.texts(), testing::Contains(testing::HasSubstr("getCloudConnector")));
+}
+
 TEST_F(OpxProcessor, KeepsThePlatformThatItHas) {
   processor.platformUrl = "https://platform.example.test/";
   processor.processor.cloudSetup();

@@ -126,6 +126,13 @@ std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
   }
 }
 
+void ADCacheBinding::announce(const DirectorySearch& what) {
+  DirectorySearch whole = what;
+  addGuid(whole.attributes);
+  const lumo::Lock lock(m_mutex);
+  if (m_connection) m_connection->announce(whole);
+}
+
 ADObjectPtr ADCacheBinding::fetch(const std::string& dn, const std::vector<std::string>& attributes) {
   if (dn.empty()) return nullptr;
   const auto found = search({dn, SearchScope::Base, lumo::ANY_OBJECT, attributes});

@@ -41,8 +41,9 @@ class ADCacheBinding : public ADBind {
   static constexpr std::chrono::seconds SEARCH_LIMIT = 2 * DIRECTORY_SEARCH_LIMIT + CONNECT_LIMIT;
   // For all questions of one prefetch; the question at hand may take its own SEARCH_LIMIT beyond.
   static constexpr std::chrono::seconds PREFETCH_LIMIT = DIRECTORY_SEARCH_LIMIT;
-  // Names asked for by one question of prefetch: the work of a server grows with the square of it.
-  static constexpr std::size_t PREFETCH_BATCH = 25;
+  // Names asked for by one question of prefetch: with fewer the answers wait for each other, with more the work of a
+  // server grows faster than their number, and some servers refuse the filter.
+  static constexpr std::size_t PREFETCH_BATCH = 50;
 
   // `ccache` names the identity's credential cache each time that a connection is opened; what it throws counts as a
   // connection that failed. It is called on a thread of the binding's own. Does not connect yet.
@@ -106,10 +107,12 @@ class ADCacheBinding : public ADBind {
   [[noreturn]] void lose(Failure failure);
   void remember(const std::string& question, const ADObjectList& answer, int cacheOps);
   using TimePoint = std::chrono::steady_clock::time_point;
-  void prefetchBatch(const std::vector<std::string>& dns, const std::vector<std::string>& attributes, TimePoint end);
+  struct Batch;
+  void prefetchBatch(const Batch& batch, TimePoint end);
   void prefetchOne(const std::string& dn, const std::vector<std::string>& attributes, TimePoint end);
   // The next question of a prefetch.
   std::vector<ADObjectPtr> searchBefore(TimePoint end, const DirectorySearch& what);
+  void announce(const DirectorySearch& what);
 
   const DirectoryConnector::Target m_target;
   const std::function<std::string()> m_ccache;

@@ -1,5 +1,7 @@
 #include "basalt/ad_cache_binding_memory.h"
 
+#include <utility>
+
 #include "basalt/clock.h"
 
 namespace lumo {
@@ -34,7 +36,12 @@ bool SearchMemory::holds(const std::string& question) {
 
 void SearchMemory::store(const std::string& question, const ADObjectList& answer) {
   if (answer.size() > MAX_ANSWER) return forget(question);
-  Entry entry{question, copiesOf(answer), Clock::getInstance().steadyNow() + LIFE};
+  adopt(question, copiesOf(answer));
+}
+
+void SearchMemory::adopt(const std::string& question, ADObjectList answer) {
+  if (answer.size() > MAX_ANSWER) return forget(question);
+  Entry entry{question, std::move(answer), Clock::getInstance().steadyNow() + LIFE};
   const Lock lock(m_mutex);
   dropExpired();
   if (const auto old = m_byQuestion.find(question); old != m_byQuestion.end()) drop(old->second);

@@ -32,6 +32,8 @@ class SearchMemory {
   // Is there an answer?
   bool holds(const std::string& question);
   void store(const std::string& question, const ADObjectList& answer);
+  // The same with the objects themselves in place of copies: nobody else may hold them.
+  void adopt(const std::string& question, ADObjectList answer);
   void forget(const std::string& question);
   // Of all answers together, as MAX_OBJECTS counts them.
   std::size_t size();

@@ -42,6 +42,9 @@ class DirectoryConnection {
   // Throws LDAPException with the server's words and the LDAP result code as rc(); isServerUnavailable tells when the
   // server is gone or silent, and the connection is then of no more use.
   virtual std::vector<ADObjectPtr> search(const DirectorySearch& what) = 0;
+  // A search to come soon, of one answer or of one page: the connection may ask already, so that the server works while
+  // its last answer is looked at. Another search than the one that was announced first drops them all. Never throws.
+  virtual void announce(const DirectorySearch&) {}
   // Attributes of the server's root object.
   virtual ADObjectPtr rootDse() = 0;
 };

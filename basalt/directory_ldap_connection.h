@@ -4,8 +4,11 @@
 #include <ldap.h>
 
 #include <chrono>
+#include <deque>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "basalt/directory.h"
 #include "basalt/directory_socket.h"
@@ -39,10 +42,16 @@ class LdapConnection : public DirectoryConnection {
   void bind(const std::string& ccacheName);
 
   std::vector<ADObjectPtr> search(const DirectorySearch& what) override;
+  void announce(const DirectorySearch& what) override;
   ADObjectPtr rootDse() override;
 
  private:
   struct Page;
+  // A request under way, by the library's number.
+  struct Announced {
+    DirectorySearch what;
+    int id;
+  };
 
   [[noreturn]] void fail(int rc, const std::string& doing);
   void requireUsable(const std::string& doing) const;
@@ -51,8 +60,15 @@ class LdapConnection : public DirectoryConnection {
   void setOption(int option, T value);
   std::string defaultBase();
   std::vector<ADObjectPtr> searchAll(const DirectorySearch& what, bool paged);
-  Page searchPage(const DirectorySearch& what, const std::string* cookie, SteadyTime end);
+  std::vector<ADObjectPtr> searchOnce(const DirectorySearch& what, SteadyTime end);
+  int send(const DirectorySearch& what, const std::string* cookie, SteadyTime end);
+  Page receive(int id, const DirectorySearch& what, SteadyTime end);
+  // The request of an announced search; nothing for another, and then none is announced any more.
+  std::optional<int> takeAnnounced(const DirectorySearch& what);
+  std::chrono::milliseconds limitUntil(SteadyTime end, const std::string& doing);
   void readEntries(LDAPMessage* result, std::vector<ADObjectPtr>& objects);
+  ADObjectPtr readEntry(LDAPMessage* entry);
+  ADObjectPtr readDamagedEntry(LDAPMessage* entry);
   ADAttribute readValues(LDAPMessage* entry, const char* name);
   void completeRanges(ADObject& object, SteadyTime end);
   ADAttribute completed(const ADObject& object, const std::string& partName, SteadyTime end);
@@ -61,6 +77,7 @@ class LdapConnection : public DirectoryConnection {
   const bool m_globalCatalog;
   const LdapLimits m_limits;
   std::string m_defaultBase;
+  std::deque<Announced> m_announced;
   bool m_usable = true;
   LdapHandle m_ld;
 };

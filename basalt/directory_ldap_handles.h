@@ -26,6 +26,8 @@ using LdapText = std::unique_ptr<char, LdapFree<ldap_memfree>>;
 using LdapControl = std::unique_ptr<LDAPControl, LdapFree<ldap_control_free>>;
 using LdapControls = std::unique_ptr<LDAPControl*, LdapFree<ldap_controls_free>>;
 using LdapValues = std::unique_ptr<berval*, LdapFree<ldap_value_free_len>>;
+// The array alone; the bytes belong to the message.
+using LdapValueArray = std::unique_ptr<berval, LdapFree<ber_memfree>>;
 using LdapAttributes = std::unique_ptr<BerElement, BerElementFree>;
 
 inline timeval timeOf(std::chrono::milliseconds span) {

@@ -1,5 +1,6 @@
 // Searches of an LDAP connection: pages, entries, values in ranges.
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "basalt/directory_ldap_connection.h"
@@ -55,6 +56,7 @@ struct Range {
   std::string next;
 };
 bool readRange(const std::string& name, Range& range) {
+  if (name.find(';') == std::string::npos) return false;
   const std::size_t option = lower(name).find(RANGE_OPTION);
   if (option == std::string::npos) return false;
   range = {name.substr(0, option), {}};
@@ -64,10 +66,20 @@ bool readRange(const std::string& name, Range& range) {
   return true;
 }
 
+std::string textOf(const berval& bytes) { return {bytes.bv_val, bytes.bv_len}; }
+
+bool isSame(const DirectorySearch& a, const DirectorySearch& b) {
+  return a.base == b.base && a.scope == b.scope && a.filter == b.filter && a.attributes == b.attributes &&
+         a.paged == b.paged;
+}
+
+std::string doingOf(const DirectorySearch& what) { return "Cannot search '" + what.base + "'"; }
+
 }  // namespace
 
+// What the server sent, not looked at yet.
 struct LdapConnection::Page {
-  std::vector<ADObjectPtr> objects;
+  LdapMessage entries;
   std::string cookie;
 };
 
@@ -75,6 +87,32 @@ std::vector<ADObjectPtr> LdapConnection::search(const DirectorySearch& what) {
   DirectorySearch whole = what;
   if (whole.base.empty()) whole.base = defaultBase();
   return searchAll(whole, what.paged && what.scope != SearchScope::Base);
+}
+
+void LdapConnection::announce(const DirectorySearch& what) {
+  DirectorySearch whole = what;
+  if (whole.base.empty()) {
+    if (!m_globalCatalog && m_defaultBase.empty()) return;
+    whole.base = m_defaultBase;
+  }
+  try {
+    const NoBrokenPipe guard;
+    const int id = send(whole, nullptr, std::chrono::steady_clock::now() + m_limits.search);
+    m_announced.push_back({std::move(whole), id});
+  } catch (const LDAPException&) {
+    // The search itself will meet it.
+  }
+}
+
+std::optional<int> LdapConnection::takeAnnounced(const DirectorySearch& what) {
+  if (!m_announced.empty() && isSame(m_announced.front().what, what)) {
+    const int id = m_announced.front().id;
+    m_announced.pop_front();
+    return id;
+  }
+  for (const Announced& other : m_announced) ldap_abandon_ext(m_ld.get(), other.id, nullptr, nullptr);
+  m_announced.clear();
+  return std::nullopt;
 }
 
 ADObjectPtr LdapConnection::rootDse() {
@@ -93,40 +131,64 @@ std::string LdapConnection::defaultBase() {
 std::vector<ADObjectPtr> LdapConnection::searchAll(const DirectorySearch& what, bool paged) {
   const NoBrokenPipe guard;
   const SteadyTime end = std::chrono::steady_clock::now() + m_limits.search;
-  const std::string first;
-  Page page = searchPage(what, paged ? &first : nullptr, end);
-  std::vector<ADObjectPtr> objects = std::move(page.objects);
-  for (int pages = 1; !page.cookie.empty(); ++pages) {
-    if (pages == MAX_PAGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's pages do not end");
-    page = searchPage(what, &page.cookie, end);
-    objects.insert(objects.end(), page.objects.begin(), page.objects.end());
+  std::vector<ADObjectPtr> objects;
+  requireUsable(doingOf(what));
+  if (!paged) {
+    objects = searchOnce(what, end);
+  } else {
+    takeAnnounced(what);
+    const std::string first;
+    Page page = receive(send(what, &first, end), what, end);
+    for (int pages = 1; !page.cookie.empty(); ++pages) {
+      if (pages == MAX_PAGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's pages do not end");
+      // The server looks for the next page while this one is read.
+      const int next = send(what, &page.cookie, end);
+      readEntries(page.entries.get(), objects);
+      page = receive(next, what, end);
+    }
+    readEntries(page.entries.get(), objects);
   }
   for (const ADObjectPtr& object : objects) completeRanges(*object, end);
   return objects;
 }
 
-LdapConnection::Page LdapConnection::searchPage(const DirectorySearch& what, const std::string* cookie,
-                                                SteadyTime end) {
-  const std::string doing = "Cannot search '" + what.base + "'";
-  requireUsable(doing);
+std::vector<ADObjectPtr> LdapConnection::searchOnce(const DirectorySearch& what, SteadyTime end) {
+  const std::optional<int> announced = takeAnnounced(what);
+  const Page page = receive(announced ? *announced : send(what, nullptr, end), what, end);
+  std::vector<ADObjectPtr> objects;
+  readEntries(page.entries.get(), objects);
+  return objects;
+}
+
+std::chrono::milliseconds LdapConnection::limitUntil(SteadyTime end, const std::string& doing) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
   if (left.count() <= 0) fail(LDAP_TIMEOUT, doing);
+  return std::min(m_limits.operation, left);
+}
+
+int LdapConnection::send(const DirectorySearch& what, const std::string* cookie, SteadyTime end) {
+  const std::string doing = doingOf(what);
+  requireUsable(doing);
   std::vector<char*> attributes;
   for (const std::string& name : what.attributes) attributes.push_back(const_cast<char*>(name.c_str()));
   attributes.push_back(nullptr);
   const LdapControl control = cookie != nullptr ? pageControl(m_ld.get(), *cookie) : nullptr;
   LDAPControl* controls[] = {control.get(), nullptr};
-  timeval limit = timeOf(std::min(m_limits.operation, left));
+  timeval limit = timeOf(limitUntil(end, doing));
   int id = 0;
-  int rc = ldap_search_ext(m_ld.get(), what.base.c_str(), scopeOf(what.scope), what.filter.c_str(),
-                           what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr, &limit,
-                           LDAP_NO_LIMIT, &id);
+  const int rc = ldap_search_ext(m_ld.get(), what.base.c_str(), scopeOf(what.scope), what.filter.c_str(),
+                                 what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr, &limit,
+                                 LDAP_NO_LIMIT, &id);
   if (rc != LDAP_SUCCESS) fail(rc, doing);
+  return id;
+}
 
+LdapConnection::Page LdapConnection::receive(int id, const DirectorySearch& what, SteadyTime end) {
+  const std::string doing = doingOf(what);
+  timeval limit = timeOf(limitUntil(end, doing));
   LDAPMessage* answer = nullptr;
-  limit = timeOf(std::min(m_limits.operation, left));
   const int got = ldap_result(m_ld.get(), id, LDAP_MSG_ALL, &limit, &answer);
-  const LdapMessage result(answer);
+  Page page{LdapMessage(answer), {}};
   if (got == 0) {
     ldap_abandon_ext(m_ld.get(), id, nullptr, nullptr);
     fail(LDAP_TIMEOUT, doing);
@@ -135,31 +197,58 @@ LdapConnection::Page LdapConnection::searchPage(const DirectorySearch& what, con
 
   LDAPControl** found = nullptr;
   int code = LDAP_OTHER;
-  rc = ldap_parse_result(m_ld.get(), result.get(), &code, nullptr, nullptr, nullptr, &found, 0);
+  const int rc = ldap_parse_result(m_ld.get(), answer, &code, nullptr, nullptr, nullptr, &found, 0);
   const LdapControls answered(found);
   if (rc != LDAP_SUCCESS) fail(rc, doing);
   if (code == LDAP_NO_SUCH_OBJECT) return {};
   if (code != LDAP_SUCCESS) fail(code, doing);
-  Page page;
-  readEntries(result.get(), page.objects);
-  if (cookie != nullptr && found != nullptr) page.cookie = nextCookie(m_ld.get(), found);
+  if (found != nullptr) page.cookie = nextCookie(m_ld.get(), found);
   return page;
 }
 
 void LdapConnection::readEntries(LDAPMessage* result, std::vector<ADObjectPtr>& objects) {
+  if (result == nullptr) return;
   LDAP* ld = m_ld.get();
   for (LDAPMessage* entry = ldap_first_entry(ld, result); entry != nullptr; entry = ldap_next_entry(ld, entry)) {
-    const LdapText dn(ldap_get_dn(ld, entry));
-    if (!dn) fail(LDAP_DECODING_ERROR, "Cannot read an object");
-    ADObjectPtr object(new ADObject(dn.get()));
-    BerElement* position = nullptr;
-    LdapText name(ldap_first_attribute(ld, entry, &position));
-    const LdapAttributes attributes(position);
-    for (; name; name.reset(ldap_next_attribute(ld, entry, position))) {
-      (*object)[name.get()] = readValues(entry, name.get());
-    }
-    objects.push_back(object);
+    ADObjectPtr object = readEntry(entry);
+    objects.push_back(object ? std::move(object) : readDamagedEntry(entry));
   }
+}
+
+// In one pass, the bytes where they lie; null where they are not all what they should be.
+ADObjectPtr LdapConnection::readEntry(LDAPMessage* entry) {
+  LDAP* ld = m_ld.get();
+  BerElement* position = nullptr;
+  berval text{};
+  if (ldap_get_dn_ber(ld, entry, &position, &text) != LDAP_SUCCESS) return nullptr;
+  const LdapAttributes attributes(position);
+  ADObjectPtr object(new ADObject(textOf(text)));
+  for (;;) {
+    berval name{};
+    BerVarray found = nullptr;
+    const int rc = ldap_get_attribute_ber(ld, entry, position, &name, &found);
+    const LdapValueArray values(found);
+    if (rc != LDAP_SUCCESS) return nullptr;
+    if (name.bv_val == nullptr) return object;
+    std::vector<std::string> texts;
+    for (const berval* one = found; one != nullptr && one->bv_val != nullptr; ++one) texts.push_back(textOf(*one));
+    (*object)[textOf(name)] = ADAttribute(std::move(texts));
+  }
+}
+
+// Attribute by attribute: each is looked for anew, so that one that cannot be decoded does not hide the others.
+ADObjectPtr LdapConnection::readDamagedEntry(LDAPMessage* entry) {
+  LDAP* ld = m_ld.get();
+  const LdapText dn(ldap_get_dn(ld, entry));
+  if (!dn) fail(LDAP_DECODING_ERROR, "Cannot read an object");
+  ADObjectPtr object(new ADObject(dn.get()));
+  BerElement* position = nullptr;
+  LdapText name(ldap_first_attribute(ld, entry, &position));
+  const LdapAttributes attributes(position);
+  for (; name; name.reset(ldap_next_attribute(ld, entry, position))) {
+    (*object)[name.get()] = readValues(entry, name.get());
+  }
+  return object;
 }
 
 ADAttribute LdapConnection::readValues(LDAPMessage* entry, const char* name) {
@@ -178,11 +267,12 @@ ADAttribute LdapConnection::readValues(LDAPMessage* entry, const char* name) {
 // A server gives the values of a long attribute in parts, each under a name that tells which they are. The plain name
 // then holds all of them; part of them alone would look like the whole.
 void LdapConnection::completeRanges(ADObject& object, SteadyTime end) {
-  const auto received = object.attributes();
-  for (const auto& [name, attribute] : received) {
+  std::vector<std::pair<std::string, Range>> parts;
+  for (const auto& [name, attribute] : object.attributes()) {
     Range range;
-    if (readRange(name, range)) object[range.attribute] = completed(object, name, end);
+    if (readRange(name, range)) parts.emplace_back(name, std::move(range));
   }
+  for (const auto& [name, range] : parts) object[range.attribute] = completed(object, name, end);
 }
 
 ADAttribute LdapConnection::completed(const ADObject& object, const std::string& partName, SteadyTime end) {
@@ -193,10 +283,10 @@ ADAttribute LdapConnection::completed(const ADObject& object, const std::string&
   for (int parts = 0; !range.next.empty(); ++parts) {
     if (parts == MAX_RANGES) return ADAttribute::unreadable();
     const std::string wanted = plain + RANGE_OPTION + range.next + "-*";
-    const Page page = searchPage({object.dn(), SearchScope::Base, "(objectClass=*)", {wanted}}, nullptr, end);
-    if (page.objects.empty()) return ADAttribute::unreadable();
+    const auto found = searchOnce({object.dn(), SearchScope::Base, "(objectClass=*)", {wanted}}, end);
+    if (found.empty()) return ADAttribute::unreadable();
     bool more = false;
-    for (const auto& [name, part] : page.objects.front()->attributes()) {
+    for (const auto& [name, part] : found.front()->attributes()) {
       Range next;
       if (!readRange(name, next) || lower(next.attribute) != lower(plain)) continue;
       if (part.isNull()) return ADAttribute::unreadable();

@@ -1,5 +1,7 @@
-#include <optional>
+#include "basalt/directory_name.h"
+
 #include <utility>
+#include <vector>
 
 #include "basalt/directory.h"
 #include "base/include/string_helpers.h"
@@ -167,6 +169,22 @@ std::string DN::domainFromDN(const std::string& dn) {
 bool isDistinguishedName(const std::string& text) {
   const auto levels = DnReader(text).read();
   return levels && !levels->empty();
+}
+
+std::optional<lumo::ComparableName> lumo::comparableName(const std::string& dn) {
+  const auto levels = DnReader(dn).read();
+  if (!levels || levels->empty()) return std::nullopt;
+  ComparableName name;
+  for (const Rdn& level : *levels) {
+    // A value may hold any byte: its length says where it ends.
+    for (const auto& [type, value] : level) {
+      name.text += lower(type) + '=' + std::to_string(value.size()) + ':' + lower(value);
+    }
+    name.text += ',';
+  }
+  const Rdn& first = levels->front();
+  if (first.size() == 1 && lower(first.front().first) == "cn") name.commonName = first.front().second;
+  return name;
 }
 
 std::string LDAPBinding::parent(const std::string& dn) {

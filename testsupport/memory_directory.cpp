@@ -1,8 +1,10 @@
 #include "testsupport/memory_directory.h"
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 
+#include "basalt/directory_name.h"
 #include "base/include/exceptions.h"
 #include "base/include/string_helpers.h"
 
@@ -67,6 +69,17 @@ bool inScope(const std::string& dn, const std::string& base, SearchScope scope) 
   return true;
 }
 
+// The values of the object's `cn` and, where it is not among them, the one of its name.
+std::vector<std::string> commonNames(const lumo::ADObject& object) {
+  std::vector<std::string> values = object[AD_CN].values();
+  const auto name = lumo::comparableName(object.dn());
+  if (!name || name->commonName.empty()) return values;
+  const bool there = std::any_of(values.begin(), values.end(),
+                                 [&](const auto& value) { return lower(value) == lower(name->commonName); });
+  if (!there) values.push_back(name->commonName);
+  return values;
+}
+
 bool holds(const std::vector<std::string>& names, const std::string& name) {
   return std::any_of(names.begin(), names.end(), [&](const auto& one) { return lower(one) == lower(name); });
 }
@@ -98,13 +111,29 @@ void MemoryDirectory::add(const std::string& dn, const std::map<std::string, std
   for (const auto& [name, values] : attributes) object->set(name, values);
   object->set(AD_DN, {dn});
   if (!object->attributeExists("objectClass", true)) object->set("objectClass", {"top"});
+  const auto cns = commonNames(*object);
+  if (!cns.empty()) object->set(AD_CN, cns);
   const std::lock_guard<std::mutex> lock(m_mutex);
+  removeLocked(dn);
   m_objects[dn] = {object, dnsDomainOf(dn)};
+  for (const std::string& cn : cns) m_byCommonName.emplace(cn, dn);
 }
 
 void MemoryDirectory::remove(const std::string& dn) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  m_objects.erase(dn);
+  removeLocked(dn);
+}
+
+void MemoryDirectory::removeLocked(const std::string& dn) {
+  const auto old = m_objects.find(dn);
+  if (old == m_objects.end()) return;
+  for (const std::string& cn : commonNames(*old->second.object)) {
+    const auto [first, last] = m_byCommonName.equal_range(cn);
+    for (auto one = first; one != last;) {
+      one = lower(one->second) == lower(dn) ? m_byCommonName.erase(one) : std::next(one);
+    }
+  }
+  m_objects.erase(old);
 }
 
 void MemoryDirectory::makeUnreadable(const std::string& dn, const std::string& attribute) {
@@ -198,7 +227,11 @@ MemoryDirectory::Candidates MemoryDirectory::candidates(const std::string& base,
   if (what.scope == SearchScope::Base) {
     add(base);
   } else if (const auto names = namesAskedFor(what.filter)) {
-    const std::set<std::string, lumo::StringCaseLessThan> each(names->begin(), names->end());
+    std::set<std::string, lumo::StringCaseLessThan> each(names->whole.begin(), names->whole.end());
+    for (const std::string& cn : names->common) {
+      const auto [first, last] = m_byCommonName.equal_range(cn);
+      for (auto one = first; one != last; ++one) each.insert(one->second);
+    }
     for (const std::string& dn : each) add(dn);
     result.filtered = true;
   } else {

@@ -17,9 +17,12 @@ namespace testsupport {
 // ("Bad search filter", rc -7) for a text that is no filter.
 bool matchesFilter(const lumo::ADObject& object, const std::string& filter);
 
-// The names that a filter asks for, where it is "(distinguishedName=NAME)" or several of these joined by |; nothing for
-// any other filter. A server finds such objects without looking at all others.
-std::optional<std::vector<std::string>> namesAskedFor(const std::string& filter);
+// The names that a filter asks for, in lower case, where it is "(distinguishedName=NAME)", "(cn=NAME)" or several of
+// these joined by |; nothing for any other filter. A server finds such objects without looking at all others.
+struct NamesAskedFor {
+  std::vector<std::string> whole, common;
+};
+std::optional<NamesAskedFor> namesAskedFor(const std::string& filter);
 
 // Objects by distinguished name, held for the test's life; every open gives a view of them. Any thread.
 class MemoryDirectory : public DirectoryConnector {
@@ -41,8 +44,8 @@ class MemoryDirectory : public DirectoryConnector {
   // Which servers fail.
   enum class Servers { All, Catalogue, Domain };
 
-  // Adds an object or replaces the one with that name; its domain is taken from the name. `distinguishedName` is set,
-  // and an `objectClass` where there is none: every object has one.
+  // Adds an object or replaces the one with that name; its domain is taken from the name. As in every directory,
+  // `distinguishedName` is set, an `objectClass` where there is none, and the common name of the name is one of `cn`.
   void add(const std::string& dn, const std::map<std::string, std::vector<std::string>>& attributes);
   void remove(const std::string& dn);
   // The object has the attribute, and no server shows its values.
@@ -92,6 +95,7 @@ class MemoryDirectory : public DirectoryConnector {
   };
   using Objects = std::map<std::string, Held, lumo::StringCaseLessThan>;
 
+  void removeLocked(const std::string& dn);
   std::vector<ADObjectPtr> search(const Target& target, const DirectorySearch& what);
   // The objects to look at; `filtered`: all of them match.
   struct Candidates {
@@ -104,6 +108,7 @@ class MemoryDirectory : public DirectoryConnector {
   const std::string m_rootDomain;
   mutable std::mutex m_mutex;
   Objects m_objects;
+  std::multimap<std::string, std::string, lumo::StringCaseLessThan> m_byCommonName;  // the names of m_objects
   std::vector<std::string> m_hidden;
   Failures m_openFailures, m_searchFailures;
   std::string m_site;

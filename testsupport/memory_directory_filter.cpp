@@ -122,22 +122,28 @@ class FilterReader {
 
 }  // namespace
 
-std::optional<std::vector<std::string>> namesAskedFor(const std::string& filter) {
-  static const std::string start = std::string("(") + AD_DN + "=";
+std::optional<NamesAskedFor> namesAskedFor(const std::string& filter) {
+  static const std::string whole = std::string("(") + AD_DN + "=";
+  static const std::string common = std::string("(") + AD_CN + "=";
   const bool several = filter.compare(0, 2, "(|") == 0;
-  std::vector<std::string> names;
+  NamesAskedFor names;
   std::size_t at = several ? 2 : 0;
-  while (startsWith(filter.substr(at, start.size()), start, true, false)) {
+  const auto begins = [&](const std::string& start) {
+    return startsWith(filter.substr(at, start.size()), start, true, false);
+  };
+  while (begins(whole) || begins(common)) {
+    const bool byWhole = begins(whole);
+    const std::size_t value = at + (byWhole ? whole : common).size();
     const std::size_t end = filter.find(')', at);
     if (end == std::string::npos) return std::nullopt;
-    const auto parts = pieces(filter.substr(at + start.size(), end - at - start.size()));
+    const auto parts = pieces(filter.substr(value, end - value));
     if (parts.size() != 1) return std::nullopt;
-    names.push_back(parts.front());
+    (byWhole ? names.whole : names.common).push_back(parts.front());
     at = end + 1;
     if (!several) break;
   }
-  const bool whole = several ? at + 1 == filter.size() && filter[at] == ')' : at == filter.size();
-  if (names.empty() || !whole) return std::nullopt;
+  const bool toTheEnd = several ? at + 1 == filter.size() && filter[at] == ')' : at == filter.size();
+  if ((names.whole.empty() && names.common.empty()) || !toTheEnd) return std::nullopt;
   return names;
 }
 

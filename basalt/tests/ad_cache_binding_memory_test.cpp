@@ -92,6 +92,14 @@ TEST_F(Memory, NeitherKeepsNorGivesAwayAnObjectOfACaller) {
   EXPECT_EQ((*m_memory.read("q")->front())["cn"].toString(), "a");
 }
 
+TEST_F(Memory, AdoptsObjectsAndGivesAwayCopies) {
+  m_memory.adopt("q", {object("a")});
+  m_memory.read("q")->front()->set("cn", {"written"});
+  EXPECT_EQ(m_memory.read("q")->front()->getString("cn", ""), "a");
+  m_memory.adopt("q", ADObjectList(SearchMemory::MAX_ANSWER + 1, object("a")));
+  EXPECT_FALSE(m_memory.holds("q"));
+}
+
 TEST(Question, IsTheSameForNamesInAnyCase) {
   const DirectorySearch what{"CN=a,DC=b", SearchScope::Base, "(cn=X)", {"cn", "keywords"}};
   EXPECT_EQ(lumo::questionText(what, 0),

@@ -105,10 +105,9 @@ TEST_F(Prefetch, GivesUpAServerThatTakesTooLongForAllQuestions) {
 TEST_F(Prefetch, AsksForNothingTwice) {
   add(0, 2);
   m_binding.prefetch({host(0), "cn=H0,dc=corp,dc=test", ""}, ATTRIBUTES);
-  EXPECT_EQ(m_directory.searches().back().what.filter, "(|(distinguishedName=CN=h0,DC=corp,DC=test))");
+  EXPECT_EQ(m_directory.searches().back().what.filter, "(|(cn=h0))");
   m_binding.prefetch({host(0), host(1), host(2)}, ATTRIBUTES);
-  EXPECT_EQ(m_directory.searches().back().what.filter,
-            "(|(distinguishedName=CN=h1,DC=corp,DC=test)(distinguishedName=CN=h2,DC=corp,DC=test))");
+  EXPECT_EQ(m_directory.searches().back().what.filter, "(|(cn=h1)(cn=h2))");
   EXPECT_EQ(known(host(2)), "none");
   m_binding.prefetch({host(2)}, ATTRIBUTES);
   m_binding.prefetch({}, ATTRIBUTES);
@@ -120,8 +119,62 @@ TEST_F(Prefetch, EscapesWhatAFilterGivesAMeaningTo) {
   m_directory.add(odd, {{"cn", {"odd"}}});
   m_binding.prefetch({odd, "CN=a (bx)\\\\c\\, d,DC=corp,DC=test"}, ATTRIBUTES);
   EXPECT_EQ(questions(), 1U);
+  EXPECT_EQ(m_directory.searches().back().what.filter, "(|(cn=a \\28b\\2a\\29\\5cc, d)(cn=a \\28bx\\29\\5cc, d))");
   EXPECT_EQ(known(odd), "odd");
   EXPECT_EQ(known("CN=a (bx)\\\\c\\, d,DC=corp,DC=test"), "none");
+}
+
+TEST_F(Prefetch, TellsObjectsOfOneCommonNameApart) {
+  const std::string here = "CN=h0,OU=here,DC=corp,DC=test", there = "cn=H0,OU=there,DC=sub,DC=corp,DC=test";
+  add(0, 1);
+  m_directory.add(here, {{"cn", {"here"}}});
+  m_directory.add(there, {{"cn", {"there"}}});
+  const std::string gone = "CN=h0,OU=gone,DC=corp,DC=test";
+  m_binding.prefetch({here, gone, there, host(0)}, ATTRIBUTES);
+  EXPECT_EQ(questions(), 1U);
+  EXPECT_EQ(m_directory.searches().back().what.filter, "(|(cn=h0))");
+  EXPECT_EQ(known(here), "here");
+  EXPECT_EQ(known(there), "there");
+  EXPECT_EQ(known(host(0)), "h0");
+  EXPECT_EQ(known(gone), "none");
+}
+
+// The object may be the one that was asked for, its name spelled in a way that only the server knows.
+TEST_F(Prefetch, AsksOnceMoreForAMissingNameWhoseCommonNameAnotherObjectHas) {
+  add(0, 2);
+  m_directory.add("CN=h2,OU=moved,DC=corp,DC=test", {});
+  m_binding.prefetch({host(0), host(1), host(2), host(3)}, ATTRIBUTES);
+  EXPECT_EQ(questions(), 2U);
+  EXPECT_EQ(m_directory.searches().back().what.base, host(2));
+  EXPECT_EQ(m_directory.searches().back().what.scope, SearchScope::Base);
+  EXPECT_EQ(known(host(1)), "h1");
+  EXPECT_EQ(known(host(2)), "none");
+  EXPECT_EQ(known(host(3)), "none");
+}
+
+TEST_F(Prefetch, AsksByTheWholeNameForWhatHasNoCommonName) {
+  const std::string unit = "OU=Unit (1),DC=corp,DC=test", two = "CN=a+OU=b,DC=corp,DC=test";
+  add(0, 1);
+  m_directory.add(unit, {{"cn", {"unit"}}});
+  m_directory.add(two, {{"cn", {"two"}}});
+  m_binding.prefetch({unit, host(0), two, "OU=none,DC=corp,DC=test"}, ATTRIBUTES);
+  EXPECT_EQ(questions(), 1U);
+  EXPECT_EQ(
+      m_directory.searches().back().what.filter,
+      "(|(distinguishedName=OU=Unit \\281\\29,DC=corp,DC=test)(cn=h0)(distinguishedName=CN=a+OU=b,DC=corp,DC=test)"
+      "(distinguishedName=OU=none,DC=corp,DC=test))");
+  EXPECT_EQ(known(unit), "unit");
+  EXPECT_EQ(known(two), "two");
+  EXPECT_EQ(known(host(0)), "h0");
+  EXPECT_EQ(known("OU=none,DC=corp,DC=test"), "none");
+}
+
+TEST_F(Prefetch, KnowsANameThatIsSpelledOtherwise) {
+  m_directory.add("CN=a\\,b,OU=x,DC=corp,DC=test", {{"cn", {"ab"}}});
+  const std::string spelled = "cn=A\\2cb , ou=X,DC=corp,DC=TEST";
+  m_binding.prefetch({spelled}, ATTRIBUTES);
+  EXPECT_EQ(questions(), 1U);
+  EXPECT_EQ(known(spelled), "ab");
 }
 
 TEST_F(Prefetch, AsksForItselfWhatIsNoName) {
@@ -143,6 +196,67 @@ TEST_F(Prefetch, LeavesOutWhatTheServerRefuses) {
   EXPECT_EQ(questions(), 3U);
   EXPECT_EQ(known(host(0)), "unknown");
   EXPECT_EQ(known(host(1)), "h1");
+}
+
+TEST_F(Prefetch, AsksForEachByItselfWhenMoreIsFoundThanTheServerGives) {
+  add(0, 2);
+  m_directory.failSearch({Kind::Server, 4, "Size limit exceeded"}, 1);
+  m_binding.prefetch({host(0), host(1), host(2)}, ATTRIBUTES);
+  EXPECT_EQ(questions(), 4U);
+  EXPECT_EQ(known(host(0)), "h0");
+  EXPECT_EQ(known(host(1)), "h1");
+  EXPECT_EQ(known(host(2)), "none");
+}
+
+// Counts what the server was told to come.
+class Announced : public DirectoryConnector {
+ public:
+  explicit Announced(MemoryDirectory& inner) : m_inner(inner) {}
+  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
+    return std::make_unique<Connection>(*this, m_inner.open(target));
+  }
+  std::string site(const std::string& domain) override { return m_inner.site(domain); }
+
+  std::vector<std::string> said;
+
+ private:
+  class Connection : public DirectoryConnection {
+   public:
+    Connection(Announced& directory, std::unique_ptr<DirectoryConnection> inner)
+        : m_directory(directory), m_inner(std::move(inner)) {}
+    void announce(const DirectorySearch& what) override { say("announced ", what); }
+    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
+      say("asked ", what);
+      return m_inner->search(what);
+    }
+    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
+
+   private:
+    void say(const std::string& doing, const DirectorySearch& what) {
+      const std::string first = what.filter.substr(0, what.filter.find(')'));
+      std::string attributes;
+      for (const auto& name : what.attributes) attributes += " " + name;
+      m_directory.said.push_back(doing + first + attributes);
+    }
+    Announced& m_directory;
+    const std::unique_ptr<DirectoryConnection> m_inner;
+  };
+  MemoryDirectory& m_inner;
+};
+
+TEST_F(Prefetch, TellsTheServerTheNextQuestionBeforeItLooksAtAnAnswer) {
+  Announced directory(m_directory);
+  const testsupport::DirectoryInForce inForce(directory);
+  ASSERT_TRUE(m_binding.isHealthy());
+  std::vector<std::string> dns;
+  for (std::size_t i = 0; i < 2 * ADCacheBinding::PREFETCH_BATCH + 1; ++i) dns.push_back(host(i));
+  m_binding.prefetch(dns, ATTRIBUTES);
+  const std::string second = std::to_string(ADCacheBinding::PREFETCH_BATCH);
+  const std::string third = std::to_string(2 * ADCacheBinding::PREFETCH_BATCH);
+  const std::string rest = " cn objectGUID";
+  EXPECT_THAT(directory.said, testing::ElementsAre("announced (|(cn=h0" + rest, "announced (|(cn=h" + second + rest,
+                                                   "asked (|(cn=h0" + rest, "announced (|(cn=h" + third + rest,
+                                                   "asked (|(cn=h" + second + rest, "asked (|(cn=h" + third + rest));
 }
 
 TEST_F(Prefetch, FailsWhenTheDirectoryIsAway) {
@@ -176,7 +290,7 @@ class OtherSpelling : public DirectoryConnector {
       explicit Connection(std::unique_ptr<DirectoryConnection> inner) : m_inner(std::move(inner)) {}
       std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
         if (what.scope == SearchScope::Base) return m_inner->search(what);
-        ADObjectPtr other(new lumo::ADObject("CN=h0 ,DC=corp,DC=test"));
+        ADObjectPtr other(new lumo::ADObject("2.5.4.3=h0,DC=corp,DC=test"));
         other->set("cn", {"other"});
         return {other};
       }

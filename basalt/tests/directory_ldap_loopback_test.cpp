@@ -1,6 +1,7 @@
 // An LDAP connection and servers that misbehave.
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <tuple>
@@ -105,14 +106,20 @@ TEST(LdapConnection, SaysOfAnAttributeThatTheServerShowsOnlyInPartThatItCannotBe
 TEST(LdapConnection, SaysOfValuesThatCannotBeDecodedThatTheyCannotBeRead) {
   ScriptedServer server([&](const std::string& message) {
     // The set of values holds one that promises more bytes than there are.
-    const std::string damaged = berItem(0x30, berItem(0x04, "keywords") + berItem(0x31, std::string("\x04\x7fxy", 4)));
-    return ldapMessage(idOf(message), berItem(0x64, berItem(0x04, "CN=a,DC=b") + berItem(0x30, damaged))) +
+    const auto attribute = [](const std::string& name, const std::string& values) {
+      return berItem(0x30, berItem(0x04, name) + berItem(0x31, values));
+    };
+    const std::string list = attribute("cn", berItem(0x04, "a")) + attribute("keywords", std::string("\x04\x7fxy", 4)) +
+                             attribute("sn", berItem(0x04, "b"));
+    return ldapMessage(idOf(message), berItem(0x64, berItem(0x04, "CN=a,DC=b") + berItem(0x30, list))) +
            ldapMessage(idOf(message), ldapDone(0));
   });
   LdapConnection connection(server.server(), true, SHORT);
   const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"keywords"}});
   ASSERT_EQ(found.size(), 1U);
   EXPECT_TRUE((*found.front())["keywords"].isNull());
+  EXPECT_EQ(found.front()->getString("cn", ""), "a") << "the others can";
+  EXPECT_EQ(found.front()->getString("sn", ""), "b");
 }
 
 // Each page comes in time, and there is no end of them.
@@ -146,6 +153,82 @@ TEST(LdapConnection, AsksForPages) {
   small.paged = false;
   EXPECT_TRUE(connection.search(small).empty());
   EXPECT_THAT(request, testing::Not(HasSubstr("1.2.840.113556.1.4.319")));
+}
+
+// Answers each search with an object of its base and tells what came: base, or "abandon".
+class AnnouncedSearches : public testing::Test {
+ protected:
+  static DirectorySearch of(const std::string& base) {
+    return {base, SearchScope::Subtree, "(objectClass=*)", {"cn"}, false};
+  }
+  std::string found(const std::string& base) {
+    const auto objects = m_connection.search(of(base));
+    return objects.size() == 1 ? objects.front()->dn() : std::to_string(objects.size()) + " objects";
+  }
+
+  // Written by the server's thread before it answers.
+  std::vector<std::string> m_came;
+  std::atomic<bool> m_silent{false};
+  ScriptedServer m_server{[this](const std::string& message) {
+    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
+    if (message.find("CN=") == std::string::npos) {
+      m_came.emplace_back("abandon");
+      return std::string();
+    }
+    const std::string base = message.substr(message.find("CN="), 4);
+    m_came.push_back(base);
+    if (m_silent) return std::string(ScriptedServer::CLOSE);
+    return ldapMessage(idOf(message), ldapEntry(base, "cn", base)) + ldapMessage(idOf(message), ldapDone(0));
+  }};
+  LdapConnection m_connection{m_server.server(), true, SHORT};
+};
+
+TEST_F(AnnouncedSearches, AreAskedOnceAndAnsweredInTheirOrder) {
+  m_connection.announce(of("CN=a"));
+  m_connection.announce(of("CN=b"));
+  EXPECT_EQ(found("CN=a"), "CN=a");
+  m_connection.announce(of("CN=c"));
+  EXPECT_EQ(found("CN=b"), "CN=b");
+  EXPECT_EQ(found("CN=c"), "CN=c");
+  EXPECT_EQ(found("CN=c"), "CN=c") << "asked anew";
+  EXPECT_THAT(m_came, ElementsAre("CN=a", "CN=b", "CN=c", "CN=c"));
+}
+
+TEST_F(AnnouncedSearches, AreDroppedByAnother) {
+  m_connection.announce(of("CN=a"));
+  m_connection.announce(of("CN=b"));
+  EXPECT_EQ(found("CN=x"), "CN=x");
+  EXPECT_EQ(found("CN=b"), "CN=b");
+  EXPECT_THAT(m_came, ElementsAre("CN=a", "CN=b", "abandon", "abandon", "CN=x", "CN=b"));
+}
+
+TEST_F(AnnouncedSearches, FailAsTheSearchDoesWhereTheServerGoes) {
+  m_silent = true;
+  m_connection.announce(of("CN=a"));
+  EXPECT_EQ(outcome([&] { found("CN=a"); }).rc, -1);
+  EXPECT_NO_THROW(m_connection.announce(of("CN=a")));
+  EXPECT_EQ(outcome([&] { found("CN=a"); }).text, "Cannot search 'CN=a': the connection was lost before");
+}
+
+TEST(LdapConnection, GivesTheObjectsOfAllPages) {
+  std::vector<std::string> cookies;
+  ScriptedServer server([&](const std::string& message) {
+    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
+    const std::string page = std::to_string(cookies.size());
+    cookies.push_back(message.find("next") == std::string::npos ? "" : message.substr(message.find("next"), 5));
+    const std::string cookie = cookies.size() == 3 ? "" : "next" + page;
+    const std::string value = berItem(0x30, berItem(0x02, std::string(1, '\0')) + berItem(0x04, cookie));
+    const std::string control = berItem(0x30, berItem(0x04, "1.2.840.113556.1.4.319") + berItem(0x04, value));
+    const std::string id = berItem(0x02, std::string(1, static_cast<char>(idOf(message))));
+    return ldapMessage(idOf(message), ldapEntry("CN=" + page, "cn", page)) +
+           berItem(0x30, id + ldapDone(0) + berItem(0xa0, control));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  std::vector<std::string> names;
+  for (const auto& object : connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}))
+    names.push_back(object->dn());
+  EXPECT_THAT(names, ElementsAre("CN=0", "CN=1", "CN=2"));
+  EXPECT_THAT(cookies, ElementsAre("", "next0", "next1"));
 }
 
 TEST(LdapConnection, TakesAMissingBaseForNothing) {

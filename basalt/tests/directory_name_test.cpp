@@ -1,3 +1,5 @@
+#include "basalt/directory_name.h"
+
 #include <gtest/gtest.h>
 
 #include "basalt/directory.h"
@@ -51,6 +53,37 @@ INSTANTIATE_TEST_SUITE_P(NoNames, DomainOfName,
                                          NameCase{"CN=#0,DC=test", ""}, NameCase{"CN=#,DC=test", ""},
                                          NameCase{"CN=#048205,DC=test", ""}, NameCase{"DC=,DC=test", "test"},
                                          NameCase{"<SID=S-1-5-18>", ""}));
+
+TEST(ComparableName, IsTheSameForTheSpellingsOfAName) {
+  const auto name = lumo::comparableName("CN=a\\,B,OU=c d,DC=test");
+  ASSERT_TRUE(name);
+  for (const char* other : {"cn=A\\2cb,ou=C D,dc=TEST", " CN = a\\,b , OU=c d , DC=test ",
+                            "CN=\\61\\,B,OU=c\\20d,DC=test", "CN=#0c03612c42,OU=c d,DC=test"}) {
+    const auto compared = lumo::comparableName(other);
+    ASSERT_TRUE(compared) << other;
+    EXPECT_EQ(compared->text, name->text) << other;
+  }
+}
+
+TEST(ComparableName, IsAnotherForAnotherName) {
+  const auto text = [](const char* dn) { return lumo::comparableName(dn).value().text; };
+  EXPECT_NE(text("CN=a,DC=b"), text("CN=a,DC=c"));
+  EXPECT_NE(text("CN=a,DC=b"), text("OU=a,DC=b"));
+  EXPECT_NE(text("CN=a,DC=b"), text("CN=a\\,DC\\=b"));
+  EXPECT_NE(text("CN=a,DC=b"), text("CN=a+DC=b"));
+  EXPECT_NE(text("CN=a+DC=b"), text("CN=a\\+DC\\=b"));
+  EXPECT_NE(text("CN=a"), text("CN=a\\00"));
+  EXPECT_NE(text("CN=a,CN=2:b"), text("CN=a\\,cn\\=3:2:b"));
+}
+
+TEST(ComparableName, TellsTheCommonName) {
+  const auto common = [](const char* dn) { return lumo::comparableName(dn).value().commonName; };
+  EXPECT_EQ(common("cn=A\\2cb\\ ,DC=test"), "A,b ");
+  EXPECT_EQ(common("OU=a,CN=b,DC=test"), "");
+  EXPECT_EQ(common("CN=a+OU=b,DC=test"), "");
+  for (const char* none : {"", " ", "<GUID=1>", "a", "CN=a,", "CN=\"a\""})
+    EXPECT_FALSE(lumo::comparableName(none)) << none;
+}
 
 TEST(FilterValue, LeavesPlainTextAlone) {
   EXPECT_EQ(escapeFilterValue("HTTP/proxy.corp.test:3128"), "HTTP/proxy.corp.test:3128");

@@ -199,7 +199,10 @@ TEST_F(Forest, FindsByNamesWhatAFilterOfAnotherShapeFinds) {
       "(distinguishedName=cn=H1\\5c,x,CN=Computers,DC=corp,DC=test)"
       "(DistinguishedName=CN=h2,DC=sub,DC=corp,DC=test)"
       "(distinguishedName=CN=none,DC=corp,DC=test)";
-  for (const std::string& filter : {"(|" + terms + ")", "(|" + terms + "(cn=x))", "(|" + terms + terms + ")"}) {
+  const std::string commonNames = "(cn=H1\\2c\\78)(CN=h2)(cn=none)";
+  for (const std::string& filter :
+       {"(|" + terms + ")", "(|" + terms + "(cn=x))", "(|" + terms + terms + ")", "(|" + commonNames + ")",
+        "(|" + terms + commonNames + ")", "(|" + commonNames + "(sn=x))"}) {
     EXPECT_THAT(names(m_catalogue, {"", SearchScope::Subtree, filter, {}}), testing::UnorderedElementsAreArray(both));
     EXPECT_THAT(names(m_domain, {"", SearchScope::Subtree, filter, {}}), ElementsAre(both[0]));
     EXPECT_THAT(names(m_catalogue, {"CN=Computers,DC=corp,DC=test", SearchScope::Subtree, filter, {}}),
@@ -210,10 +213,13 @@ TEST_F(Forest, FindsByNamesWhatAFilterOfAnotherShapeFinds) {
 
 TEST(NamesAskedFor, AreReadFromAFilterOfNamesAlone) {
   using testsupport::namesAskedFor;
-  EXPECT_THAT(*namesAskedFor("(distinguishedName=CN=a\\2a)"), ElementsAre("cn=a*"));
-  EXPECT_THAT(*namesAskedFor("(|(distinguishedName=CN=a)(DISTINGUISHEDNAME=CN=b))"), ElementsAre("cn=a", "cn=b"));
+  EXPECT_THAT(namesAskedFor("(distinguishedName=CN=a\\2a)")->whole, ElementsAre("cn=a*"));
+  const auto several = namesAskedFor("(|(distinguishedName=CN=a)(Cn=A)(DISTINGUISHEDNAME=CN=b)(cn=b\\2a))");
+  EXPECT_THAT(several->whole, ElementsAre("cn=a", "cn=b"));
+  EXPECT_THAT(several->common, ElementsAre("a", "b*"));
+  EXPECT_THAT(namesAskedFor("(cn=a)")->common, ElementsAre("a"));
   for (const char* other :
-       {"", "(cn=a)", "(|(cn=a))", "(|(distinguishedName=CN=a)(cn=b))", "(|)", "(distinguishedName=*)",
+       {"", "(cn=a*)", "(|(distinguishedName=CN=a)(sn=b))", "(|(cn=a)(|(cn=b)))", "(|)", "(distinguishedName=*)",
         "(&(distinguishedName=CN=a))", "(distinguishedName=CN=a)(distinguishedName=CN=b)", "(|(distinguishedName=CN=a)",
         "(|(distinguishedName=CN=a"}) {
     EXPECT_FALSE(namesAskedFor(other)) << other;

@@ -24,13 +24,14 @@ class EndlessDirectory : public DirectoryConnector {
     std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
       ++m_directory.searches;
       std::vector<ADObjectPtr> found;
-      const std::string before = std::string("(") + AD_DN + "=";
+      const std::string before = std::string("(") + AD_CN + "=";
       for (std::size_t at = 0; (at = what.filter.find(before, at)) != std::string::npos;) {
         at += before.size();
-        const std::string dn = what.filter.substr(at, what.filter.find(')', at) - at);
+        const std::string name = what.filter.substr(at, what.filter.find(')', at) - at);
+        const std::string dn = locatortest::computerDn(name);
         found.push_back(boost::make_shared<lumo::ADObject>(dn));
         found.back()->set(AD_DN, {dn});
-        found.back()->set(AD_DNS_NAME, {dn.substr(3, dn.find(',') - 3) + ".forest.test"});
+        found.back()->set(AD_DNS_NAME, {name + ".forest.test"});
       }
       m_directory.computers += found.size();
       return found;

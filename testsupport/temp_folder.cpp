@@ -47,4 +47,10 @@ unsigned modeOf(const std::string& path) {
   return status.st_mode & 07777U;
 }
 
+std::set<std::string> namesIn(const std::string& folder) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.insert(entry.path().filename());
+  return names;
+}
+
 }  // namespace testsupport

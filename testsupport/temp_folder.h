@@ -1,6 +1,7 @@
 // A folder that goes with its owner, and small file helpers.
 #pragma once
 
+#include <set>
 #include <string>
 
 namespace testsupport {
@@ -22,5 +23,6 @@ std::string readFile(const std::string& path);  // throws std::runtime_error whe
 void writeFile(const std::string& path, const std::string& content, unsigned mode = 0644);
 bool exists(const std::string& path);  // without following a symbolic link
 unsigned modeOf(const std::string& path);
+std::set<std::string> namesIn(const std::string& folder);
 
 }  // namespace testsupport

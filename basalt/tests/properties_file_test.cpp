@@ -19,17 +19,12 @@
 #include "testsupport/temp_folder.h"
 
 using lumo::Properties;
+using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::TempFolder;
 using testsupport::writeFile;
 
 namespace {
-
-std::set<std::string> namesIn(const std::string& folder) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.insert(entry.path().filename());
-  return names;
-}
 
 std::string faultOf(const std::function<void()>& action) {
   try {

@@ -21,6 +21,7 @@
 namespace fs = std::filesystem;
 using lumo::Properties;
 using lumo::Props;
+using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::writeFile;
 
@@ -36,12 +37,6 @@ std::string faultOf(const std::function<void()>& action) {
     return failure.what();
   }
   return "no SystemException";
-}
-
-std::set<std::string> namesIn(const std::string& folder) {
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename());
-  return names;
 }
 
 class Configuration : public testing::Test {

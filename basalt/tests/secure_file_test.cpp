@@ -18,17 +18,12 @@
 
 using lumo::FileOwnerMode;
 using lumo::replaceFile;
+using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::TempFolder;
 using testsupport::writeFile;
 
 namespace {
-
-std::set<std::string> namesIn(const std::string& folder) {
-  std::set<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.insert(entry.path().filename());
-  return names;
-}
 
 FileOwnerMode mine(mode_t mode) { return {geteuid(), getegid(), mode}; }
 

@@ -1,5 +1,4 @@
 // The control commands, for tests in the process and at the control port alike.
-#include <map>
 #include <stdexcept>
 
 #include "lab/platform/platform_impl.h"
@@ -31,6 +30,14 @@ std::string neededText(const JsonValue& command, const char* name) {
   return textMember(command, name);
 }
 
+bool forgets(const JsonValue& command) { return flagMember(command, "forget", false); }
+
+std::chrono::steady_clock::duration secondsOf(const JsonValue& command) {
+  needed(command, "seconds");
+  const std::chrono::duration<double> seconds(numberMember(command, "seconds", 0));
+  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds);
+}
+
 }  // namespace
 
 JsonObject PlatformSimulator::Impl::decide(const JsonValue& command, Offer::State state,
@@ -45,74 +52,83 @@ JsonObject PlatformSimulator::Impl::decide(const JsonValue& command, Offer::Stat
   return JsonObject().flag("ok", true).number("decided", decided);
 }
 
+void PlatformSimulator::Impl::resetAll() {
+  core.reset();
+  faults.clear();
+  requests.clear();
+}
+
+void PlatformSimulator::Impl::expire(const std::string& what) {
+  if (what != "machine" && what != "user" && what != "all") {
+    throw std::invalid_argument("'what' has to be machine, user or all");
+  }
+  core.expire(what != "user", what != "machine");
+}
+
+std::string PlatformSimulator::Impl::requestsOf(const std::string& endpoint) const {
+  JsonArray array;
+  for (const auto& request : requests) {
+    if (endpoint.empty() || request.endpoint == endpoint) array.add(requestJson(request));
+  }
+  return array.str();
+}
+
+void PlatformSimulator::Impl::addCounts(JsonObject& answer) const {
+  answer.number("requests", static_cast<long>(requests.size()));
+  answer.number("events", core.eventCount);
+  answer.number("surprises", static_cast<long>(core.surprises.size()));
+  answer.number("faults", static_cast<long>(faults.size()));
+}
+
+const PlatformSimulator::Impl::Commands& PlatformSimulator::Impl::commands() {
+  static const Commands all{
+      {"approve",
+       [](Impl& self, const Order& order) { order.answer = self.decide(order.said, Offer::Approved, order.lock); }},
+      {"deny",
+       [](Impl& self, const Order& order) { order.answer = self.decide(order.said, Offer::Denied, order.lock); }},
+      {"fault", [](Impl& self, const Order& order) { self.faults.add(Fault::read(order.said)); }},
+      {"clear-faults", [](Impl& self, const Order&) { self.faults.clear(); }},
+      {"expire", [](Impl& self, const Order& order) { self.expire(neededText(order.said, "what")); }},
+      {"advance-clock", [](Impl& self, const Order& order) { self.core.clockAhead += secondsOf(order.said); }},
+      {"mint-code",
+       [](Impl& self, const Order& order) {
+         order.answer.text("otc", self.core.mintCode(neededText(order.said, "machine")));
+       }},
+      {"user", [](Impl& self, const Order& order) { mergeUser(self.core.script, needed(order.said, "user")); }},
+      {"script",
+       [](Impl& self, const Order& order) {
+         self.core.setScript(readScript(needed(order.said, "script")));
+         self.resetAll();
+       }},
+      {"reset", [](Impl& self, const Order&) { self.resetAll(); }},
+      {"surprises",
+       [](Impl& self, const Order& order) {
+         order.answer.raw("surprises", list(self.core.surprises, false));
+         if (forgets(order.said)) self.core.surprises.clear();
+       }},
+      {"events",
+       [](Impl& self, const Order& order) {
+         order.answer.raw("events", list(self.core.events, true));
+         if (forgets(order.said)) self.core.events.clear();
+       }},
+      {"requests",
+       [](Impl& self, const Order& order) {
+         order.answer.raw("requests", self.requestsOf(textMember(order.said, "endpoint")));
+         if (forgets(order.said)) self.requests.clear();
+       }},
+      {"status", [](Impl& self, const Order& order) { self.addCounts(order.answer); }},
+  };
+  return all;
+}
+
 std::string PlatformSimulator::Impl::run(const JsonValue& command) {
   std::unique_lock<std::mutex> lock(mutex);
   const std::string name = neededText(command, "command");
+  const auto found = commands().find(name);
+  if (found == commands().end()) throw std::invalid_argument("there is no command '" + name + "'");
   JsonObject answer;
   answer.flag("ok", true);
-  const auto resetAll = [this] {
-    core.reset();
-    faults.clear();
-    requests.clear();
-  };
-  const std::map<std::string, std::function<void()>> commands{
-      {"approve", [&] { answer = decide(command, Offer::Approved, lock); }},
-      {"deny", [&] { answer = decide(command, Offer::Denied, lock); }},
-      {"fault", [&] { faults.add(Fault::read(command)); }},
-      {"clear-faults", [&] { faults.clear(); }},
-      {"expire",
-       [&] {
-         const std::string what = neededText(command, "what");
-         if (what != "machine" && what != "user" && what != "all") {
-           throw std::invalid_argument("'what' has to be machine, user or all");
-         }
-         core.expire(what != "user", what != "machine");
-       }},
-      {"advance-clock",
-       [&] {
-         needed(command, "seconds");
-         core.clockAhead += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-             std::chrono::duration<double>(numberMember(command, "seconds", 0)));
-       }},
-      {"mint-code", [&] { answer.text("otc", core.mintCode(neededText(command, "machine"))); }},
-      {"user", [&] { mergeUser(core.script, needed(command, "user")); }},
-      {"script",
-       [&] {
-         core.setScript(readScript(needed(command, "script")));
-         resetAll();
-       }},
-      {"reset", resetAll},
-      {"surprises",
-       [&] {
-         answer.raw("surprises", list(core.surprises, false));
-         if (flagMember(command, "forget", false)) core.surprises.clear();
-       }},
-      {"events",
-       [&] {
-         answer.raw("events", list(core.events, true));
-         if (flagMember(command, "forget", false)) core.events.clear();
-       }},
-      {"requests",
-       [&] {
-         const std::string endpoint = textMember(command, "endpoint");
-         JsonArray array;
-         for (const auto& request : requests) {
-           if (endpoint.empty() || request.endpoint == endpoint) array.add(requestJson(request));
-         }
-         answer.raw("requests", array.str());
-         if (flagMember(command, "forget", false)) requests.clear();
-       }},
-      {"status",
-       [&] {
-         answer.number("requests", static_cast<long>(requests.size()));
-         answer.number("events", core.eventCount);
-         answer.number("surprises", static_cast<long>(core.surprises.size()));
-         answer.number("faults", static_cast<long>(faults.size()));
-       }},
-  };
-  const auto found = commands.find(name);
-  if (found == commands.end()) throw std::invalid_argument("there is no command '" + name + "'");
-  found->second();
+  found->second(*this, {command, answer, lock});
   return answer.str();
 }
 

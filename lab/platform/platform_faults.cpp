@@ -79,7 +79,6 @@ void enlarge(std::string& body, long bytes) {
 Fault Fault::read(const JsonValue& json) {
   if (!json.IsObject()) throw std::invalid_argument("a fault has to be an object");
   const std::string name = kindOf(json);
-  const JsonValue& value = *member(json, name.c_str());
   Fault fault;
   fault.kind = kinds().at(name);
   fault.endpoint = textMember(json, "endpoint");
@@ -90,33 +89,38 @@ Fault Fault::read(const JsonValue& json) {
     throw std::invalid_argument("there is no endpoint '" + fault.endpoint + "'");
   }
   if ((member(json, "to") != nullptr) != (fault.kind == Set)) throw std::invalid_argument("'set' and 'to' go together");
-  switch (fault.kind) {
+  fault.readDetail(json, name);
+  return fault;
+}
+
+void Fault::readDetail(const JsonValue& json, const std::string& name) {
+  const JsonValue& detail = *member(json, name.c_str());
+  switch (kind) {
     case Status:
     case Delay:
     case Huge:
-      fault.number = static_cast<long>(numberMember(json, name.c_str(), 0));
-      if (fault.kind == Status) fault.text = textMember(json, "body");
+      number = static_cast<long>(numberMember(json, name.c_str(), 0));
+      if (kind == Status) text = textMember(json, "body");
       break;
     case Cut:
-      fault.place = placeOf(textMember(json, "cut"));
+      place = placeOf(textMember(json, "cut"));
       break;
     case Body:
     case Remove:
     case Header:
-      fault.text = textMember(json, name.c_str());
+      text = textMember(json, name.c_str());
       break;
     case Set:
-      fault.text = textMember(json, "set");
-      fault.value = copyOf(*member(json, "to"));
+      text = textMember(json, "set");
+      value = copyOf(*member(json, "to"));
       break;
     case Refuse:
-      if (!value.IsObject()) throw std::invalid_argument("'refuse' has to be an object");
-      fault.value = copyOf(value);
+      if (!detail.IsObject()) throw std::invalid_argument("'refuse' has to be an object");
+      value = copyOf(detail);
       break;
     default:
       if (!flagMember(json, name.c_str(), false)) throw std::invalid_argument("'" + name + "' has to be true");
   }
-  return fault;
 }
 
 std::unique_ptr<Fault> Faults::meet(const std::string& path) {

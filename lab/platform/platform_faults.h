@@ -29,6 +29,10 @@ struct Fault {
   }
   // Throws std::invalid_argument.
   static Fault read(const JsonValue& json);
+
+ private:
+  // `name` is that of the member that says what to do.
+  void readDetail(const JsonValue& json, const std::string& name);
 };
 
 class Faults {

@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -24,6 +25,19 @@ struct PlatformSimulator::Impl {
   void record(const Call& call, int status);
   // Throws std::invalid_argument; returns the members of the answer.
   std::string run(const JsonValue& command);
+
+  // What a command says, the answer that it adds to, and the lock, held.
+  struct Order {
+    const JsonValue& said;
+    JsonObject& answer;
+    std::unique_lock<std::mutex>& lock;
+  };
+  using Commands = std::map<std::string, void (*)(Impl&, const Order&)>;
+  static const Commands& commands();
+  void resetAll();
+  void expire(const std::string& what);
+  std::string requestsOf(const std::string& endpoint) const;
+  void addCounts(JsonObject& answer) const;
   JsonObject decide(const JsonValue& command, Offer::State state, std::unique_lock<std::mutex>& lock);
 
   PlatformOptions options;

@@ -69,16 +69,24 @@ Answer PlatformCore::getAuthPolicy(const Call& call) {
   return success(result.raw("mechs", mechs.str()).str());
 }
 
-Answer PlatformCore::multiAuthLogin(const Call& call) {
-  const Strings query = queryOf(call, {"elevate", "user"});
-  const Strings body = bodyOf(call);
-  if (!query || !body) return malformed();
-  Answer refusal;
+Login* PlatformCore::continued(const Call& call, Strings& query, Strings& body, Answer& refusal) {
+  query = queryOf(call, {"elevate", "user"});
+  body = bodyOf(call);
+  refusal = malformed();
+  if (!query || !body) return nullptr;
   Login* login = loginOf(call, valueOf(*body, "recId"), refusal);
-  if (login == nullptr) return refusal;
-  if (valueOf(*query, "user") != login->user && !login->foreign) {
+  if (login != nullptr && valueOf(*query, "user") != login->user && !login->foreign) {
     surprise(call, "the record is " + login->user + "'s, the user " + valueOf(*query, "user"));
   }
+  return login;
+}
+
+Answer PlatformCore::multiAuthLogin(const Call& call) {
+  Strings query;
+  Strings body;
+  Answer refusal;
+  Login* login = continued(call, query, body, refusal);
+  if (login == nullptr) return refusal;
   if (body->back().first == "UP") return givePassword(call, *login, *body);
   if (body->size() == 2 && body->back().first == "recId" && body->front().first != "nextMechId") {
     return giveAnswer(call, *login, *body);
@@ -146,15 +154,11 @@ Answer PlatformCore::giveAnswer(const Call& call, Login& login, const Pairs& bod
 }
 
 Answer PlatformCore::moveToNextLoginPage(const Call& call) {
-  const Strings query = queryOf(call, {"elevate", "user"});
-  const Strings body = bodyOf(call);
-  if (!query || !body) return malformed();
+  Strings query;
+  Strings body;
   Answer refusal;
-  Login* login = loginOf(call, valueOf(*body, "recId"), refusal);
+  Login* login = continued(call, query, body, refusal);
   if (login == nullptr) return refusal;
-  if (valueOf(*query, "user") != login->user && !login->foreign) {
-    surprise(call, "the record is " + login->user + "'s, the user " + valueOf(*query, "user"));
-  }
   if (body->size() == 2) {
     return expectNames(call, *body, {"nextMechId", "recId"}) ? pollRecord(call, *login, *body) : malformed();
   }

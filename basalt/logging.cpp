@@ -96,6 +96,7 @@ Logger::LogLevel effectiveThreshold(const Logging& shared, std::string name, int
 // The loggers of one thread.
 struct ThreadLoggers {
   std::map<std::string, boost::shared_ptr<Logger>> byName;
+  boost::shared_ptr<Logger> last;  // most records come in runs by the same logger
   ~ThreadLoggers();
 };
 
@@ -118,17 +119,19 @@ boost::shared_ptr<Logger> makeLogger(const std::string& name, const boost::share
 boost::shared_ptr<Logger> loggerNamed(const std::string& name) {
   const bool isRoot = name == PN::ROOT_LOGGER_NAME;
   if (threadEnded) return makeLogger(name, isRoot ? nullptr : loggerNamed(parentOf(name)));
-  auto& mine = threadLoggers.byName;
-  const auto found = mine.find(name);
-  if (found != mine.end()) return found->second;
+  ThreadLoggers& mine = threadLoggers;
+  if (mine.last && mine.last->name() == name) return mine.last;
+  const auto found = mine.byName.find(name);
+  if (found != mine.byName.end()) return mine.last = found->second;
   auto logger = makeLogger(name, isRoot ? nullptr : loggerNamed(parentOf(name)));
-  mine[name] = logger;
+  mine.byName[name] = logger;
   return logger;
 }
 
 // The levels and the log file come with the settings, whoever asks for these first.
 void readSettingsOnce() {
-  if (logging().settingsTried.exchange(true)) return;
+  auto& tried = logging().settingsTried;
+  if (tried.load() || tried.exchange(true)) return;
   try {
     Props(false, true);
   } catch (...) {

@@ -1,5 +1,5 @@
 #include "base/include/logger.h"
 
 boost::shared_ptr<lumo::Logger> getLogger(const char* name, bool diag) {
-  return lumo::Logger::GetThreadPrivateLogger((diag ? "diag." : "") + std::string(name));
+  return lumo::Logger::GetThreadPrivateLogger(diag ? std::string("diag.") + name : std::string(name));
 }

@@ -13,18 +13,20 @@ boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", fals
 }  // namespace
 
 void CloudAuth::dumpMrvHeader() {
-  LUMO_LOG(logger(), 1, "Dumping X-MRV-* headers:");
-  if (curl == nullptr) return;
+  const auto log = logger();
+  LUMO_LOG(log, 1, "Dumping X-MRV-* headers:");
+  if (curl == nullptr || !log->isLevelEnabled(1)) return;
   for (const std::string& line : curl->lastHeaderLines()) {
-    if (contains(line, "X-MRV-")) LUMO_LOG(logger(), 1, "%s", line.c_str());
+    if (contains(line, "X-MRV-")) LUMO_LOG(log, 1, "%s", line.c_str());
   }
 }
 
 int CloudAuth::processResult() {
-  LUMO_LOG(logger(), 1, "HTTP code = %ld", httpCode);
+  const auto log = logger();
+  LUMO_LOG(log, 1, "HTTP code = %ld", httpCode);
   dumpMrvHeader();
   if (httpCode != HTTP_OK) return 0;
-  return readReply(logger(), responseBody, document);
+  return readReply(log, responseBody, document);
 }
 
 int CloudAuth::readReply(const boost::shared_ptr<lumo::Logger>& log, const std::string& body,

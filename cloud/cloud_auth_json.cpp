@@ -51,26 +51,25 @@ void goOn(JsonWriter& writer, std::vector<Open>& open) {
 
 }  // namespace
 
-const rapidjson::Value& CloudAuth::member(const rapidjson::Value& object, const std::string& key) {
+const rapidjson::Value& CloudAuth::member(const rapidjson::Value& object, std::string_view key) {
   static const rapidjson::Value missing;
   if (!object.IsObject()) return missing;
   for (const auto& one : object.GetObject()) {
-    if (one.name.GetStringLength() == key.size() && key.compare(0, key.size(), one.name.GetString(), key.size()) == 0) {
-      return one.value;
-    }
+    if (key == std::string_view(one.name.GetString(), one.name.GetStringLength())) return one.value;
   }
   return missing;
 }
 
-void CloudAuth::getJsonString(const rapidjson::Value& object, const std::string& key, std::string& out) {
+void CloudAuth::getJsonString(const rapidjson::Value& object, std::string_view key, std::string& out) {
   const rapidjson::Value& value = member(object, key);
   if (!value.IsString()) {
-    LUMO_THROW(lumo::CloudException, -1, "Errors in parsing result from Json: '%s' does NOT exist", key.c_str());
+    LUMO_THROW(lumo::CloudException, -1, "Errors in parsing result from Json: '%s' does NOT exist",
+               std::string(key).c_str());
   }
   out.assign(value.GetString(), value.GetStringLength());
 }
 
-void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, const std::string& key, std::string& out) {
+void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, std::string_view key, std::string& out) {
   const rapidjson::Value& value = member(object, key);
   if (value.IsString()) {
     out.assign(value.GetString(), value.GetStringLength());

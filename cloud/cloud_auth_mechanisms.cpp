@@ -20,6 +20,6 @@ constexpr std::array<std::pair<std::string_view, CloudAnswerType>, 7> USUAL_ANSW
 
 }  // namespace
 
-std::int32_t usualAnswerType(const std::string& mechanismName) {
+std::int32_t usualAnswerType(std::string_view mechanismName) {
   return lookedUp(USUAL_ANSWERS, mechanismName, ANSWER_UNKNOWN);
 }

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 #include "cloud/include/cloud_auth.h"
 
 // The CloudAnswerType of a mechanism that the platform says nothing more about, by its name. Any thread.
-std::int32_t usualAnswerType(const std::string& mechanismName);
+std::int32_t usualAnswerType(std::string_view mechanismName);

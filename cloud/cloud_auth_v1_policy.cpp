@@ -11,6 +11,7 @@
 
 namespace {
 
+using rapidjson::SizeType;
 using rapidjson::Value;
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
@@ -67,10 +68,13 @@ constexpr std::array<std::pair<std::int32_t, const char*>, 3> PROMPT_ENDS{{
     {ANSWER_TEXT_OOB, ". After that, please press <enter> to finish authentication: "},
 }};
 
-std::string optionalText(const Value& object, const char* key) {
-  std::string text;
-  CloudAuth::getJsonStringOptional(object, key, text);
-  return text;
+// Room for as many at once; a peer may announce more than it has.
+constexpr SizeType USUAL_MOST = 16;
+
+// What getJsonStringOptional gives, as part of the object.
+std::string_view optionalText(const Value& object, std::string_view key) {
+  const Value& value = CloudAuth::member(object, key);
+  return value.IsString() ? std::string_view(value.GetString(), value.GetStringLength()) : std::string_view();
 }
 
 // The row's text in `out`; false where no row has the name.
@@ -80,38 +84,40 @@ bool usualText(const Table& table, const std::string& name, const Value& mechani
       std::find_if(table.begin(), table.end(), [&name](const MechanismText& one) { return one.name == name; });
   if (row == table.end()) return false;
   std::string detail;
-  if (row->detail == Detail::Optional) CloudAuth::getJsonStringOptional(mechanism, row->key, detail);
+  if (row->detail == Detail::Optional) detail = optionalText(mechanism, row->key);
   if (row->detail == Detail::Required) CloudAuth::getJsonString(mechanism, row->key, detail);
   out = row->before + detail + row->after;
   return true;
 }
 
 std::int32_t answerTypeOf(const std::string& name, const Value& mechanism) {
-  const std::string given = optionalText(mechanism, "AnswerType");
+  const std::string_view given = optionalText(mechanism, "AnswerType");
   if (given.empty()) return usualAnswerType(name);
   return lookedUp(ANSWER_TYPES, given, ANSWER_UNKNOWN);
 }
 
 // The platform's own prompt as a user is to see it.
-std::string finished(std::string prompt, std::int32_t answerType) {
-  const std::string end = lookedUp(PROMPT_ENDS, answerType, std::string());
-  if (end.empty()) return prompt;
-  if (std::string_view(",.:;!?").find(prompt.back()) != std::string_view::npos) prompt.pop_back();
-  return prompt + end;
+std::string finished(std::string_view prompt, std::int32_t answerType) {
+  const std::string_view end = lookedUp(PROMPT_ENDS, answerType, std::string_view());
+  if (!end.empty() && std::string_view(",.:;!?").find(prompt.back()) != std::string_view::npos) prompt.remove_suffix(1);
+  std::string text;
+  text.reserve(prompt.size() + end.size());
+  return text.append(prompt).append(end);
 }
 
 }  // namespace
 
 std::string CloudAuthV1::getSelectText(const std::string& name, const Value& mechanism) {
-  std::string text = optionalText(mechanism, "PromptSelectMech");
+  std::string text(optionalText(mechanism, "PromptSelectMech"));
   if (!text.empty() || usualText(SELECT_TEXTS, name, mechanism, text)) return text;
   LUMO_LOG(logger(), 1, "No select text is available for mechanism(%s) in parsing mechanism select text", name.c_str());
   return name;
 }
 
 std::string CloudAuthV1::getAnswerPrompt(const std::string& name, const Value& mechanism) {
-  std::string text = optionalText(mechanism, "PromptMechChosen");
-  if (!text.empty()) return finished(std::move(text), answerTypeOf(name, mechanism));
+  const std::string_view given = optionalText(mechanism, "PromptMechChosen");
+  if (!given.empty()) return finished(given, answerTypeOf(name, mechanism));
+  std::string text;
   if (usualText(ANSWER_PROMPTS, name, mechanism, text)) return text;
   LUMO_LOG(logger(), 1, "No answer prompt is available for mechanism(%s) in parsing answer prompt", name.c_str());
   return "Sorry. This mechanism is not supported.";
@@ -136,6 +142,7 @@ CloudAuthChallenge CloudAuthV1::parseChallenge(const Value& element) {
   if (!mechanisms.IsArray()) {
     LUMO_THROW(lumo::CloudException, -1, "Errors in parsing result from Json: '%s' does NOT exist", "Mechanisms");
   }
+  challenge.mechanisms.reserve(std::min(mechanisms.Size(), USUAL_MOST));
   for (const Value& one : mechanisms.GetArray()) challenge.mechanisms.push_back(parseMechanism(one));
   return challenge;
 }
@@ -156,6 +163,7 @@ int CloudAuthV1::parsePolicy() {
   }
   challenges.clear();
   currentChallenge.clear();
+  challenges.reserve(std::min(elements.Size(), USUAL_MOST));
   for (const Value& element : elements.GetArray()) {
     CloudAuthChallenge challenge = parseChallenge(element);
     challenge.name = "Challenge_" + std::to_string(challenges.size());

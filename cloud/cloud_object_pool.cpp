@@ -52,12 +52,18 @@ std::int32_t occupationLimit() {
 }
 
 // Minutes, positive west of Greenwich.
-std::string timeZoneOffset(time_t current) {
+std::string offsetAt(time_t current) {
   tm utc{};
   gmtime_r(&current, &utc);
   utc.tm_isdst = -1;
   const auto seconds = static_cast<std::int32_t>(std::difftime(std::mktime(&utc), current));
   return itoa(seconds / 60, 10);
+}
+
+// Nothing set is not the same as an empty text, which means Greenwich.
+std::string zoneInForce() {
+  const char* zone = std::getenv("TZ");
+  return zone == nullptr ? std::string(1, '\0') : std::string(zone);
 }
 
 const char* yesOrNo(bool value) { return value ? "Yes" : "No"; }
@@ -84,6 +90,15 @@ CloudCurlPool::~CloudCurlPool() {
   connections.clear();
 }
 
+// The library looks at the zone's file each time, which takes as long as the rest of a hand-out.
+const std::string& CloudCurlPool::timeZoneOffset(time_t current) {
+  std::string zone = zoneInForce();
+  if (zoneOffset.text.empty() || current != zoneOffset.asked || zone != zoneOffset.zone) {
+    zoneOffset = {current, std::move(zone), offsetAt(current)};
+  }
+  return zoneOffset.text;
+}
+
 void CloudCurlPool::setConnProps() {
   const lumo::Lock lock(poolMutex);
   if (maxConnections == 0) {
@@ -106,7 +121,7 @@ CurlObject* CloudCurlPool::getCurl(const std::string& userName, const std::strin
     LUMO_THROW(lumo::CloudConnException, -1, "Failed to get CURL handle for connection: connections exceeded.");
   }
   const time_t current = now();
-  const std::string offset = timeZoneOffset(current);
+  const std::string& offset = timeZoneOffset(current);
   LUMO_LOG(log, 1, "Getting CURL connection with timezone offset: '%s' ", offset.c_str());
   const CloudConnEntry entry{true, current, userName, programName};
   CurlObject* curl = occupyIdle(entry, offset);

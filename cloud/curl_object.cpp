@@ -42,6 +42,7 @@ CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
   clearOpt(CURLOPT_CAINFO);
   clearOpt(CURLOPT_CAPATH);
   setOpt(CURLOPT_TIMEOUT, TRANSFER_SECONDS);
+  setTransportDefaults();
   static_cast<void>(created.release());  // the destructor has it from here on
 }
 
@@ -49,7 +50,6 @@ CurlObject::~CurlObject() {
   curl_easy_cleanup(handle);
   forgetTrace();
   std::free(writeBuffer);
-  curl_slist_free_all(headerList);
 }
 
 template <class Value>
@@ -111,7 +111,9 @@ void CurlObject::setOpt(int option, GssSetupFunction callback) { giveOwnOrCurl(o
 void CurlObject::setOpt(int option, ProxyGssCallbacks* block) { giveOwnOrCurl(option, block); }
 
 void CurlObject::clearOpt(int option) {
-  if (options.erase(option) == 0) return;
+  const auto recorded = options.find(option);
+  if (recorded == options.end()) return;
+  options.erase(recorded);
   layer->forget(option);
   if (NegotiateLayer::owns(option)) return;
   const CURLcode code = curl_easy_setopt(handle, static_cast<CURLoption>(option), nullptr);

@@ -67,9 +67,15 @@ void CurlObject::setCookie(const std::string& cookie) {
 
 void CurlObject::forgetSession() {
   const CurlList list = cookieList(handle);
-  for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
-    CookieLine line;
-    if (!line.parse(node->data) || line.name() != SESSION) continue;
+  CookieLine line;
+  const auto isSession = [&line](const curl_slist& node) { return line.parse(node.data) && line.name() == SESSION; };
+  bool hasOthers = false;
+  for (const curl_slist* node = list.get(); node != nullptr; node = node->next)
+    hasOthers = hasOthers || !isSession(*node);
+  // Often there is nothing but a session; to expire it alone, libcurl reads the whole line again.
+  if (list && !hasOthers) setCurl(handle, CURLOPT_COOKIELIST, "ALL");
+  for (const curl_slist* node = hasOthers ? list.get() : nullptr; node != nullptr; node = node->next) {
+    if (!isSession(*node)) continue;
     std::string expired = line.expired();
     const WipeAtEnd wipeLine(expired);
     setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());

@@ -17,9 +17,6 @@ constexpr int MAX_SERVER_ROUNDS = 4;
 // A header without a value is not sent: the node takes the place of the token to come.
 constexpr char EMPTY_PROXY_LINE[] = "Proxy-Authorization:";
 
-constexpr int OWN_OPTIONS[] = {CURLOPT_PROXY_GSS_SPN, CURLOPT_PROXY_GSS_CRED, CURLOPT_PROXY_GSS_SETUP_FUNCTION,
-                               CURLOPT_PROXY_GSS_SETUP_DATA};
-
 // Texts that make the identity of a connection, and the mask that each belongs to. Only a secret is worth locked
 // memory, which costs several system calls.
 struct WatchedText {
@@ -62,10 +59,6 @@ void copyCookies(CURL* from, CURL* to) {
 bool NegotiateLayer::Identity::operator==(const Identity& other) const {
   return names == other.names && secrets == other.secrets && masks == other.masks &&
          hasCredential == other.hasCredential && credentialOwner == other.credentialOwner;
-}
-
-bool NegotiateLayer::owns(int option) {
-  return std::find(std::begin(OWN_OPTIONS), std::end(OWN_OPTIONS), option) != std::end(OWN_OPTIONS);
 }
 
 bool NegotiateLayer::keep(int option, long value) {
@@ -166,12 +159,15 @@ void NegotiateLayer::applyAuthentication() {
 
 void NegotiateLayer::applyProxyTokens() {
   const bool active = isActiveAt(CURLOPT_PROXYAUTH);
+  if (!active && !hasProxyTokens) return;
+  hasProxyTokens = true;
   proxyLine = EMPTY_PROXY_LINE;
   proxyNode.data = proxyLine.data();
   // The mere node keeps libcurl from sending Basic, so it is there for the layer's own exchange only.
   setCurl(owner.handle, CURLOPT_PROXYHEADER, active ? &proxyNode : nullptr);
   setCurl(owner.handle, CURLOPT_SOCKOPTFUNCTION, active ? &NegotiateLayer::onNewSocket : nullptr);
   setCurl(owner.handle, CURLOPT_SOCKOPTDATA, static_cast<void*>(this));
+  hasProxyTokens = active;
 }
 
 std::string NegotiateLayer::freshToken() {
@@ -206,9 +202,10 @@ int NegotiateLayer::onNewSocket(void* layer, curl_socket_t, curlsocktype) noexce
 }
 
 CURLcode NegotiateLayer::exchange() {
-  if (used && (leave || !(*used == told))) renewHandle();
+  const bool isSame = used && *used == told;
+  if (used && (leave || !isSame)) renewHandle();
   leave = false;
-  used = told;
+  if (!isSame) used = told;
   applyAuthentication();
   applyProxyTokens();
   running.reset();

@@ -19,7 +19,10 @@ class NegotiateLayer {
   NegotiateLayer& operator=(const NegotiateLayer&) = delete;
 
   // One of the four options that libcurl does not have?
-  static bool owns(int option);
+  static constexpr bool owns(int option) {
+    return option == CURLOPT_PROXY_GSS_SPN || option == CURLOPT_PROXY_GSS_CRED ||
+           option == CURLOPT_PROXY_GSS_SETUP_FUNCTION || option == CURLOPT_PROXY_GSS_SETUP_DATA;
+  }
 
   // Remember a value. False when the option is none that the layer watches with a value of this kind.
   bool keep(int option, long value);
@@ -79,4 +82,5 @@ class NegotiateLayer {
   std::string proxyLine;
   std::string serverLine;
   curl_slist proxyNode{};
+  bool hasProxyTokens = false;  // does the handle know proxyNode and onNewSocket?
 };

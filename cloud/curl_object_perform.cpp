@@ -10,9 +10,8 @@ namespace {
 // From here on libcurl would wait for "100 Continue", which many proxies never send.
 constexpr size_t EXPECT_THRESHOLD = size_t{1024} * 1024;
 
-void append(curl_slist*& list, const char* line) {
-  if (curl_slist* longer = curl_slist_append(list, line)) list = longer;
-}
+// A reply has about so many header lines.
+constexpr size_t USUAL_HEADER_LINES = 16;
 
 }  // namespace
 
@@ -25,6 +24,7 @@ void CurlObject::dropBody() {
 
 void CurlObject::rewindAttempt() {
   headerLines.clear();
+  headerLines.reserve(USUAL_HEADER_LINES);
   readPosition = requestBody.data();
   readLeft = requestBody.size();
   dropBody();
@@ -51,23 +51,29 @@ void CurlObject::forgetTrace() {
 }
 
 void CurlObject::buildHeaderList() {
-  curl_slist_free_all(headerList);
-  headerList = nullptr;
   headerStrings.resize(headers.size());
-  std::string authorization = layer->authorizationLine();
+  // Room for all at once: each node points to the next.
+  headerNodes.clear();
+  headerNodes.reserve(headers.size() + 2);
+  const auto append = [this](const char* line) {
+    headerNodes.push_back({const_cast<char*>(line), nullptr});
+    if (headerNodes.size() > 1) headerNodes[headerNodes.size() - 2].next = &headerNodes.back();
+  };
+  const std::string& authorization = layer->authorizationLine();
+  bool isDue = !authorization.empty();
   size_t next = 0;
   for (const auto& [name, value] : headers) {
-    if (!authorization.empty() && name > "Authorization") {
-      append(headerList, authorization.c_str());
-      authorization.clear();
+    if (isDue && name > "Authorization") {
+      append(authorization.c_str());
+      isDue = false;
     }
     headerStrings[next] = name;
     headerStrings[next].append(": ").append(value);
-    append(headerList, headerStrings[next].c_str());
+    append(headerStrings[next].c_str());
     ++next;
   }
-  if (requestBody.size() >= EXPECT_THRESHOLD && headers.count("Expect") == 0) append(headerList, "Expect:");
-  setOpt(CURLOPT_HTTPHEADER, static_cast<void*>(headerList));
+  if (requestBody.size() >= EXPECT_THRESHOLD && headers.count("Expect") == 0) append("Expect:");
+  setOpt(CURLOPT_HTTPHEADER, static_cast<void*>(headerNodes.data()));
 }
 
 void CurlObject::prepareAttempt(const std::string& url, const std::string& body, int post) {
@@ -84,20 +90,24 @@ void CurlObject::prepareAttempt(const std::string& url, const std::string& body,
   setOpt(CURLOPT_WRITEFUNCTION, &CurlCallbacks::write);
   setOpt(CURLOPT_READDATA, static_cast<void*>(this));
   setOpt(CURLOPT_WRITEDATA, static_cast<void*>(this));
-  setTransportDefaults();
+  setAttemptDefaults();
   buildHeaderList();
 }
 
-// Not in the ledger: nobody takes these away, and later code must not find options that it never set.
+// Not in the ledger, like those of each attempt: nobody takes these away, and later code must not find options that it
+// never set.
 void CurlObject::setTransportDefaults() {
-  // The length keeps libcurl from chunking, the seek function lets it send the body again when a kept connection turns
-  // out to be dead.
-  setCurl(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(requestBody.size()));
+  // Lets libcurl send the body again when a kept connection turns out to be dead.
   setCurl(handle, CURLOPT_SEEKFUNCTION, &CurlCallbacks::seek);
   setCurl(handle, CURLOPT_SEEKDATA, static_cast<void*>(this));
   // Request headers are for the server alone.
   setCurl(handle, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
   setCurl(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 0L);
+}
+
+void CurlObject::setAttemptDefaults() {
+  // The length keeps libcurl from chunking.
+  setCurl(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(requestBody.size()));
   // The settings decide about the proxy; http_proxy and no_proxy of the environment never do.
   if (options.count(CURLOPT_NOPROXY) == 0) {
     setCurl(handle, CURLOPT_NOPROXY, options.count(CURLOPT_PROXY) == 0 ? "*" : "");

@@ -134,11 +134,11 @@ class CloudAuth : public CloudBase {
                        rapidjson::Document& document);
   // The string member of that name; `key` must match to the byte, the first one of a name counts. Throws
   // lumo::CloudException "Errors in parsing result from Json: '%s' does NOT exist"; `out` then stays.
-  static void getJsonString(const rapidjson::Value& object, const std::string& key, std::string& out);
+  static void getJsonString(const rapidjson::Value& object, std::string_view key, std::string& out);
   // The same, empty where there is none.
-  static void getJsonStringOptional(const rapidjson::Value& object, const std::string& key, std::string& out);
+  static void getJsonStringOptional(const rapidjson::Value& object, std::string_view key, std::string& out);
   // The member of that name, part of `object`; where there is none, a null value that lives as long as the process.
-  static const rapidjson::Value& member(const rapidjson::Value& object, const std::string& key);
+  static const rapidjson::Value& member(const rapidjson::Value& object, std::string_view key);
   // Replaces `out` by what the text says, by null when it is no JSON, or deeper or longer than JsonLimits.
   static void parseJson(rapidjson::Document& out, std::string_view text);
   // Replaces `out` by compact text, members in their order, however deep the value is.

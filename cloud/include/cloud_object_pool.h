@@ -76,6 +76,15 @@ class CloudCurlPool {
   CurlObject* occupyIdle(const CloudConnEntry& entry, const std::string& offset);
   CurlObject* occupyNew(const CloudConnEntry& entry, const std::string& offset);
   void applyProxy(CurlObject& curl);
+  // Worked out once a second and zone.
+  const std::string& timeZoneOffset(std::time_t current);
+
+  // The offset of the second and the zone (TZ) for which it was asked last.
+  struct ZoneOffset {
+    std::time_t asked = 0;
+    std::string zone;
+    std::string text;
+  };
 
   std::uint64_t maxConnections = 0;
   std::uint64_t occupiedCount = 0;
@@ -89,4 +98,5 @@ class CloudCurlPool {
   std::map<CurlObject*, CloudConnEntry> connections;
   // Taken away while their holders may still use them: they belong to no count any more and go when they are released.
   std::vector<std::unique_ptr<CurlObject>> taken;
+  ZoneOffset zoneOffset;
 };

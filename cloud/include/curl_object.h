@@ -128,6 +128,7 @@ class CurlObject {
   void dropBody();
   void forgetTrace();
   void setTransportDefaults();
+  void setAttemptDefaults();
   void buildHeaderList();
 
   std::set<int> options;
@@ -140,7 +141,7 @@ class CurlObject {
   size_t writeCapacity = 0;
   std::vector<std::string> headerLines;
   std::vector<std::string> headerStrings;
-  curl_slist* headerList = nullptr;
+  std::vector<curl_slist> headerNodes;  // the list for libcurl; points into headerStrings
   CurlProxyNegotiateHelper negotiate;
 
  public:

@@ -110,7 +110,9 @@ TEST_F(CurlPoolTest, TimeZoneIsInMinutesWestOfGreenwich) {
                       {"CET-1CEST,M3.5.0,M10.5.0/3", JULY, "-120"},
                       {"XST-5:30:40", JANUARY, "-330"},
                       {"XST5:30:40", JANUARY, "330"},
-                      {"XST0:00:59", JANUARY, "0"}};
+                      {"XST0:00:59", JANUARY, "0"},
+                      {"XST-1", JANUARY, "-60"},
+                      {"", JANUARY, "0"}};
   limit(1);
   for (const Row& row : rows) {
     setenv("TZ", row.zone, 1);
@@ -121,6 +123,22 @@ TEST_F(CurlPoolTest, TimeZoneIsInMinutesWestOfGreenwich) {
                 Contains("DEBUG Getting CURL connection with timezone offset: '" + std::string(row.offset) + "' "));
     access.pool.releaseCurl(curl);
   }
+}
+
+TEST_F(CurlPoolTest, TimeZoneOfTheMachineIsFollowedWithinTheSecond) {
+  limit(1);
+  unsetenv("TZ");
+  CurlObject* curl = access.pool.getCurl("alice", "login");
+  const std::string machine = curl->headers.at("X-TZOFF");
+  for (const char* zone : {"XST-11:37", "XST+11:37"}) {
+    access.pool.releaseCurl(curl);
+    setenv("TZ", zone, 1);
+    curl = access.pool.getCurl("alice", "login");
+    EXPECT_EQ(curl->headers.at("X-TZOFF"), zone[3] == '-' ? "-697" : "697");
+  }
+  access.pool.releaseCurl(curl);
+  unsetenv("TZ");
+  EXPECT_EQ(access.pool.getCurl("alice", "login")->headers.at("X-TZOFF"), machine);
 }
 
 TEST_F(CurlPoolTest, ReturnOfNothingOrOfAStrangerChangesNothing) {

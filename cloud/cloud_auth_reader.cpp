@@ -1,15 +1,10 @@
-// Before any header of RapidJSON: strings are then scanned 16 bytes at a time. No other source reads texts in place, so
-// that it is the same everywhere.
-#ifdef __SSE2__
-#define RAPIDJSON_SSE2
-#endif
-
 #include "cloud/cloud_auth_reader.h"
 
 #include <locale.h>
 #include <rapidjson/reader.h>
 #include <stdlib.h>
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -21,13 +16,47 @@ namespace {
 using rapidjson::Document;
 using rapidjson::SizeType;
 
+// UTF-8 that the reader passes over in runs: its own loop asks three questions about each byte.
+struct RunsOfUtf8 : rapidjson::UTF8<> {};
+
+constexpr auto ORDINARY = [] {
+  std::array<bool, 256> table{};
+  for (std::size_t byte = 0x20; byte < table.size(); ++byte) table[byte] = byte != '"' && byte != '\\';
+  return table;
+}();
+
+}  // namespace
+
+template <>
+struct rapidjson::Transcoder<RunsOfUtf8, RunsOfUtf8> {
+  using Text = rapidjson::GenericInsituStringStream<RunsOfUtf8>;
+
+  // At a byte that is part of a string. What goes out stands in the same stream; the library's code for texts that are
+  // not read in place, which is never run, names another.
+  template <class Same>
+  static bool Transcode(Text& text, Same&) {
+    const char* const begin = text.src_;
+    do {
+      ++text.src_;
+    } while (ORDINARY[static_cast<unsigned char>(*text.src_)]);
+    const auto length = static_cast<std::size_t>(text.src_ - begin);
+    // An escape before it has made what goes out shorter.
+    if (text.dst_ != begin) std::memmove(text.dst_, begin, length);
+    text.dst_ += length;
+    return true;
+  }
+  template <class Same>
+  static bool Validate(Text& text, Same& out) {
+    return Transcode(text, out);
+  }
+};
+
+namespace {
+
 // Numbers come as text: the library's usual way of reading them is inexact, and its exact way (kParseFullPrecisionFlag)
 // reads beyond its tables for a number like 0.000...1.
 constexpr unsigned PARSE =
     rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
-
-// The reader looks at whole blocks, also at the one in which the text ends.
-constexpr std::size_t BLOCK = 16;
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
@@ -93,13 +122,13 @@ Document readJson(std::string_view text, JsonLimits limits) {
   if (text.substr(0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK) text.remove_prefix(BYTE_ORDER_MARK.size());
   Document document;
   // The document's strings stay where they stand in its own copy of the text.
-  auto* const copy = static_cast<char*>(document.GetAllocator().Malloc(text.size() + BLOCK));
+  auto* const copy = static_cast<char*>(document.GetAllocator().Malloc(text.size() + 1));
   if (copy == nullptr) throw std::bad_alloc();
   std::memcpy(copy, text.data(), text.size());
-  std::memset(copy + text.size(), 0, BLOCK);
+  copy[text.size()] = '\0';
   const auto parse = [&](Document& target) {
-    rapidjson::InsituStringStream input(copy);
-    rapidjson::Reader reader;
+    rapidjson::GenericInsituStringStream<RunsOfUtf8> input(copy);
+    rapidjson::GenericReader<RunsOfUtf8, RunsOfUtf8> reader;
     Builder builder(target, limits);
     return !reader.Parse<PARSE>(input, builder).IsError();
   };

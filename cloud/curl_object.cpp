@@ -43,6 +43,7 @@ CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
   clearOpt(CURLOPT_CAPATH);
   setOpt(CURLOPT_TIMEOUT, TRANSFER_SECONDS);
   setTransportDefaults();
+  hasOtherCookies = false;
   static_cast<void>(created.release());  // the destructor has it from here on
 }
 
@@ -76,6 +77,7 @@ void CurlObject::setOpt(int option, const char* value) {
   if (NegotiateLayer::owns(option) && option != CURLOPT_PROXY_GSS_SPN) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
   if (option != CURLOPT_PROXY_GSS_SPN && !layer->withholds(option)) setCurl(handle, option, value);
   layer->keep(option, value);
+  if (option == CURLOPT_COOKIEFILE || option == CURLOPT_COOKIELIST) hasOtherCookies = true;
   options.insert(option);
 }
 

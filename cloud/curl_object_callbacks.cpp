@@ -84,7 +84,9 @@ size_t CurlCallbacks::write(char* data, size_t size, size_t count, void* object)
 size_t CurlCallbacks::header(char* data, size_t size, size_t count, void* object) noexcept {
   auto* self = static_cast<CurlObject*>(object);
   const size_t length = size * count;
-  if (data == nullptr || self == nullptr || length > MAX_HEADER_LINE) return length;
+  if (data == nullptr || self == nullptr) return length;
+  self->noteCookie({data, length});
+  if (length > MAX_HEADER_LINE) return length;
   try {
     self->headerLines.emplace_back(data, length);
   } catch (...) {

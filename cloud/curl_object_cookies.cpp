@@ -1,5 +1,8 @@
+#include <strings.h>
+
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <string_view>
 
 #include "cloud/curl_object_internal.h"
@@ -65,21 +68,32 @@ void CurlObject::setCookie(const std::string& cookie) {
   setOpt(CURLOPT_COOKIE, cookie);
 }
 
+void CurlObject::noteCookie(std::string_view headerLine) {
+  constexpr std::string_view HEADER = "set-cookie:";
+  if (headerLine.size() < HEADER.size() || strncasecmp(headerLine.data(), HEADER.data(), HEADER.size()) != 0) return;
+  headerLine.remove_prefix(HEADER.size());
+  headerLine.remove_prefix(std::min(headerLine.size(), headerLine.find_first_not_of(' ')));
+  constexpr size_t NAME = sizeof SESSION - 1;
+  // One without a value is no session.
+  const bool isSession = headerLine.size() > NAME + 1 && headerLine.substr(0, NAME) == SESSION &&
+                         headerLine[NAME] == '=' && std::isalnum(static_cast<unsigned char>(headerLine[NAME + 1])) != 0;
+  (isSession ? hasSession : hasOtherCookies) = true;
+}
+
 void CurlObject::forgetSession() {
-  const CurlList list = cookieList(handle);
-  CookieLine line;
-  const auto isSession = [&line](const curl_slist& node) { return line.parse(node.data) && line.name() == SESSION; };
-  bool hasOthers = false;
-  for (const curl_slist* node = list.get(); node != nullptr; node = node->next)
-    hasOthers = hasOthers || !isSession(*node);
-  // Often there is nothing but a session; to expire it alone, libcurl reads the whole line again.
-  if (list && !hasOthers) setCurl(handle, CURLOPT_COOKIELIST, "ALL");
-  for (const curl_slist* node = hasOthers ? list.get() : nullptr; node != nullptr; node = node->next) {
-    if (!isSession(*node)) continue;
-    std::string expired = line.expired();
-    const WipeAtEnd wipeLine(expired);
-    setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());
+  if (hasSession && !hasOtherCookies) {
+    setCurl(handle, CURLOPT_COOKIELIST, "ALL");
+  } else {
+    const CurlList list = cookieList(handle);
+    for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
+      CookieLine line;
+      if (!line.parse(node->data) || line.name() != SESSION) continue;
+      std::string expired = line.expired();
+      const WipeAtEnd wipeLine(expired);
+      setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());
+    }
   }
+  hasSession = false;
   clearOpt(CURLOPT_COOKIE);
 }
 

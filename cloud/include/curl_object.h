@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -104,7 +105,8 @@ class CurlObject {
   // The header lines of the last exchange, the proxy's too, as they came; valid until the next perform.
   const std::vector<std::string>& lastHeaderLines() const { return headerLines; }
 
-  // Another one after each change of identity: to be looked up here for each use.
+  // Another one after each change of identity: to be looked up here for each use. Cookies come to it by replies and
+  // setOpt alone.
   CURL* handle = nullptr;
   // Name -> value, sent with every request to a server, not to a proxy; perform adds Content-Length.
   std::map<std::string, std::string> headers;
@@ -127,6 +129,7 @@ class CurlObject {
   void rewindAttempt();
   void dropBody();
   void forgetTrace();
+  void noteCookie(std::string_view headerLine);
   void setTransportDefaults();
   void setAttemptDefaults();
   void buildHeaderList();
@@ -151,6 +154,10 @@ class CurlObject {
  private:
   // What a callback threw; carried past libcurl's frames and rethrown after the transfer.
   std::exception_ptr callbackFailure;
+  // What the cookie engine may hold: a session since it was forgotten last, any other cookie. libcurl writes all of its
+  // cookies out to tell.
+  bool hasSession = false;
+  bool hasOtherCookies = false;
   // The four own options and what is done in their name.
   std::unique_ptr<NegotiateLayer> layer;
 };

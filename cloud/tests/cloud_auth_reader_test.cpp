@@ -6,7 +6,9 @@
 
 #include <cmath>
 #include <limits>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "cloud/include/cloud_auth.h"
 
@@ -74,7 +76,72 @@ TEST(ReadJson, NumberTooLargeIsNoJson) {
   }
 }
 
-TEST(ReadJson, ByteOrderMarkIsPassedOver) { EXPECT_TRUE(readJson("\xEF\xBB\xBF[]").IsArray()); }
+TEST(ReadJson, NumberEndsWhereTheTextSaysSo) {
+  // As C reads numbers, some of these would go on.
+  const std::pair<const char*, double> first[] = {
+      {"[1.5,2]", 1.5}, {"[1.5 ]", 1.5}, {"[-0.0\n,0]", 0.0}, {"[1e2]", 100}, {"[25e-1,1]", 2.5}};
+  for (const auto& [text, value] : first) EXPECT_EQ(readJson(text)[0].GetDouble(), value) << text;
+  for (const char* text : {"[0x1.8p1]", "[0.5p1]", "[1.5f]", "[0.5 5]", "[1e2e3]", "[1.5.5]", "1.5x", "[1.]", "[.5]"}) {
+    EXPECT_TRUE(readJson(text).IsNull()) << text;
+  }
+}
+
+TEST(ReadJson, StringOfEveryLengthIsReadWithItsEscapes) {
+  const std::pair<std::string, std::string> escapes[] = {
+      {"", ""},         {"\\\\", "\\"},
+      {"\\\"", "\""},   {"\\/\\n\\t", "/\n\t"},
+      {"\\u00e9", "é"}, {"\\ud83d\\ude00", "\xF0\x9F\x98\x80"},
+      {"é", "é"},       {"\\u0000", std::string(1, '\0')},
+  };
+  for (std::size_t before = 0; before <= 40; ++before) {
+    for (const auto& [written, meant] : escapes) {
+      for (const std::size_t behind : {std::size_t{0}, std::size_t{1}, std::size_t{17}}) {
+        const std::string text = "[\"" + std::string(before, 'b') + written + std::string(behind, 'e') + "\",7]";
+        const rapidjson::Document document = readJson(text);
+        ASSERT_TRUE(document.IsArray()) << text;
+        EXPECT_EQ(std::string(document[0].GetString(), document[0].GetStringLength()),
+                  std::string(before, 'b') + meant + std::string(behind, 'e'));
+        EXPECT_EQ(document[1].GetInt(), 7) << text;
+      }
+    }
+  }
+}
+
+TEST(ReadJson, OpenStringAndControlCharacterAreNoJson) {
+  for (std::size_t before = 0; before <= 40; ++before) {
+    const std::string start = "[\"" + std::string(before, 'b');
+    for (const std::string& end : {std::string(), std::string("\n\"]"), std::string(1, '\0') + "\"]", std::string("\\"),
+                                   std::string("\\x\"]"), std::string("\\ud83d\"]"), std::string("\\u12")}) {
+      EXPECT_TRUE(readJson(start + end).IsNull()) << before << end;
+    }
+    for (char control = 1; control < ' '; ++control) {
+      EXPECT_TRUE(readJson(start + control + "\"]").IsNull()) << before << " " << int{control};
+    }
+  }
+}
+
+TEST(ReadJson, TextMayBeAPieceOfALongerOneAndGo) {
+  std::string whole = "xx{\"a\":\"value\",\"b\":12}34";
+  const rapidjson::Document document = readJson(std::string_view(whole).substr(2, whole.size() - 4));
+  whole.assign(whole.size(), 'x');
+  EXPECT_EQ(textOf(document), "{\"a\":\"value\",\"b\":12}");
+  EXPECT_TRUE(readJson(std::string_view("12", 1)) == 1);
+  EXPECT_TRUE(readJson({}).IsNull());
+}
+
+TEST(ReadJson, LongTextOfEveryLengthIsReadToItsEnd) {
+  for (std::size_t length = 70000; length < 70020; ++length) {
+    const std::string text = "\"" + std::string(length, 'x') + "\"";
+    EXPECT_EQ(readJson(text).GetStringLength(), length);
+    EXPECT_TRUE(readJson(text.substr(0, text.size() - 1)).IsNull());
+  }
+}
+
+TEST(ReadJson, ByteOrderMarkIsPassedOver) {
+  EXPECT_TRUE(readJson("\xEF\xBB\xBF[]").IsArray());
+  EXPECT_TRUE(readJson("\xEF\xBB\xBF").IsNull());
+  EXPECT_TRUE(readJson("\xEF\xBB[]").IsNull());
+}
 
 TEST(ReadJson, DepthHasALimit) {
   const JsonLimits limits{3, 100};

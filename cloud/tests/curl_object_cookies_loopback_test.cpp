@@ -129,3 +129,60 @@ TEST_F(CurlObjectTest, CookieThatSetCookieTookAwayIsNotRead) {
   server.cookieOf(object);
   EXPECT_EQ(object.cookie(".ASPXAUTH"), "") << "one that is sent by hand is none of the engine's";
 }
+
+TEST_F(CurlObjectTest, ForgottenSessionIsGoneAndOtherCookiesStay) {
+  struct Row {
+    std::vector<std::string> lines;
+    std::string kept;
+  };
+  const std::string session = "Set-Cookie: .ASPXAUTH=bob; path=/; HttpOnly";
+  const Row rows[] = {
+      {{session}, ""},
+      {{"set-cookie:.ASPXAUTH=bob; path=/"}, ""},
+      {{session, "Set-Cookie: .ASPXAUTH=deep; path=/set; Max-Age=60"}, ""},
+      {{"Set-Cookie: other=1; path=/", session}, "other=1"},
+      {{session, "SET-COOKIE: other=1; path=/"}, "other=1"},
+      {{session, "Set-Cookie: .ASPXAUTH2=1; path=/"}, ".ASPXAUTH2=1"},
+      {{session, "Set-Cookie: .aspxauth=1; path=/"}, ".aspxauth=1"},
+      {{"Set-Cookie: .ASPXAUTH=; path=/"}, ".ASPXAUTH="},
+      {{}, ""},
+  };
+  for (const Row& row : rows) {
+    for (const bool hasOneOfItsOwn : {false, true}) {
+      CookieServer server;
+      server.lines = row.lines;
+      CurlObject object;
+      server.cookieOf(object, "/set");
+      if (hasOneOfItsOwn) object.setCookie("mine=1");
+      object.forgetSession();
+      EXPECT_EQ(object.cookie(".ASPXAUTH"), "");
+      server.lines.clear();
+      EXPECT_EQ(server.cookieOf(object, "/set"), row.kept);
+    }
+  }
+}
+
+TEST_F(CurlObjectTest, EverySessionIsForgottenAndWhatCameLaterStays) {
+  CookieServer server;
+  CurlObject object;
+  for (const char* cookie : {"Set-Cookie: .ASPXAUTH=1; path=/", "Set-Cookie: .ASPXAUTH=2; path=/",
+                             "Set-Cookie: a=b; path=/", "Set-Cookie: .ASPXAUTH=3; path=/"}) {
+    server.lines = {cookie};
+    server.cookieOf(object, "/set");
+    object.setOpt(CURLOPT_USERPWD, std::string("alice:") + cookie);
+    server.cookieOf(object);
+    object.forgetSession();
+    EXPECT_EQ(object.cookie(".ASPXAUTH"), "") << cookie;
+  }
+  EXPECT_EQ(server.cookieOf(object), "a=b");
+}
+
+TEST_F(CurlObjectTest, CookieGivenByHandOutlivesTheSession) {
+  CookieServer server;
+  server.lines = {"Set-Cookie: .ASPXAUTH=bob; path=/"};
+  CurlObject object;
+  object.setOpt(CURLOPT_COOKIELIST, "Set-Cookie: given=1; domain=127.0.0.1; path=/");
+  server.cookieOf(object, "/set");
+  object.forgetSession();
+  EXPECT_EQ(server.cookieOf(object), "given=1");
+}

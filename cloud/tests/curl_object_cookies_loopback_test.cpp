@@ -1,6 +1,8 @@
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
 
+using testing::HasSubstr;
+using testing::Not;
 using testsupport::httpReply;
 using testsupport::HttpRequest;
 using testsupport::HttpServer;
@@ -155,9 +157,9 @@ TEST_F(CurlObjectTest, ForgottenSessionIsGoneAndOtherCookiesStay) {
       server.cookieOf(object, "/set");
       if (hasOneOfItsOwn) object.setCookie("mine=1");
       object.forgetSession();
-      EXPECT_EQ(object.cookie(".ASPXAUTH"), "");
       server.lines.clear();
       EXPECT_EQ(server.cookieOf(object, "/set"), row.kept);
+      EXPECT_EQ(object.cookie(".ASPXAUTH"), "");
     }
   }
 }
@@ -172,7 +174,7 @@ TEST_F(CurlObjectTest, EverySessionIsForgottenAndWhatCameLaterStays) {
     object.setOpt(CURLOPT_USERPWD, std::string("alice:") + cookie);
     server.cookieOf(object);
     object.forgetSession();
-    EXPECT_EQ(object.cookie(".ASPXAUTH"), "") << cookie;
+    EXPECT_THAT(server.cookieOf(object), Not(HasSubstr(".ASPXAUTH"))) << cookie;
   }
   EXPECT_EQ(server.cookieOf(object), "a=b");
 }

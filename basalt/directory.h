@@ -37,11 +37,10 @@ inline constexpr std::chrono::seconds DIRECTORY_SEARCH_LIMIT{60};
 class DirectoryConnection {
  public:
   virtual ~DirectoryConnection() = default;
-  // All objects that match, in pages below where the server limits what it gives at once. A base that does not exist
-  // gives none. An attribute of which the server shows only a part, or whose values cannot be decoded, is
-  // ADAttribute::unreadable() under its plain name. Throws LDAPException with the server's words and the LDAP result
-  // code as rc(); isServerUnavailable tells when the server is gone or silent, and the connection is then of no more
-  // use.
+  // All objects that match, results paged below. A base that does not exist gives none. An attribute of which the
+  // server shows only a part, or whose values cannot be decoded, is ADAttribute::unreadable() under its plain name.
+  // Throws LDAPException with the server's words and the LDAP result code as rc(); isServerUnavailable tells when the
+  // server is gone or silent, and the connection is then of no more use.
   virtual std::vector<ADObjectPtr> search(const DirectorySearch& what) = 0;
   // A search to come soon, of one answer or of one page: the connection may ask already, so that the server works while
   // its last answer is looked at. Another search than the one that was announced first drops them all. Never throws.

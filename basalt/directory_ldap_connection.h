@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "basalt/directory.h"
-#include "basalt/directory_ldap_handles.h"
 #include "basalt/directory_socket.h"
 
 namespace lumo {
@@ -62,14 +61,8 @@ class LdapConnection : public DirectoryConnection {
   std::string defaultBase();
   std::vector<ADObjectPtr> searchAll(const DirectorySearch& what, bool paged);
   std::vector<ADObjectPtr> searchOnce(const DirectorySearch& what, SteadyTime end);
-  std::vector<ADObjectPtr> searchPages(const DirectorySearch& what, SteadyTime end);
-  // Without pages; nothing where the server does not give so much.
-  std::optional<std::vector<ADObjectPtr>> searchWhole(const DirectorySearch& what, SteadyTime end);
-  bool mayGiveAll(const std::string& doing, SteadyTime end);
-  int send(const DirectorySearch& what, const std::string* cookie, std::chrono::milliseconds limit,
-           const std::string& doing);
-  Page receive(int id, SteadyTime end, const std::string& doing);
-  LdapMessage awaitMessages(int id, int which, SteadyTime end, const std::string& doing);
+  int send(const DirectorySearch& what, const std::string* cookie, SteadyTime end);
+  Page receive(int id, const DirectorySearch& what, SteadyTime end);
   // The request of an announced search; nothing for another, and then none is announced any more.
   std::optional<int> takeAnnounced(const DirectorySearch& what);
   std::chrono::milliseconds limitUntil(SteadyTime end, const std::string& doing);
@@ -85,7 +78,6 @@ class LdapConnection : public DirectoryConnection {
   const LdapLimits m_limits;
   std::string m_defaultBase;
   std::deque<Announced> m_announced;
-  std::optional<bool> m_mayGiveAll;
   bool m_usable = true;
   LdapHandle m_ld;
 };

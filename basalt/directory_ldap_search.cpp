@@ -15,8 +15,6 @@ namespace {
 constexpr int MAX_PAGES = 2000;
 constexpr int MAX_RANGES = 1000;
 constexpr char RANGE_OPTION[] = ";range=";
-// Of the root object: the names of the limits that the server sets to searches.
-constexpr char POLICIES[] = "supportedLDAPPolicies";
 
 int scopeOf(SearchScope scope) {
   switch (scope) {
@@ -99,7 +97,7 @@ void LdapConnection::announce(const DirectorySearch& what) {
   }
   try {
     const NoBrokenPipe guard;
-    const int id = send(whole, nullptr, m_limits.operation, doingOf(whole));
+    const int id = send(whole, nullptr, std::chrono::steady_clock::now() + m_limits.search);
     m_announced.push_back({std::move(whole), id});
   } catch (const LDAPException&) {
     // The search itself will meet it.
@@ -133,81 +131,33 @@ std::string LdapConnection::defaultBase() {
 std::vector<ADObjectPtr> LdapConnection::searchAll(const DirectorySearch& what, bool paged) {
   const NoBrokenPipe guard;
   const SteadyTime end = std::chrono::steady_clock::now() + m_limits.search;
-  const std::string doing = doingOf(what);
-  requireUsable(doing);
   std::vector<ADObjectPtr> objects;
+  requireUsable(doingOf(what));
   if (!paged) {
     objects = searchOnce(what, end);
   } else {
     takeAnnounced(what);
-    auto whole = mayGiveAll(doing, end) ? searchWhole(what, end) : std::nullopt;
-    objects = whole ? std::move(*whole) : searchPages(what, end);
+    const std::string first;
+    Page page = receive(send(what, &first, end), what, end);
+    for (int pages = 1; !page.cookie.empty(); ++pages) {
+      if (pages == MAX_PAGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's pages do not end");
+      // The server looks for the next page while this one is read.
+      const int next = send(what, &page.cookie, end);
+      readEntries(page.entries.get(), objects);
+      page = receive(next, what, end);
+    }
+    readEntries(page.entries.get(), objects);
   }
   for (const ADObjectPtr& object : objects) completeRanges(*object, end);
   return objects;
 }
 
 std::vector<ADObjectPtr> LdapConnection::searchOnce(const DirectorySearch& what, SteadyTime end) {
-  const std::string doing = doingOf(what);
   const std::optional<int> announced = takeAnnounced(what);
-  const Page page = receive(announced ? *announced : send(what, nullptr, limitUntil(end, doing), doing), end, doing);
+  const Page page = receive(announced ? *announced : send(what, nullptr, end), what, end);
   std::vector<ADObjectPtr> objects;
   readEntries(page.entries.get(), objects);
   return objects;
-}
-
-std::vector<ADObjectPtr> LdapConnection::searchPages(const DirectorySearch& what, SteadyTime end) {
-  const std::string doing = doingOf(what);
-  std::vector<ADObjectPtr> objects;
-  const std::string first;
-  Page page = receive(send(what, &first, limitUntil(end, doing), doing), end, doing);
-  for (int pages = 1; !page.cookie.empty(); ++pages) {
-    if (pages == MAX_PAGES) LUMO_THROW(LDAPException, LDAP_SIZELIMIT_EXCEEDED, "The server's pages do not end");
-    // The server looks for the next page while this one is read.
-    const int next = send(what, &page.cookie, limitUntil(end, doing), doing);
-    readEntries(page.entries.get(), objects);
-    page = receive(next, end, doing);
-  }
-  readEntries(page.entries.get(), objects);
-  return objects;
-}
-
-// A server that names its limits cuts off what is longer than a page. One that names none may still have some.
-bool LdapConnection::mayGiveAll(const std::string& doing, SteadyTime end) {
-  if (m_mayGiveAll) return *m_mayGiveAll;
-  m_mayGiveAll = false;
-  try {
-    const DirectorySearch root{"", SearchScope::Base, "(objectClass=*)", {POLICIES}, false};
-    const Page page = receive(send(root, nullptr, limitUntil(end, doing), doing), end, doing);
-    std::vector<ADObjectPtr> objects;
-    readEntries(page.entries.get(), objects);
-    m_mayGiveAll = objects.size() == 1 && !objects.front()->attributeExists(POLICIES, false);
-  } catch (const LDAPException&) {
-    if (!m_usable) throw;
-  }
-  return *m_mayGiveAll;
-}
-
-std::optional<std::vector<ADObjectPtr>> LdapConnection::searchWhole(const DirectorySearch& what, SteadyTime end) {
-  const std::string doing = doingOf(what);
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-  const int id = send(what, nullptr, std::max(left, std::chrono::milliseconds(1)), doing);
-  std::vector<ADObjectPtr> objects;
-  for (;;) {
-    // Each piece may take as long as a page.
-    const LdapMessage piece = awaitMessages(id, LDAP_MSG_RECEIVED, end, doing);
-    readEntries(piece.get(), objects);
-    int code = LDAP_OTHER;
-    const int rc = ldap_parse_result(m_ld.get(), piece.get(), &code, nullptr, nullptr, nullptr, nullptr, 0);
-    if (rc == LDAP_NO_RESULTS_RETURNED) continue;
-    if (rc != LDAP_SUCCESS) fail(rc, doing);
-    if (code == LDAP_SUCCESS || code == LDAP_NO_SUCH_OBJECT) return objects;
-    if (code != LDAP_SIZELIMIT_EXCEEDED && code != LDAP_TIMELIMIT_EXCEEDED && code != LDAP_ADMINLIMIT_EXCEEDED) {
-      fail(code, doing);
-    }
-    m_mayGiveAll = false;
-    return std::nullopt;
-  }
 }
 
 std::chrono::milliseconds LdapConnection::limitUntil(SteadyTime end, const std::string& doing) {
@@ -216,41 +166,38 @@ std::chrono::milliseconds LdapConnection::limitUntil(SteadyTime end, const std::
   return std::min(m_limits.operation, left);
 }
 
-int LdapConnection::send(const DirectorySearch& what, const std::string* cookie, std::chrono::milliseconds limit,
-                         const std::string& doing) {
+int LdapConnection::send(const DirectorySearch& what, const std::string* cookie, SteadyTime end) {
+  const std::string doing = doingOf(what);
   requireUsable(doing);
   std::vector<char*> attributes;
   for (const std::string& name : what.attributes) attributes.push_back(const_cast<char*>(name.c_str()));
   attributes.push_back(nullptr);
   const LdapControl control = cookie != nullptr ? pageControl(m_ld.get(), *cookie) : nullptr;
   LDAPControl* controls[] = {control.get(), nullptr};
-  timeval serverLimit = timeOf(limit);
+  timeval limit = timeOf(limitUntil(end, doing));
   int id = 0;
   const int rc = ldap_search_ext(m_ld.get(), what.base.c_str(), scopeOf(what.scope), what.filter.c_str(),
-                                 what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr,
-                                 &serverLimit, LDAP_NO_LIMIT, &id);
+                                 what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr, &limit,
+                                 LDAP_NO_LIMIT, &id);
   if (rc != LDAP_SUCCESS) fail(rc, doing);
   return id;
 }
 
-LdapMessage LdapConnection::awaitMessages(int id, int which, SteadyTime end, const std::string& doing) {
+LdapConnection::Page LdapConnection::receive(int id, const DirectorySearch& what, SteadyTime end) {
+  const std::string doing = doingOf(what);
   timeval limit = timeOf(limitUntil(end, doing));
   LDAPMessage* answer = nullptr;
-  const int got = ldap_result(m_ld.get(), id, which, &limit, &answer);
-  LdapMessage messages(answer);
+  const int got = ldap_result(m_ld.get(), id, LDAP_MSG_ALL, &limit, &answer);
+  Page page{LdapMessage(answer), {}};
   if (got == 0) {
     ldap_abandon_ext(m_ld.get(), id, nullptr, nullptr);
     fail(LDAP_TIMEOUT, doing);
   }
   if (got < 0) fail(errorOf(m_ld.get()), doing);
-  return messages;
-}
 
-LdapConnection::Page LdapConnection::receive(int id, SteadyTime end, const std::string& doing) {
-  Page page{awaitMessages(id, LDAP_MSG_ALL, end, doing), {}};
   LDAPControl** found = nullptr;
   int code = LDAP_OTHER;
-  const int rc = ldap_parse_result(m_ld.get(), page.entries.get(), &code, nullptr, nullptr, nullptr, &found, 0);
+  const int rc = ldap_parse_result(m_ld.get(), answer, &code, nullptr, nullptr, nullptr, &found, 0);
   const LdapControls answered(found);
   if (rc != LDAP_SUCCESS) fail(rc, doing);
   if (code == LDAP_NO_SUCH_OBJECT) return {};

@@ -3,10 +3,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <optional>
 #include <thread>
 #include <tuple>
-#include <utility>
 
 #include "basalt/ad_cache_binding.h"
 #include "basalt/directory_ldap.h"
@@ -212,89 +210,25 @@ TEST_F(AnnouncedSearches, FailAsTheSearchDoesWhereTheServerGoes) {
   EXPECT_EQ(outcome([&] { found("CN=a"); }).text, "Cannot search 'CN=a': the connection was lost before");
 }
 
-// A server with three objects that gives one in a page, and all three, or one and that it has had enough, without
-// pages.
-class PagingServer : public testing::Test {
- protected:
-  static DirectorySearch all() { return {"DC=b", SearchScope::Subtree, "(cn=a)", {}}; }
-  std::vector<std::string> found() {
-    std::vector<std::string> names;
-    for (const auto& object : m_connection->search(all())) names.push_back(object->dn());
-    return names;
-  }
-  static std::string object(const std::string& message, const std::string& name) {
-    return ldapMessage(idOf(message), ldapEntry("CN=" + name, "cn", name));
-  }
-  std::string page(const std::string& message) {
-    const std::size_t at = message.find("next");
-    const std::string number = at == std::string::npos ? "0" : message.substr(at + 4, 1);
-    m_came.push_back("page " + number);
-    const std::string next = number == "2" ? "" : "next" + std::to_string(std::stoi(number) + 1);
-    const std::string value = berItem(0x30, berItem(0x02, std::string(1, '\0')) + berItem(0x04, next));
+TEST(LdapConnection, GivesTheObjectsOfAllPages) {
+  std::vector<std::string> cookies;
+  ScriptedServer server([&](const std::string& message) {
+    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
+    const std::string page = std::to_string(cookies.size());
+    cookies.push_back(message.find("next") == std::string::npos ? "" : message.substr(message.find("next"), 5));
+    const std::string cookie = cookies.size() == 3 ? "" : "next" + page;
+    const std::string value = berItem(0x30, berItem(0x02, std::string(1, '\0')) + berItem(0x04, cookie));
     const std::string control = berItem(0x30, berItem(0x04, "1.2.840.113556.1.4.319") + berItem(0x04, value));
     const std::string id = berItem(0x02, std::string(1, static_cast<char>(idOf(message))));
-    return object(message, number) + berItem(0x30, id + ldapDone(0) + berItem(0xa0, control));
-  }
-  std::string answer(const std::string& message) {
-    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
-    if (message.find("1.2.840.113556.1.4.319") != std::string::npos) return page(message);
-    if (message.find("supportedLDAPPolicies") != std::string::npos) {
-      m_came.emplace_back("root");
-      if (m_rootRefused) return ldapMessage(idOf(message), ldapDone(50));
-      const std::string root = ldapEntry("", m_named ? "supportedLDAPPolicies" : "vendorName", "MaxPageSize");
-      return ldapMessage(idOf(message), root) + ldapMessage(idOf(message), ldapDone(0));
-    }
-    m_came.emplace_back("all");
-    if (m_cut != 0) return object(message, "0") + ldapMessage(idOf(message), ldapDone(m_cut));
-    if (m_silent) return object(message, "0");
-    return object(message, "0") + object(message, "1") + object(message, "2") + ldapMessage(idOf(message), ldapDone(0));
-  }
-
-  // Read by the server's thread.
-  std::atomic<bool> m_named{false}, m_rootRefused{false}, m_silent{false};
-  std::atomic<unsigned char> m_cut{0};
-  std::vector<std::string> m_came;
-  ScriptedServer m_server{[this](const std::string& message) { return answer(message); }};
-  std::optional<LdapConnection> m_connection{std::in_place, m_server.server(), true, SHORT};
-};
-
-TEST_F(PagingServer, IsAskedForPagesWhereItNamesItsLimits) {
-  m_named = true;
-  for (int i = 0; i < 2; ++i) EXPECT_THAT(found(), ElementsAre("CN=0", "CN=1", "CN=2"));
-  EXPECT_THAT(m_came, ElementsAre("root", "page 0", "page 1", "page 2", "page 0", "page 1", "page 2"));
-}
-
-// It finds what it gives in pages twice.
-TEST_F(PagingServer, IsAskedForAllAtOnceWhereItNamesNoLimits) {
-  for (int i = 0; i < 2; ++i) EXPECT_THAT(found(), ElementsAre("CN=0", "CN=1", "CN=2"));
-  EXPECT_THAT(m_came, ElementsAre("root", "all", "all"));
-}
-
-TEST_F(PagingServer, IsAskedForPagesOnceItHasCutOff) {
-  for (const int code : {3, 4, 11}) {
-    m_cut = static_cast<unsigned char>(code);
-    m_came.clear();
-    m_connection.emplace(m_server.server(), true, SHORT);
-    for (int i = 0; i < 2; ++i) EXPECT_THAT(found(), ElementsAre("CN=0", "CN=1", "CN=2"));
-    EXPECT_THAT(m_came, ElementsAre("root", "all", "page 0", "page 1", "page 2", "page 0", "page 1", "page 2"));
-  }
-}
-
-TEST_F(PagingServer, IsAskedForPagesWhereItDoesNotTellItsLimits) {
-  m_rootRefused = true;
-  EXPECT_THAT(found(), ElementsAre("CN=0", "CN=1", "CN=2"));
-  EXPECT_THAT(m_came, ElementsAre("root", "page 0", "page 1", "page 2"));
-}
-
-TEST_F(PagingServer, FailsWithItsWordsWhereItRefusesOrFallsSilent) {
-  m_cut = 50;
-  EXPECT_EQ(outcome([&] { found(); }).text, "Cannot search 'DC=b': Insufficient access");
-  m_cut = 0;
-  m_silent = true;
-  const Outcome lost = outcome([&] { found(); });
-  EXPECT_EQ(lost.text, "Cannot search 'DC=b': no answer in time");
-  EXPECT_LT(lost.took, SOON);
-  EXPECT_EQ(outcome([&] { found(); }).text, "Cannot search 'DC=b': the connection was lost before");
+    return ldapMessage(idOf(message), ldapEntry("CN=" + page, "cn", page)) +
+           berItem(0x30, id + ldapDone(0) + berItem(0xa0, control));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  std::vector<std::string> names;
+  for (const auto& object : connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}))
+    names.push_back(object->dn());
+  EXPECT_THAT(names, ElementsAre("CN=0", "CN=1", "CN=2"));
+  EXPECT_THAT(cookies, ElementsAre("", "next0", "next1"));
 }
 
 TEST(LdapConnection, TakesAMissingBaseForNothing) {

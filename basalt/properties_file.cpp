@@ -121,13 +121,19 @@ void Properties::loadFile(const std::string& path) {
 
 void Properties::saveProperty(const std::string& path) {
   Lock lock(m_mutex);
-  const PropertyMap values = m_values;
-  const PropertyChanges changes = changesBetween(m_saved, values);
-  if (changes.empty()) m_dirty = false;
+  if (changesBetween(m_saved, m_values).empty()) {
+    m_dirty = false;
+    return;
+  }
   lock.unLock();
-  if (changes.empty()) return;
 
   const FileLock writers(folderOf(path) + "/." + nameOf(path) + ".lock");
+  // Only now: another thread may have saved while this one waited, and an older picture must not come behind a newer.
+  lock.doLock();
+  const PropertyMap values = m_values;
+  const PropertyChanges changes = changesBetween(m_saved, values);
+  lock.unLock();
+  if (changes.empty()) return;
   const Found found = readConfiguration(path);
   const std::string text = mergeProperties(found.text, changes);
   replaceFile(path, text.data(), text.size(), found.ownerMode);

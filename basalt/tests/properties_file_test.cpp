@@ -1,17 +1,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <set>
-#include <thread>
 
 #include "base/include/exceptions.h"
 #include "base/include/properties.h"
@@ -287,105 +284,6 @@ TEST(PropertiesTimeDefault, MissingKeyGivesTheDefaultInTheCallersUnit) {
   const Properties settings;
   EXPECT_EQ(settings.getTime("none", 'm', 1), 60);
   EXPECT_EQ(settings.getTime("none", 'h', 8), 28800);
-}
-
-// Child processes end with _exit and report by their status.
-pid_t inChild(const std::function<void()>& work) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  try {
-    work();
-  } catch (...) {
-    _exit(1);
-  }
-  _exit(0);
-}
-
-TEST_F(PropertiesFile, WritersAtOnceLoseNothing) {
-  writeFile(file, "# shared\n");
-  constexpr int writers = 4;
-  constexpr int saves = 15;
-  std::vector<pid_t> children;
-  for (int w = 0; w < writers; ++w) {
-    children.push_back(inChild([&] {
-      Properties settings;
-      settings.loadFile(file);
-      for (int i = 0; i < saves; ++i) {
-        settings.setProperty("key." + std::to_string(w) + "." + std::to_string(i), std::to_string(i));
-        settings.saveProperty(file);
-      }
-    }));
-  }
-  for (const pid_t child : children) {
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-  }
-  Properties all;
-  all.loadFile(file);
-  for (int w = 0; w < writers; ++w) {
-    for (int i = 0; i < saves; ++i) {
-      EXPECT_EQ(all.getProperty("key." + std::to_string(w) + "." + std::to_string(i), "lost"), std::to_string(i));
-    }
-  }
-  EXPECT_EQ(namesIn(folder.path()), (std::set<std::string>{"test.conf", ".test.conf.lock"}));
-}
-
-TEST_F(PropertiesFile, ThreadsSaveTheSameMap) {
-  Properties settings;
-  settings.loadFile(file);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 5; ++i) {
-        settings.setProperty(std::to_string(t) + "." + std::to_string(i), "x");
-        settings.saveProperty(file);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  Properties all;
-  all.loadFile(file);
-  for (int t = 0; t < 4; ++t) EXPECT_EQ(all.below(std::to_string(t) + ".").size(), 5U);
-  EXPECT_FALSE(settings.dirty());
-}
-
-TEST_F(PropertiesFile, KilledWriterLeavesTheOldFileOrTheNew) {
-  const std::string filler(60000, 'x');
-  const std::string one = "a: one\nfiller: " + filler + "\n";
-  const std::string two = "a: two\nfiller: " + filler + "\n";
-  writeFile(file, one);
-  std::set<std::string> seen;
-  for (int round = 0; round < 150; ++round) {
-    int ready[2];
-    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-    const pid_t child = inChild([&] {
-      Properties settings;
-      settings.loadFile(file);
-      for (int i = 0;; ++i) {
-        settings.setProperty("a", i % 2 == 0 ? "two" : "one");
-        settings.saveProperty(file);
-        if (i == 0 && write(ready[1], "r", 1) != 1) _exit(1);
-      }
-    });
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    // Some other point of the work in every round.
-    std::this_thread::sleep_for(std::chrono::microseconds(37 * round));
-    kill(child, SIGKILL);
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    close(ready[0]);
-    close(ready[1]);
-    const std::string content = readFile(file);
-    ASSERT_TRUE(content == one || content == two) << "round " << round << ": " << content.size() << " bytes";
-    seen.insert(content);
-  }
-  EXPECT_EQ(seen.size(), 2U);
-  Properties next;
-  next.loadFile(file);
-  next.setProperty("b", "after");
-  next.saveProperty(file);
-  EXPECT_EQ(namesIn(folder.path()), (std::set<std::string>{"test.conf", ".test.conf.lock"}));
 }
 
 }  // namespace

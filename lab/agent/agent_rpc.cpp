@@ -5,11 +5,12 @@
 #include <rapidjson/writer.h>
 
 #include <boost/make_shared.hpp>
-#include <ctime>
+#include <chrono>
 #include <future>
 #include <utility>
 
 #include "basalt/ad_agent.h"
+#include "basalt/clock.h"
 #include "basalt/fips.h"
 #include "basalt/run_queue.h"
 #include "base/include/exceptions.h"
@@ -143,7 +144,8 @@ std::string answer(AgentLogins& logins, const Params& params) {
 class Reached : public lumo::QueueAble {
  public:
   void run() override { m_reached.set_value(); }
-  long getTimeout() const override { return std::time(nullptr); }
+  // By the clock of what was queued before: time() may be behind it by a tick.
+  long getTimeout() const override { return std::chrono::system_clock::to_time_t(lumo::Clock::getInstance().now()); }
   std::future<void> reached() { return m_reached.get_future(); }
 
  private:

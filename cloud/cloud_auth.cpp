@@ -2,11 +2,10 @@
 
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
+#include "cloud/http_status.h"
 #include "cloud/include/curl_object.h"
 
 namespace {
-
-constexpr long HTTP_OK = 200;
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
 

@@ -4,13 +4,11 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "base/include/wipe.h"
+#include "cloud/http_status.h"
 #include "cloud/json_body.h"
 #include "cloud/machine_sign_in.h"
 
 namespace {
-
-constexpr int HTTP_OK = 200;
-constexpr int HTTP_UNAUTHORIZED = 401;
 
 // What an administrator reads when a profile is to blame: that it is not there, and that it cannot be used.
 struct ProfileTexts {

@@ -7,13 +7,12 @@
 #include "base/include/wipe.h"
 #include "cloud/cloud_auth_v1s.h"
 #include "cloud/cloud_object_certs.h"
+#include "cloud/http_status.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/json_body.h"
 #include "cloud/machine_sign_in.h"
 
 namespace {
-
-constexpr long HTTP_OK = 200;
 
 // Result codes of exceptions.
 constexpr int TRANSFER_FAILED = 8;
@@ -84,7 +83,7 @@ int CloudAuthV1S::sso(const std::string& otc) {
   LUMO_LOG(logger(), 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return 0;
   wipe(machineCookie);
-  machineCookie = curl->cookie(SESSION_COOKIE);
+  machineCookie = curl->cookie(CurlObject::SESSION_COOKIE);
   LUMO_LOG(logger(), 1, "sso: cookieExist = %d", machineCookie.empty() ? 0 : 1);
   return 1;
 }
@@ -102,7 +101,7 @@ int CloudAuthV1S::startImpersonate() {
   }
   if (result != 0) {
     wipe(userCookie);
-    userCookie = curl->cookie(SESSION_COOKIE);
+    userCookie = curl->cookie(CurlObject::SESSION_COOKIE);
   }
   LUMO_LOG(logger(), 1, "startImpersonate: result = %d, httpCode = %ld, cookieExist = %d", result, httpCode,
            userCookie.empty() ? 0 : 1);

@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr char SESSION[] = ".ASPXAUTH";
 constexpr char WHITE_SPACE[] = " \t\n\v\f\r";
 
 // One line of libcurl's cookie list: domain, tail match, path, secure, expiry, name, value, written with tabs. Views
@@ -60,7 +59,7 @@ bool findCookie(const CurlList& list, std::string_view name, CookieLine& line) {
 void CurlObject::setCookie(const std::string& cookie) {
   const CurlList list = cookieList(handle);
   CookieLine line;
-  if (findCookie(list, SESSION, line)) {
+  if (findCookie(list, CurlObject::SESSION_COOKIE, line)) {
     std::string expired = line.expired();
     const WipeAtEnd wipeLine(expired);
     setOpt(CURLOPT_COOKIELIST, expired);
@@ -73,9 +72,9 @@ void CurlObject::noteCookie(std::string_view headerLine) {
   if (headerLine.size() < HEADER.size() || strncasecmp(headerLine.data(), HEADER.data(), HEADER.size()) != 0) return;
   headerLine.remove_prefix(HEADER.size());
   headerLine.remove_prefix(std::min(headerLine.size(), headerLine.find_first_not_of(' ')));
-  constexpr size_t NAME = sizeof SESSION - 1;
+  constexpr size_t NAME = sizeof CurlObject::SESSION_COOKIE - 1;
   // One without a value is no session.
-  const bool isSession = headerLine.size() > NAME + 1 && headerLine.substr(0, NAME) == SESSION &&
+  const bool isSession = headerLine.size() > NAME + 1 && headerLine.substr(0, NAME) == CurlObject::SESSION_COOKIE &&
                          headerLine[NAME] == '=' && std::isalnum(static_cast<unsigned char>(headerLine[NAME + 1])) != 0;
   (isSession ? hasSession : hasOtherCookies) = true;
 }
@@ -87,7 +86,7 @@ void CurlObject::forgetSession() {
     const CurlList list = cookieList(handle);
     for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
       CookieLine line;
-      if (!line.parse(node->data) || line.name() != SESSION) continue;
+      if (!line.parse(node->data) || line.name() != CurlObject::SESSION_COOKIE) continue;
       std::string expired = line.expired();
       const WipeAtEnd wipeLine(expired);
       setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());

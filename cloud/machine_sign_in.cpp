@@ -81,7 +81,7 @@ void useSession(CurlObject& connection, const std::string& session) {
   std::string cookie;
   const WipeAtEnd wipeCookie(cookie);
   // At once, so that no shorter copy stays behind.
-  cookie.reserve(sizeof SESSION_COOKIE + session.size() + 1);
-  cookie.append(SESSION_COOKIE).append("=").append(session).append(";");
+  cookie.reserve(sizeof CurlObject::SESSION_COOKIE + session.size() + 1);
+  cookie.append(CurlObject::SESSION_COOKIE).append("=").append(session).append(";");
   connection.setCookie(cookie);
 }

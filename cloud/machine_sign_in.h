@@ -10,8 +10,6 @@
 
 class CurlObject;
 
-// The platform's cookie that holds a session.
-inline constexpr char SESSION_COOKIE[] = ".ASPXAUTH";
 // Where a connector gives one-time codes, below its IWA URL.
 inline constexpr char SITE_CHECK_PATH[] = "iwa/SiteCheck";
 // The member of its answer that says how it went, and what it says when all is well.

@@ -4,6 +4,7 @@
 
 #include "basalt/clock.h"
 #include "base/include/wipe.h"
+#include "cloud/http_status.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
 #include "cloud/json_body.h"
@@ -14,8 +15,6 @@
 namespace lumo {
 
 namespace {
-
-constexpr long HTTP_UNAUTHORIZED = 401;
 
 // Whole lists change hands under opxLock, and nothing is copied or destroyed there: agents wait for it.
 using Events = std::list<OPXProcessor::Event>;

@@ -6,6 +6,7 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "base/include/wipe.h"
+#include "cloud/http_status.h"
 #include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
@@ -16,7 +17,6 @@ namespace lumo {
 
 namespace {
 
-constexpr long HTTP_OK = 200;
 constexpr char CLASS_NAME[] = "lumo::OPXException";
 
 // Outlives the statics of other files, as the queue's thread may at the end of the process.

@@ -5,6 +5,7 @@
 #include "base/include/properties.h"
 #include "base/include/wipe.h"
 #include "cloud/cloud_object_certs.h"
+#include "cloud/http_status.h"
 #include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloud_exceptions.h"
 #include "cloud/include/curl_object.h"
@@ -12,12 +13,6 @@
 #include "cloud/machine_sign_in.h"
 
 namespace lumo {
-
-namespace {
-
-constexpr long HTTP_OK = 200;
-
-}  // namespace
 
 void OPXProcessor::initProc(const std::string& url) {
   dropEvents();
@@ -91,7 +86,7 @@ void OPXProcessor::cloudSSO() {
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return;
   wipe(machineCookie);
-  machineCookie = curl->cookie(SESSION_COOKIE);
+  machineCookie = curl->cookie(CurlObject::SESSION_COOKIE);
 }
 
 }  // namespace lumo

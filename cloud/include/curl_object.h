@@ -89,6 +89,8 @@ class CurlObject {
   // the object.
   void forgetExchange() noexcept;
 
+  // What the platform keeps its sessions in.
+  static constexpr char SESSION_COOKIE[] = ".ASPXAUTH";
   // Sends the cookie with the following requests, in place of a session cookie that an earlier reply left.
   void setCookie(const std::string& cookie);
   // From here on neither that cookie goes along nor a session cookie that a reply left; other cookies stay.

@@ -80,7 +80,7 @@ struct CloudAuthChallenge {
 //   5. Delete the client, which gives the connection back.
 //
 // The connection stays occupied from getCurl on, and the pool may take it back after its limit
-// `ferrod.cloud.curl.occupied.timeout`: no login takes longer. Failures of the protocol are lumo::CloudException or a
+// `lumod.client.idle.timeout`: no login takes longer. Failures of the protocol are lumo::CloudException or a
 // status; failures of a transfer are lumo::CurlException. Logs by "cloud.object".
 class CloudAuth : public CloudBase {
  public:

@@ -124,8 +124,7 @@ Document readJson(std::string_view text, JsonLimits limits) {
   // The document's strings stay where they stand in its own copy of the text.
   auto* const copy = static_cast<char*>(document.GetAllocator().Malloc(text.size() + 1));
   if (copy == nullptr) throw std::bad_alloc();
-  std::memcpy(copy, text.data(), text.size());
-  copy[text.size()] = '\0';
+  copy[text.copy(copy, text.size())] = '\0';
   const auto parse = [&](Document& target) {
     rapidjson::GenericInsituStringStream<RunsOfUtf8> input(copy);
     rapidjson::GenericReader<RunsOfUtf8, RunsOfUtf8> reader;

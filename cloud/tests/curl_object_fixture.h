@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,13 +21,13 @@ class EmptyDirectory : public DirectoryConnector {
   EmptyDirectory(const EmptyDirectory&) = delete;
   EmptyDirectory& operator=(const EmptyDirectory&) = delete;
 
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    opened.push_back(target);
+  std::unique_ptr<DirectoryConnection> open(const Target&) override {
+    ++opened;
     return std::make_unique<Connection>();
   }
   std::string site(const std::string&) override { return {}; }
 
-  std::vector<Target> opened;
+  std::atomic<int> opened{0};  // connections, by any thread
 
  private:
   class Connection : public DirectoryConnection {

@@ -1,5 +1,6 @@
 #include "lab/agent/agent_rpc.h"
 
+#include <malloc.h>
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -176,6 +177,12 @@ std::string reports() {
   return buffer.GetString();
 }
 
+// What the process has from malloc, whatever the allocator keeps beside it.
+std::string memory() {
+  const struct mallinfo2 now = mallinfo2();
+  return "{\"allocated\":" + std::to_string(now.uordblks + now.hblkhd) + "}";
+}
+
 }  // namespace
 
 ADObjectPtr AgentRpc::getUserObj(const lumo::RpcCaller&, const std::string& name, lumo::UserLookup) {
@@ -202,6 +209,7 @@ std::string AgentRpc::call(const lumo::RpcCaller& caller, const std::string& met
   if (method == "answer") return answer(m_logins, Params(method, text));
   if (method == "endLogin") return m_logins.end(Params(method, text).number("login")), DONE;
   if (method == "reports") return reports();
+  if (method == "memory") return memory();
   if (method == "settle") return settle();
   if (method == "reload") return m_reload(), DONE;
   return LocalRpcHandler::call(caller, method, text);

@@ -17,6 +17,7 @@ class Sample:
     descriptors: int
     threads: int
     counts: dict = field(default_factory=dict)
+    allocated: int = 0  # KiB that it has from malloc; at rest alone
 
 
 class Sampler(threading.Thread):

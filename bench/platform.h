@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "lab/platform/platform_simulator.h"
+#include "testsupport/temp_folder.h"
 
 inline void require(bool good, const char* what) {
   if (!good) throw std::runtime_error(what);
@@ -42,10 +43,7 @@ class Platform {
  public:
   Platform() {
     signal(SIGPIPE, SIG_IGN);
-    char folder[] = "/tmp/bench-platform.XXXXXX";
-    require(mkdtemp(folder) != nullptr, "mkdtemp");
-    m_folder = folder;
-    m_certificate = testsupport::makeCertificate(m_folder, "platform", {});
+    m_certificate = testsupport::makeCertificate(m_folder.path(), "platform", {});
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
     m_child = fork();
@@ -55,11 +53,7 @@ class Platform {
     m_line = ends[0];
     std::istringstream(answer()) >> m_url >> m_connector;
   }
-  ~Platform() {
-    end();
-    for (const auto& file : {m_certificate.certificateFile, m_certificate.keyFile}) unlink(file.c_str());
-    rmdir(m_folder.c_str());
-  }
+  ~Platform() { end(); }
   Platform(const Platform&) = delete;
   Platform& operator=(const Platform&) = delete;
 
@@ -114,7 +108,7 @@ class Platform {
     }
   }
 
-  std::string m_folder;
+  testsupport::TempFolder m_folder;
   testsupport::Certificate m_certificate;
   pid_t m_child = -1;
   int m_line = -1;

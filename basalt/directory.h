@@ -71,17 +71,17 @@ class DirectoryConnector {
   static void setInstance(DirectoryConnector* connector);
 };
 
-// A directory binding as the rest of the system sees it.
+// A directory binding as the rest of the system sees it; its class tells which threads may use it and what it throws.
 class ADBind {
  public:
   virtual ~ADBind() = default;
   virtual std::vector<ADObjectPtr> search(const DirectorySearch& what) = 0;
-  // The object at dn, null when there is none.
+  // The object at dn, null when there is none; all attributes for an empty list.
   virtual ADObjectPtr fetch(const std::string& dn, const std::vector<std::string>& attributes) = 0;
   virtual const std::string& domain() const = 0;
 };
 
-// A binding of this process to a domain or, with `globalCatalog`, to the forest's catalogue.
+// A binding of this process to a domain or, with `globalCatalog`, to the forest's catalogue. The pointer is null.
 class ADBinding : public ADBind {
  public:
   ADBinding(const std::string& domain, const std::string& ccacheName, bool globalCatalog, const std::string& server,

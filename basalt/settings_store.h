@@ -15,13 +15,16 @@ namespace lumo {
 // or read, and SystemException for one that cannot be read. Any thread.
 std::string loadSetting(const std::string& name, bool required, bool refresh);
 
-// Replaces the value; the folder is made when needed. Throws SystemException, the old value then stays.
 // Every setting is for root alone.
 enum class SettingAccess : int { Root = 1 };
+
+// Replaces the value; the folder is made when needed. Throws SystemException, the old value then stays. The last three
+// arguments are accepted for the callers' sake: every value is written at once, to the disk, with mode 0600. Any
+// thread.
 void saveSetting(const std::string& name, const std::string& value, SettingAccess access = SettingAccess::Root,
                  bool sync = true, bool create = true);
 
-// The same as loadSetting(name, false, refresh), with a default for a setting that is not there or empty.
+// The same as loadSetting(name, false, refresh), with a default for a setting that is not there or empty. Any thread.
 std::string GetSetting(const std::string& name, const std::string& defaultValue, bool refresh = true);
 
 }  // namespace lumo

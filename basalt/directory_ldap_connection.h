@@ -58,8 +58,9 @@ class LdapConnection : public DirectoryConnection {
   void requireSealed();
   template <class T>
   void setOption(int option, T value);
-  std::string defaultBase();
-  std::vector<ADObjectPtr> searchAll(const DirectorySearch& what, bool paged);
+  ADObjectPtr readRoot(SteadyTime end);
+  std::string defaultBase(SteadyTime end);
+  std::vector<ADObjectPtr> searchAll(const DirectorySearch& what, bool paged, SteadyTime end);
   std::vector<ADObjectPtr> searchOnce(const DirectorySearch& what, SteadyTime end);
   int send(const DirectorySearch& what, const std::string* cookie, SteadyTime end);
   Page receive(int id, const DirectorySearch& what, SteadyTime end);

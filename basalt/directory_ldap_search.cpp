@@ -38,16 +38,17 @@ LdapControl pageControl(LDAP* ld, const std::string& cookie) {
   return LdapControl(control);
 }
 
-// The cookie of the next page, empty behind the last one.
-std::string nextCookie(LDAP* ld, LDAPControl** controls) {
+// The cookie of the next page, empty behind the last one. Returns the library's result code: what cannot be decoded
+// must not be taken for the last page, or part of the objects would look like all of them.
+int readCookie(LDAP* ld, LDAPControl** controls, std::string& bytes) {
   LDAPControl* page = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls, nullptr);
-  if (page == nullptr) return {};
+  if (page == nullptr) return LDAP_SUCCESS;
   berval cookie{};
   ber_int_t estimate = 0;
-  if (ldap_parse_pageresponse_control(ld, page, &estimate, &cookie) != LDAP_SUCCESS) return {};
-  std::string bytes = cookie.bv_val != nullptr ? std::string(cookie.bv_val, cookie.bv_len) : std::string();
+  const int rc = ldap_parse_pageresponse_control(ld, page, &estimate, &cookie);
+  if (rc == LDAP_SUCCESS && cookie.bv_val != nullptr) bytes.assign(cookie.bv_val, cookie.bv_len);
   ber_memfree(cookie.bv_val);
-  return bytes;
+  return rc;
 }
 
 // Where the values in an attribute named "NAME;range=0-1499" go on; nothing behind the last ("NAME;range=1500-*").
@@ -84,9 +85,11 @@ struct LdapConnection::Page {
 };
 
 std::vector<ADObjectPtr> LdapConnection::search(const DirectorySearch& what) {
+  // The question for the base belongs to the search.
+  const SteadyTime end = std::chrono::steady_clock::now() + m_limits.search;
   DirectorySearch whole = what;
-  if (whole.base.empty()) whole.base = defaultBase();
-  return searchAll(whole, what.paged && what.scope != SearchScope::Base);
+  if (whole.base.empty()) whole.base = defaultBase(end);
+  return searchAll(whole, what.paged && what.scope != SearchScope::Base, end);
 }
 
 void LdapConnection::announce(const DirectorySearch& what) {
@@ -115,22 +118,23 @@ std::optional<int> LdapConnection::takeAnnounced(const DirectorySearch& what) {
   return std::nullopt;
 }
 
-ADObjectPtr LdapConnection::rootDse() {
-  const auto found = searchAll({"", SearchScope::Base, "(objectClass=*)", {}}, false);
+ADObjectPtr LdapConnection::rootDse() { return readRoot(std::chrono::steady_clock::now() + m_limits.search); }
+
+ADObjectPtr LdapConnection::readRoot(SteadyTime end) {
+  const auto found = searchAll({"", SearchScope::Base, "(objectClass=*)", {}}, false, end);
   if (found.empty()) LUMO_THROW(LDAPException, LDAP_NO_SUCH_OBJECT, "The server does not show its root object");
   return found.front();
 }
 
 // A catalogue takes the empty base for the forest; a domain's server would show its own root object alone.
-std::string LdapConnection::defaultBase() {
+std::string LdapConnection::defaultBase(SteadyTime end) {
   if (m_globalCatalog) return {};
-  if (m_defaultBase.empty()) m_defaultBase = (*rootDse())["defaultNamingContext"].toString();
+  if (m_defaultBase.empty()) m_defaultBase = (*readRoot(end))["defaultNamingContext"].toString();
   return m_defaultBase;
 }
 
-std::vector<ADObjectPtr> LdapConnection::searchAll(const DirectorySearch& what, bool paged) {
+std::vector<ADObjectPtr> LdapConnection::searchAll(const DirectorySearch& what, bool paged, SteadyTime end) {
   const NoBrokenPipe guard;
-  const SteadyTime end = std::chrono::steady_clock::now() + m_limits.search;
   std::vector<ADObjectPtr> objects;
   requireUsable(doingOf(what));
   if (!paged) {
@@ -202,7 +206,8 @@ LdapConnection::Page LdapConnection::receive(int id, const DirectorySearch& what
   if (rc != LDAP_SUCCESS) fail(rc, doing);
   if (code == LDAP_NO_SUCH_OBJECT) return {};
   if (code != LDAP_SUCCESS) fail(code, doing);
-  if (found != nullptr) page.cookie = nextCookie(m_ld.get(), found);
+  const int cookie = found != nullptr ? readCookie(m_ld.get(), found, page.cookie) : LDAP_SUCCESS;
+  if (cookie != LDAP_SUCCESS) fail(cookie, doing);
   return page;
 }
 

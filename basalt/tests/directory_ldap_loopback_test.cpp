@@ -5,6 +5,7 @@
 #include <chrono>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include "basalt/ad_cache_binding.h"
 #include "basalt/directory_ldap.h"
@@ -136,6 +137,36 @@ TEST(LdapConnection, EndsWhenAllPagesTogetherTakeTooLong) {
   EXPECT_EQ(lost.rc, -5);
   EXPECT_EQ(lost.text, "Cannot search 'DC=b': no answer in time");
   EXPECT_LT(lost.took, SOON);
+}
+
+// A controller is first asked for its domain's name: the time of a search is that of both answers.
+TEST(LdapConnection, EndsWhenTheBaseAndTheAnswerTogetherTakeTooLong) {
+  bool first = true;
+  ScriptedServer server([&](const std::string& message) {
+    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
+    std::this_thread::sleep_for(milliseconds(60));
+    const std::string entry = std::exchange(first, false) ? ldapEntry("", "defaultNamingContext", "DC=corp,DC=test")
+                                                          : ldapEntry("CN=a,DC=corp,DC=test", "cn", "a");
+    return ldapMessage(idOf(message), entry) + ldapMessage(idOf(message), ldapDone(0));
+  });
+  LdapConnection connection(server.server(), false, {milliseconds(300), milliseconds(300), milliseconds(100)});
+  const Outcome lost = outcome([&] { connection.search({"", SearchScope::Subtree, "(cn=a)", {}}); });
+  EXPECT_EQ(lost.rc, -5);
+  EXPECT_THAT(lost.text, HasSubstr("no answer in time"));
+}
+
+TEST(LdapConnection, DoesNotTakeAPageForTheLastWhereItCannotReadWhatTheServerSaysOfIt) {
+  ScriptedServer server([](const std::string& message) {
+    if (isUnbind(message)) return std::string(ScriptedServer::CLOSE);
+    const std::string control = berItem(0x30, berItem(0x04, "1.2.840.113556.1.4.319") + berItem(0x04, "nonsense"));
+    const std::string id = berItem(0x02, std::string(1, static_cast<char>(idOf(message))));
+    return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "cn", "a")) +
+           berItem(0x30, id + ldapDone(0) + berItem(0xa0, control));
+  });
+  LdapConnection connection(server.server(), true, SHORT);
+  const Outcome damaged = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
+  EXPECT_EQ(damaged.rc, -4);
+  EXPECT_EQ(damaged.text, "Cannot search 'DC=b': Decoding error");
 }
 
 TEST(LdapConnection, AsksForPages) {

@@ -32,6 +32,21 @@ void enqueueRefresh(Queue& queue, long due, const char* failureText) {
   }
 }
 
+void queueNextRefresh() {
+  const auto queue = lumo::TimeQueue::getTimeQueue(lumo::MAIN_RUN_QUEUE, false, 0);
+  if (!queue) return;
+  const long configured =
+      lumo::Props(false, false).getTime(lumo::PN::CLOUD_CONNECTOR_REFRESH_INTERVAL, 'h', DEFAULT_REFRESH_HOURS);
+  // Beyond the end of time lies the past: searches would follow each other without a pause.
+  const long interval = std::min(configured, static_cast<long>(INT_MAX));
+  if (interval == 0) {
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 3,
+             "Background task of refreshing Morvane Connectors has been suspended due to the interval being set to 0.");
+    return;
+  }
+  enqueueRefresh(*queue, secondsNow() + interval, "UpdateCloudConnectors failed: %s");
+}
+
 }  // namespace
 
 void lumo::CloudConnectorsRefresh::run() { UpdateCloudConnectors(); }
@@ -64,17 +79,12 @@ bool RefreshCloudConnectorsInfo() {
 }
 
 void UpdateCloudConnectors() {
-  RefreshCloudConnectorsInfo();
-  const auto queue = lumo::TimeQueue::getTimeQueue(lumo::MAIN_RUN_QUEUE, false, 0);
-  if (!queue) return;
-  const long configured =
-      lumo::Props(false, false).getTime(lumo::PN::CLOUD_CONNECTOR_REFRESH_INTERVAL, 'h', DEFAULT_REFRESH_HOURS);
-  // Beyond the end of time lies the past: searches would follow each other without a pause.
-  const long interval = std::min(configured, static_cast<long>(INT_MAX));
-  if (interval == 0) {
-    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 3,
-             "Background task of refreshing Morvane Connectors has been suspended due to the interval being set to 0.");
-    return;
+  try {
+    RefreshCloudConnectorsInfo();
+  } catch (...) {
+    // One search that ran out of memory must not be the last.
+    queueNextRefresh();
+    throw;
   }
-  enqueueRefresh(*queue, secondsNow() + interval, "UpdateCloudConnectors failed: %s");
+  queueNextRefresh();
 }

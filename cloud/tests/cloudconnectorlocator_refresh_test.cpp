@@ -3,8 +3,11 @@
 
 #include <climits>
 #include <ctime>
+#include <functional>
 #include <limits>
+#include <new>
 #include <stdexcept>
+#include <utility>
 
 #include "cloud/tests/cloudconnectorlocator_waiting.h"
 
@@ -130,6 +133,47 @@ TEST_F(ConnectorRefresh, AForeignExceptionPasses) {
     throw std::runtime_error("of another tree");
   };
   EXPECT_THROW(RefreshCloudConnectorsInfo(), std::runtime_error);
+}
+
+TEST_F(ConnectorRefresh, TheNextOneIsQueuedAlsoWhereAForeignExceptionPasses) {
+  watched.onSearch = [](const DirectoryConnector::Target&, const DirectorySearch&) { throw std::bad_alloc(); };
+  EXPECT_THROW(UpdateCloudConnectors(), std::bad_alloc);
+  EXPECT_TRUE(refreshWaits(EIGHT_HOURS));
+}
+
+// Waits in the refresh's place, and fails where another one comes.
+class Obstacle : public lumo::QueueAble {
+ public:
+  explicit Obstacle(std::function<void()> failure) : m_failure(std::move(failure)) {}
+  void run() override {}
+  bool dedupMe() const override { return true; }
+  std::string getID() const override { return CloudConnectorsRefresh::ID; }
+  long getTimeout() const override { return std::numeric_limits<long>::max(); }
+  bool keepQueuedItem(long) const override {
+    m_failure();
+    return true;
+  }
+
+ private:
+  std::function<void()> m_failure;
+};
+
+TEST_F(ConnectorRefresh, ThatCannotBeQueuedIsToldAndFailsNobody) {
+  queue->enqueue(boost::make_shared<Obstacle>([] { throw std::runtime_error("no room"); }));
+  SetRefresh(900);
+  UpdateCloudConnectors();
+  EXPECT_THAT(logged(),
+              ElementsAre(refreshIn(900), "ERROR SetRefresh failed: no room", refreshing("", "enabled"), NONE_FOUND,
+                          "DEBUG Refresh cloud connectors info done", "ERROR UpdateCloudConnectors failed: no room"));
+}
+
+TEST_F(ConnectorRefresh, ThatMeetsTheEndOfItsQueueIsGivenUpWithoutAWord) {
+  queue->enqueue(
+      boost::make_shared<Obstacle>([] { LUMO_THROW(lumo::EndOfFileException, -1, "The queue is shutting down."); }));
+  SetRefresh(900);
+  UpdateCloudConnectors();
+  EXPECT_THAT(logged(), ElementsAre(refreshIn(900), refreshing("", "enabled"), NONE_FOUND,
+                                    "DEBUG Refresh cloud connectors info done"));
 }
 
 TEST_F(ConnectorRefresh, TheNextOneComesAfterTheInterval) {

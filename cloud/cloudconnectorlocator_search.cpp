@@ -178,7 +178,11 @@ void CloudConnectorLocator::sortConnector(const LocatorLock& held, const ADObjec
 
 void CloudConnectorLocator::tryOverrideFirst(const LocatorLock&) {
   const std::string parameter = lumo::Props(false, false).getProperty(lumo::PN::CLOUD_CONNECTOR_OVERRIDE);
-  if (parameter.empty()) return;
+  if (parameter.empty()) {
+    // The host of a parameter that was taken away would be kept off the lists for ever.
+    m_overrideHost.clear();
+    return;
+  }
   std::vector<std::string> parts;
   StringSplit(':', parameter, parts);
   if (parts.size() == 2) m_connectorPort = parts[1];

@@ -312,6 +312,18 @@ TEST_F(FoundConnectors, AnOverrideOfAKnownConnectorStandsOnce) {
   EXPECT_THAT(locator.currentSiteTryList, ElementsAre("near2.forest.test", "near1.forest.test"));
 }
 
+TEST_F(FoundConnectors, AnOverrideThatWasTakenAwayIsAConnectorLikeOthers) {
+  {
+    const Setting parameter(lumo::PN::CLOUD_CONNECTOR_OVERRIDE, "near.forest.test");
+    process({{"near", bothServices(POD1)}});
+    EXPECT_EQ(locator.overrideHost, "near.forest.test");
+  }
+  process({{"near", bothServices(POD1)}});
+  EXPECT_EQ(locator.overrideHost, "");
+  EXPECT_THAT(locator.currentSiteTryList, ElementsAre("near.forest.test"));
+  EXPECT_EQ(locator.locator.getCloudConnector(), "near.forest.test:8080");
+}
+
 TEST_F(FoundConnectors, AnOverrideWithoutUsableConnectorsWaitsUnused) {
   const Setting parameter(lumo::PN::CLOUD_CONNECTOR_OVERRIDE, "override.test:3128");
   process({{"bad", useless()}});

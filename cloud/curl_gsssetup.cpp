@@ -261,7 +261,8 @@ void CurlProxyNegotiateHelper::setSpnLooker() {
 }
 
 std::string CurlProxyNegotiateHelper::canonicalizeSpn(const std::string& spn) {
-  if (spnBinding == nullptr || spnGcBinding == nullptr || spnLookup == nullptr) setSpnLooker();
+  // The agent's bindings are asked for anew: they go with the agent, and this object may be kept for longer.
+  if (!ownsSpnBindings || spnBinding == nullptr || spnGcBinding == nullptr || spnLookup == nullptr) setSpnLooker();
   const lumo::CanonicalSpn name(spn);
   std::string canonical;
   if (!name.valid() || spnBinding == nullptr || spnGcBinding == nullptr) return canonical;

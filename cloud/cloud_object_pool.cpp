@@ -43,8 +43,11 @@ std::int32_t connectionLimit() {
 }
 
 std::int32_t occupationLimit() {
-  const auto value = static_cast<std::int32_t>(
-      lumo::Props(false, false).getTime(lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT, 's', DEFAULT_TIMEOUT));
+  const lumo::Properties& settings = lumo::Props(false, false);
+  auto value = static_cast<std::int32_t>(settings.getTime(lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT, 's', DEFAULT_TIMEOUT));
+  // getTime takes the default for a number below 0 without a word.
+  const std::string text = settings.getProperty(lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT);
+  if (text.rfind('-', 0) == 0 && wholeNumber(text) < 0) value = wholeNumber(text);
   if (value >= 0) return value;
   LUMO_LOG(logger(), 4, "Illegal value for %s: %d. Using %d", lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT, value,
            DEFAULT_TIMEOUT);

@@ -75,6 +75,10 @@ TEST_F(CurlPoolTest, LimitOfTimeComesFromTheSettings) {
                       {"2m", 120, nullptr},
                       {"0", 0, nullptr},
                       {"soon", 900, nullptr},
+                      {"-", 900, nullptr},
+                      {"-0", 900, nullptr},
+                      {"-5", 900, "-5"},
+                      {"-5m", 900, "-5"},
                       {"4294967295", 900, "-1"},
                       {"2147483648", 900, "-2147483648"}};
   access.maxConnections = 1;

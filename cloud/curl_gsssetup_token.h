@@ -26,8 +26,8 @@ class NegotiateExchange {
   NegotiateExchange(const NegotiateExchange&) = delete;
   NegotiateExchange& operator=(const NegotiateExchange&) = delete;
 
-  // The first token in base64. Empty on failure, which is logged at level 1 with the library's words. Asks the KDC for
-  // the service ticket when the credential's cache has none: it waits as long as the Kerberos library does.
+  // The first token in base64. Empty on failure, which is logged with the library's words. Asks the KDC for the service
+  // ticket when the credential's cache has none: it waits as long as the Kerberos library does.
   std::string start();
   // Takes the peer's token in base64. True when it fits; the answer to be sent is then in `answer`, empty when there is
   // none to send.

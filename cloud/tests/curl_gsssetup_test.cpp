@@ -13,6 +13,7 @@
 #include "testsupport/memory_directory.h"
 #include "testsupport/no_further_thread.h"
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -24,6 +25,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+constexpr char LOGGER[] = "cloud.proxy.gss";
 const std::string OK_200 = "HTTP/1.1 200 OK\r\n";
 const std::string ASKED = "HTTP/1.1 407 Proxy Authentication Required\r\n";
 const std::string NEGOTIATE = "Proxy-Authenticate: Negotiate\r\n";
@@ -195,6 +197,38 @@ TEST_F(NegotiateHelperTest, CacheGoesWithTheHelper) {
     EXPECT_TRUE(cacheExists(name));
   }
   EXPECT_FALSE(cacheExists(name));
+}
+
+TEST_F(NegotiateHelperTest, LifeOfACredentialIsInTheLog) {
+  helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("secret"));
+  EXPECT_THAT(log.newTexts(LOGGER), IsEmpty()) << "there was none to be released";
+  EXPECT_TRUE(helper.handleKrb5CCache({ASKED, "  " + NEGOTIATE}));
+  const std::string name = helper.cacheName();
+  EXPECT_THAT(log.newTexts(LOGGER),
+              ElementsAre("DEBUG HEADER size = 2", "DEBUG HEADER HTTP/1.1 407 Proxy Authentication Required",
+                          "DEBUG HEADER Proxy-Authenticate: Negotiate",
+                          "DEBUG 'negotiate' proxy authentication failed, Refresh krb5 credential cache file.",
+                          "DEBUG Created User CCache '" + name + "'"));
+  helper.initGSSCredential();
+  helper.clearGSSCredential(true);
+  EXPECT_THAT(log.newTexts(LOGGER),
+              ElementsAre("DEBUG KRB5 CCache exists as '" + name + "'.",
+                          "DEBUG initGSSCredential with KRB5 CCache '" + name + "'.",
+                          "DEBUG Release GSS credential handler.", "DEBUG Clear Krb5CCache '" + name + "'."));
+  source.result = KRB5_KDC_UNREACH;
+  helper.initGSSCredential();
+  EXPECT_THAT(
+      log.newTexts(LOGGER),
+      ElementsAre("ERROR Failed to get kerberos credential to access Http Proxy Server for "
+                  "user=alice@CORP.FERRO.TEST, rc=-1765328228. Use of Http Proxy Server might fail!",
+                  "DEBUG The KDC's answer for user=alice@CORP.FERRO.TEST: refused", "DEBUG Created User CCache ''",
+                  "DEBUG initGSSCredential with KRB5 CCache ''.", "DEBUG Failed to get gss credential."));
+  helper.setCredentials("", lumo::Shredder2());
+  EXPECT_FALSE(helper.handleKrb5CCache({ASKED, NEGOTIATE}));
+  helper.setAllowableEtypes("HTTP/p@REALM");
+  EXPECT_THAT(log.newTexts(LOGGER),
+              ElementsAre("DEBUG Username not available/set. Username must be provided to create krb5 ccache!",
+                          "TRACE CurlProxyNegotiateHelper::setAllowableEtypes for realm 'REALM'"));
 }
 
 TEST_F(NegotiateHelperTest, MachineHasItsOwnCacheNamedOnlyAndNoPasswordIsRead) {

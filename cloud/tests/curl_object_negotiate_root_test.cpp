@@ -136,6 +136,16 @@ TEST_F(NegotiateRoot, ServerThatIsNotInTheDatabaseGetsNoToken) {
   EXPECT_THAT(log.text(), HasSubstr("Negotiate exchange failed: "));
 }
 
+TEST_F(NegotiateRoot, ProxyThatTheDirectoryDoesNotKnowIsAskedForByItsHost) {
+  directory.remove("CN=PROXY,DC=corp,DC=example,DC=test");
+  HttpServer proxy(negotiateProxy());
+  CurlObject object;
+  object.setProxy(proxy.address(), "negotiate", "alice@CORP.EXAMPLE.TEST", lumo::Shredder2("alice-pw"));
+  EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
+  EXPECT_THAT(clients, ElementsAre("alice@CORP.EXAMPLE.TEST"));
+  EXPECT_THAT(log.text(), HasSubstr("setAllowableEtypes for realm ''"));
+}
+
 TEST_F(NegotiateRoot, StoppedKdcEndsInARefusalAtTheProxy) {
   HttpServer proxy(negotiateProxy());
   // The look-up of the service name has the machine's ticket already: what is missing is the user's.

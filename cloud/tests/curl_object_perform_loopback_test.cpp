@@ -1,4 +1,5 @@
 #include <malloc.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -190,6 +191,24 @@ TEST_F(CurlObjectTest, SilentServerEndsTheTransferAtTheTimeout) {
   object.setOpt(CURLOPT_TIMEOUT_MS, 200);
   EXPECT_EQ(curlFailure([&] { object.perform(urlOf(server), "", 0); }),
             "CurlException -1 curl error occurred in curl_easy_perform: Timeout was reached (28)");
+}
+
+// libcurl would ignore SIGPIPE for the time of a transfer, and all threads of the process with it.
+TEST_F(CurlObjectTest, TransferLeavesTheSignalsOfTheProcessAlone) {
+  struct sigaction own {};
+  own.sa_handler = [](int) {};
+  std::atomic<bool> untouched{false};
+  HttpServer server([&](const HttpRequest&) {
+    struct sigaction meanwhile {};
+    untouched = sigaction(SIGPIPE, nullptr, &meanwhile) == 0 && meanwhile.sa_handler == own.sa_handler;
+    return httpReply("200 OK");
+  });
+  struct sigaction before {};
+  ASSERT_EQ(sigaction(SIGPIPE, &own, &before), 0);
+  CurlObject object;
+  object.perform(urlOf(server), "", 0);
+  sigaction(SIGPIPE, &before, nullptr);
+  EXPECT_TRUE(untouched);
 }
 
 TEST_F(CurlObjectTest, ProxiesOfTheEnvironmentAreIgnored) {

@@ -234,6 +234,18 @@ TEST_F(CurlProxyTest, SchemesWithoutStoredCredentialsNeverRepeat) {
   }
 }
 
+TEST_F(CurlProxyTest, UserOfAFormerProxyIsForgotten) {
+  for (const char* type : {"basic", "digest", "ntlm"}) {
+    HttpServer proxy(proxyFor("Negotiate", {"Negotiate"}));
+    CurlObject object;
+    object.setProxy(proxy.address(), "anyauth", "alice@EXAMPLE.TEST", lumo::Shredder2("secret"));
+    object.setProxy(proxy.address(), type, "bob@EXAMPLE.TEST", lumo::Shredder2("other"));
+    EXPECT_EQ(curlFailure([&] { object.perform(TARGET, "", 0); }), TUNNEL_FAILED) << type;
+    EXPECT_TRUE(source.requests.empty()) << "no ticket for anybody";
+    EXPECT_EQ(object.recordedOptions().count(CURLOPT_PROXY_GSS_CRED), 0u);
+  }
+}
+
 TEST_F(CurlProxyTest, AnyAuthAtANegotiateProxyIsRepeatedOnceWithATicket) {
   HttpServer proxy(proxyFor("Negotiate", {"Negotiate", "Basic realm=\"x\""}));
   CurlObject object;

@@ -136,6 +136,9 @@ void Properties::saveProperty(const std::string& path) {
   if (changes.empty()) return;
   const Found found = readConfiguration(path);
   const std::string text = mergeProperties(found.text, changes);
+  if (text.size() > largestFile) {
+    LUMO_THROW(SystemException, EFBIG, "Cannot write %s: it would be larger than %zu bytes", path.c_str(), largestFile);
+  }
   replaceFile(path, text.data(), text.size(), found.ownerMode);
 
   lock.doLock();

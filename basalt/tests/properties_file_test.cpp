@@ -171,6 +171,22 @@ TEST_F(PropertiesFile, ValueThatIsNoLineIsRefusedAndTheFileStays) {
   EXPECT_TRUE(settings.dirty());
 }
 
+TEST_F(PropertiesFile, WhatCouldNotBeReadBackIsNotWritten) {
+  const std::string full = "#" + std::string((1U << 20U) - 7, 'x') + "\na: 1\n";
+  ASSERT_EQ(full.size(), 1U << 20U);
+  writeFile(file, full);
+  Properties settings;
+  settings.loadFile(file);
+  settings.setProperty("a", "22");
+  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }),
+            "Cannot write " + file + ": it would be larger than 1048576 bytes");
+  EXPECT_EQ(readFile(file), full);
+  settings.setProperty("a", "2");
+  settings.saveProperty(file);
+  settings.loadFile(file);
+  EXPECT_EQ(settings.getProperty("a"), "2");
+}
+
 TEST_F(PropertiesFile, NoFolderIsAnError) {
   Properties settings;
   settings.setProperty("a", "1");

@@ -192,6 +192,8 @@ int guardedMain(int argc, char** argv) {
   forgetKerberosEnvironment();
   // A reader of ours or a peer that goes away is a failed write, not the end: libcurl leaves the signal to its caller.
   std::signal(SIGPIPE, SIG_IGN);
+  // So is a file that the limit of the caller's shell lets grow no further.
+  std::signal(SIGXFSZ, SIG_IGN);
   try {
     return main2(argc, argv);
   } catch (const std::exception& failure) {

@@ -202,7 +202,11 @@ TEST_F(Options, WeakTypesAreRefusedInFipsMode) {
 TEST_F(Options, AgentThatThinksOtherwiseOfFipsModeIsWarnedOf) {
   {
     const Agent agent(1);
+    configureLog();
     EXPECT_EQ(tool({"-S", "-t", "ntlm"}), (Outcome{0, "", std::string(FIPS_WARNING) + SET_DONE}));
+    EXPECT_EQ(records().front(),
+              "WARN Did you restart ferrod after change fips.mode.enable in morvand.conf?\\n"
+              "You may need to restart ferrod, or else ferrod would not be able to connect to proxy server.");
     EXPECT_EQ(tool({"-S", "-t", "basic"}), (Outcome{0, "", SET_DONE}));
   }
   {

@@ -60,6 +60,12 @@ TEST_F(Settings, EmptyArgumentsTakeSettingsAwayAndLeaveTheCredential) {
   EXPECT_EQ(testsupport::readFile(CREDENTIAL), credential);
 }
 
+TEST_F(Settings, TypeGivenEmptyGoesAlsoBesideTheMachinesName) {
+  configure("ferrod.cloud.proxy.auth.type: basic\n");
+  EXPECT_EQ(tool({"-S", "-t", "", "-u", "S-1-5-18"}), DONE);
+  EXPECT_EQ(configuration(), "");
+}
+
 TEST_F(Settings, PasswordAloneStoresTheDefaultUserBesideASetting) {
   EXPECT_EQ(tool({"-S", "-p", "x", "-s", "host:3128"}), DONE);
   EXPECT_EQ(tool({"-C", "-u"}), (Outcome{0, "", "Administrator"}));
@@ -148,6 +154,12 @@ TEST_F(Settings, ReadOnlyConfigurationIsAClearErrorAndTheCredentialIsWritten) {
   expectFailed({"-S", "-u", "bob", "-p", "x", "-s", "new:2"},
                "Cannot lock /etc/morvand/.morvand.conf.lock: Read-only file system");
   EXPECT_EQ(tool({"-C", "-u"}), (Outcome{0, "", "bob"}));
+}
+
+TEST_F(Settings, ValueThatIsNoLineIsAClearErrorAndSetsNothingElse) {
+  configure("ferrod.cloud.proxy.server: old:1\n");
+  expectFailed({"-S", "-s", "h:1\nferrod.cloud.skip.cert.verification: true"},
+               "The value of 'ferrod.cloud.proxy.server' has a line break or a zero byte in it");
 }
 
 TEST_F(Settings, FullFileSystemIsAClearErrorAndTheOldFileStaysWhole) {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -58,6 +60,27 @@ inline Outcome badOption(const std::string& said, const std::string& text = "Wro
 }
 
 inline void configure(const std::string& text) { testsupport::writeFile(CONFIGURATION, text); }
+// With records of every level in LOG, which begins anew.
+inline void configureLog(const std::string& text = {}) {
+  std::filesystem::remove(LOG);
+  configure("log: TRACE\nlogging.file: " + std::string(LOG) + "\n" + text);
+}
+// "LEVEL TEXT" of the tool's own records in LOG. Each must end with its place in the sources.
+inline std::vector<std::string> records() {
+  const std::string logger = " cli.ferrogate: ";
+  std::vector<std::string> found;
+  std::istringstream lines(testsupport::readFile(LOG));
+  for (std::string line; std::getline(lines, line);) {
+    const auto name = line.find(logger);
+    if (name == std::string::npos) continue;
+    const auto level = line.rfind(' ', name - 1) + 1;
+    const auto text = name + logger.size();
+    const auto place = line.rfind(" [");
+    EXPECT_NE(line.find("cli/cli_ferrogate", place), std::string::npos) << line;
+    found.push_back(line.substr(level, name - level) + " " + line.substr(text, place - text));
+  }
+  return found;
+}
 inline std::string configuration() { return testsupport::readFile(CONFIGURATION); }
 
 inline void join(int kvno = 3, const std::string& password = "machine-secret") {

@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 
 #include "cloud/cloud_object_certs.h"
+#include "testsupport/private_host.h"
 #include "testsupport/temp_folder.h"
 
 namespace {
@@ -18,9 +17,6 @@ const std::vector<std::string> BUNDLES = {
     "/etc/certs/ca-certificates.crt",
 };
 
-// /etc is the private host's own; below /usr nothing is written.
-bool inPrivateFolder(const std::string& path) { return path.compare(0, 5, "/etc/") == 0; }
-
 void put(const std::string& path, const std::string& content) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   testsupport::writeFile(path, content);
@@ -28,12 +24,12 @@ void put(const std::string& path, const std::string& content) {
 
 class CertBundle : public testing::Test {
  protected:
-  CertBundle() {
-    for (const std::string& path : BUNDLES) {
-      if (inPrivateFolder(path)) ::unlink(path.c_str());
-      if (testsupport::exists(path)) ADD_FAILURE() << path << " is there on this machine";
-    }
+  // /etc is the private host's own; so is for a while what lies below /usr.
+  void SetUp() override {
+    for (const char* folder : {"/usr/share", "/usr/local/share"}) testsupport::mountSmall(folder, 64);
+    for (const std::string& path : BUNDLES) std::filesystem::remove_all(path);
   }
+  void TearDown() override { testsupport::cleanPrivateHost(); }
 };
 
 }  // namespace
@@ -42,9 +38,16 @@ TEST_F(CertBundle, NoneOfTheSixGivesTheEmptyString) { EXPECT_EQ(findCertBundle()
 
 TEST_F(CertBundle, FirstOfTheTableIsTakenFirst) {
   for (auto path = BUNDLES.rbegin(); path != BUNDLES.rend(); ++path) {
-    if (!inPrivateFolder(*path)) continue;
     put(*path, "x");
     EXPECT_EQ(findCertBundle(), *path);
+  }
+}
+
+TEST_F(CertBundle, EachOfTheSixIsFoundAlone) {
+  for (const std::string& path : BUNDLES) {
+    put(path, "x");
+    EXPECT_EQ(findCertBundle(), path);
+    std::filesystem::remove(path);
   }
 }
 
@@ -64,4 +67,10 @@ TEST_F(CertBundle, DanglingLinkIsPassedOverAndALinkIsFollowed) {
   put("/etc/certs/real.crt", "x");
   std::filesystem::create_symlink("/etc/certs/real.crt", "/etc/ssl/cert.pem");
   EXPECT_EQ(findCertBundle(), "/etc/ssl/cert.pem");
+}
+
+TEST_F(CertBundle, WhatIsUnderAPathIsNotLookedAt) {
+  std::filesystem::create_directories(BUNDLES[2]);
+  put(BUNDLES[3], "x");
+  EXPECT_EQ(findCertBundle(), BUNDLES[2]);
 }

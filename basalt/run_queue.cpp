@@ -67,6 +67,8 @@ void RunQueue::shutdownAll() {
   for (const Core& core : cores) core->awaitEnd();
 }
 
+void RunQueue::throwIfEnding() { RunQueueCore::throwIfEnding(); }
+
 RunningQueues::RunningQueues(std::initializer_list<const char*> names) try {
   for (const char* name : names) RunQueue::getRunQueue(name, true, 1);
 } catch (...) {

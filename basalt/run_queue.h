@@ -89,6 +89,10 @@ class RunQueue {
   // The same for all queues of the process, which refuse together: an agent calls it at its end.
   static void shutdownAll();
 
+  // For an item that takes long, now and then: throws EndOfFileException "The queue '%s' is shutting down." on a thread
+  // of such a queue, which waits for the item. Elsewhere nothing happens.
+  static void throwIfEnding();
+
  private:
   boost::shared_ptr<RunQueueCore> m_core;
 };

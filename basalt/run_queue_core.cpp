@@ -19,8 +19,8 @@ constexpr std::time_t never = std::numeric_limits<std::time_t>::max();
 constexpr std::time_t atOnce = std::numeric_limits<std::time_t>::min();
 constexpr int mostMissedRuns = 100000;
 
-// Set on the threads of all queues.
-thread_local bool onQueueThread = false;
+// The queue whose thread this is.
+thread_local RunQueueCore* ofThisThread = nullptr;
 
 boost::shared_ptr<Logger> logger() { return getLogger("base.queue", false); }
 
@@ -110,7 +110,15 @@ RunQueueCore::~RunQueueCore() {
 
 void RunQueueCore::enqueue(const boost::shared_ptr<QueueAble>& item) {
   if (!item) LUMO_THROW(Base_Exception, -1, "There is no item to queue.");
-  if (!insert(item, atOnce)) LUMO_THROW(EndOfFileException, -1, "The queue '%s' is shutting down.", m_name.c_str());
+  if (!insert(item, atOnce)) throwRefusal();
+}
+
+void RunQueueCore::throwRefusal() const {
+  LUMO_THROW(EndOfFileException, -1, "The queue '%s' is shutting down.", m_name.c_str());
+}
+
+void RunQueueCore::throwIfEnding() {
+  if (ofThisThread != nullptr && ofThisThread->refuses()) ofThisThread->throwRefusal();
 }
 
 // Puts the item in its place; false when the queue refuses.
@@ -149,7 +157,7 @@ void RunQueueCore::refuse() {
 }
 
 void RunQueueCore::awaitEnd() {
-  if (onQueueThread) return;
+  if (ofThisThread != nullptr) return;
   std::vector<std::thread> threads;
   std::unique_lock<std::mutex> lock(m_mutex);
   threads.swap(m_threads);
@@ -170,7 +178,7 @@ bool RunQueueCore::ended() {
 }
 
 void RunQueueCore::work() {
-  onQueueThread = true;
+  ofThisThread = this;
   nameThread(m_name);
   std::unique_lock<std::mutex> lock(m_mutex);
   while (!m_refusing) {

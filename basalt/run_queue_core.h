@@ -36,6 +36,9 @@ class RunQueueCore {
   // After refuse: returns when the threads are gone; at once where a thread of any queue calls.
   void awaitEnd();
 
+  // See RunQueue::throwIfEnding.
+  static void throwIfEnding();
+
   bool refuses();
   // Whether it refuses and no item runs any more.
   bool ended();
@@ -50,6 +53,7 @@ class RunQueueCore {
   using Place = std::pair<std::time_t, std::uint64_t>;
   using WaitingItems = std::map<Place, Waiting>;
 
+  [[noreturn]] void throwRefusal() const;
   bool insert(const boost::shared_ptr<QueueAble>& item, std::time_t earliest);
   WaitingItems::iterator waitingDouble(const Waiting& other);
   void work();

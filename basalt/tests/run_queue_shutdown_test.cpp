@@ -74,6 +74,34 @@ TEST_F(RunQueueShutdownTest, LetsTheRunningItemEndAndDropsThoseThatWait) {
   for (const auto& item : dropped) EXPECT_TRUE(item.expired());
 }
 
+TEST_F(RunQueueShutdownTest, IsToldToAnItemThatAsksAndToNobodyElse) {
+  Gate running;
+  Gate go;
+  queue->enqueue(boost::make_shared<TestItem>("running", 0, [&] {
+    RunQueue::throwIfEnding();
+    running.open();
+    go.await();
+    try {
+      RunQueue::throwIfEnding();
+    } catch (const lumo::EndOfFileException& failure) {
+      notes.add(failure.what());
+    }
+  }));
+  ASSERT_TRUE(running.await());
+  std::thread shutting([this] { queue->shutdown(); });
+  while (RunQueue::getRunQueue("test", false, 0)) std::this_thread::yield();
+  EXPECT_NO_THROW(RunQueue::throwIfEnding());
+  const auto other = RunQueue::getRunQueue("zone", true, 1);
+  other->enqueue(boost::make_shared<TestItem>("other", 0, [&] {
+    RunQueue::throwIfEnding();
+    notes.add("goes on");
+  }));
+  EXPECT_THAT(notes.await(1), ElementsAre("goes on"));
+  go.open();
+  shutting.join();
+  EXPECT_THAT(notes.all(), ElementsAre("goes on", "The queue 'test' is shutting down."));
+}
+
 TEST_F(RunQueueShutdownTest, ReturnsWhenTheThreadsAreGone) {
   struct Farewell {
     ~Farewell() { notes->add("thread gone"); }

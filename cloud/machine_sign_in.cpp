@@ -39,8 +39,7 @@ void ConnectorVisit::negotiateFor(const std::string& spn) {
 }
 
 void ConnectorVisit::trustConnector() {
-  m_trustsFolder = setVerification(m_connection, lumo::PN::FERROD_IWA_SKIP_CERT_VERIFICATION);
-  if (!m_trustsFolder) return;
+  if (!setVerification(m_connection, lumo::PN::FERROD_IWA_SKIP_CERT_VERIFICATION)) return;
   m_connection.clearOpt(CURLOPT_CAINFO);
   m_connection.setOpt(CURLOPT_CAPATH,
                       lumo::Props(false, false).getProperty(lumo::PN::FERROSEC_CERT_DIR, lumo::PN::DEFAULT_CERT_DIR));
@@ -56,7 +55,8 @@ void ConnectorVisit::putBack(const CloudProxyInfo& proxy) {
   m_connection.setOpt(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
   m_connection.clearOpt(CURLOPT_USERNAME);
   m_connection.setProxy(proxy.proxyServer, proxy.proxyAuth, proxy.proxyUser, proxy.proxyPassword);
-  if (m_trustsFolder) m_connection.clearOpt(CURLOPT_CAPATH);
+  // Also one that an earlier visit left, when it failed before the settings changed.
+  m_connection.clearOpt(CURLOPT_CAPATH);
   m_isThere = false;
 }
 

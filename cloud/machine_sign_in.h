@@ -49,7 +49,6 @@ class ConnectorVisit {
   CurlObject& m_connection;
   lumo::GSSCredential m_credential;
   bool m_isThere = false;  // turned to the connector
-  bool m_trustsFolder = false;
 };
 
 // The JSON object that stands in a text: from its first "{" to its last "}". Part of the text.

@@ -108,6 +108,7 @@ void OPXProcessor::cloudLogPrivEvent() {
   LUMO_LOG(logger, 1, "process a privilege event");
   const EventsInHand events;
   if (events.all().empty()) return;
+  requirePlatform();
   useSession(heldCurl(), machineCookie);
   for (const Event& event : events.all()) {
     const int result = post(url, jsonOf(event));

@@ -1,5 +1,6 @@
 // The processor's sign-in as this machine: a one-time code of the connector, a session of the platform for it.
 #include <tuple>
+#include <utility>
 
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
@@ -47,12 +48,16 @@ bool OPXProcessor::readSiteCheck() {
     LUMO_LOG(logger, 1, "siteCheck: no valid json string in SiteCheck response. Can't find '{' or '}'.");
     return false;
   }
-  CloudAuth::parseJson(document, object.text);
+  rapidjson::Document reply;
+  CloudAuth::parseJson(reply, object.text);
   std::string result;
-  CloudAuth::getJsonString(document, SITE_CHECK_RESULT, result);
-  if (result == SITE_CHECK_SUCCESS) return true;
-  LUMO_LOG(logger, 1, "siteCheck: result not success: (%s)", result.c_str());
-  return false;
+  CloudAuth::getJsonString(reply, SITE_CHECK_RESULT, result);
+  if (result != SITE_CHECK_SUCCESS) {
+    LUMO_LOG(logger, 1, "siteCheck: result not success: (%s)", result.c_str());
+    return false;
+  }
+  document = std::move(reply);
+  return true;
 }
 
 void OPXProcessor::trustPlatform() {
@@ -62,7 +67,8 @@ void OPXProcessor::trustPlatform() {
 }
 
 void OPXProcessor::cloudIWA() {
-  // A code that an earlier sign-in left must not go out over the connection as it is meanwhile.
+  // Neither a code that an earlier sign-in left nor one beside a refusal may go out over the connection as it is
+  // meanwhile.
   document.SetNull();
   ConnectorVisit visit(heldCurl());
   std::string spn;
@@ -77,10 +83,17 @@ void OPXProcessor::cloudIWA() {
   LUMO_LOG(logger, 1, "siteCheck: complete successfully");
 }
 
+void OPXProcessor::requirePlatform() const {
+  if (!platformUrl.empty()) return;
+  LUMO_THROW(CloudException, -1, "The zone has no platform URL: set %s, or %s for a hierarchical zone",
+             PN::LEGACYZONE_CLOUDURL, PN::ZONE_CLOUDURL);
+}
+
 void OPXProcessor::cloudSSO() {
   std::string code;
   const WipeAtEnd wipeCode(code);
   CloudAuth::getJsonString(document, SITE_CHECK_CODE, code);
+  requirePlatform();
   const CodeUrl url(platformUrl + SSO_PATH, code);
   const int result = getMasked(url.whole(), url.shown());
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);

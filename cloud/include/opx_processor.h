@@ -56,13 +56,14 @@ class OPXProcessor : public CloudBase {
   // The connector's one-time code for the machine's Kerberos ticket. A refusal shows in the log alone. Throws
   // CurlException, and CloudException for a reply without its members.
   void cloudIWA();
-  // The session for the code. Throws CurlException, and CloudException where there is no code.
+  // The session for the code. Throws CurlException, and CloudException where there is no code or no platform.
   void cloudSSO();
 
   // Sends the events that wait, after a sign-in where there is no session. Without events nothing is sent. After a
   // failed transfer all of them stay stored, those that were sent too.
   void postLogPrivEvent();
-  // Sends what waits, one request for each event, and takes nothing of it away. Throws as cloudSSO.
+  // Sends what waits, one request for each event, and takes nothing of it away. Throws as cloudSSO, and
+  // EndOfFileException between two of them where the queue is shutting down.
   void cloudLogPrivEvent();
 
   int processResult() override;
@@ -78,6 +79,8 @@ class OPXProcessor : public CloudBase {
   // Is the connector's reply a success?
   bool readSiteCheck();
   void trustPlatform();
+  // Without a URL the bare paths would name hosts, which are not to hear of codes and events.
+  void requirePlatform() const;
 
   boost::shared_ptr<Logger> logger;
   std::string machineCookie;  // empty when not signed in

@@ -150,6 +150,7 @@ TEST_F(OpxProcessorLoopback, ConnectorsRefusalsStandInTheLog) {
       {json("} {"), 200, noJson, GOT_NO_CODE},
       {json("{ no end"), 200, noJson, GOT_NO_CODE},
       {json(R"({"result":"busy"})"), 200, "DEBUG siteCheck: result not success: (busy)", GOT_NO_CODE},
+      {json(R"({"result":"busy","otc":"c-1"})"), 200, "DEBUG siteCheck: result not success: (busy)", GOT_NO_CODE},
       {json(R"({"otc":"c-1"})"), 200, "",
        "DEBUG Got exception: Errors in parsing result from Json: 'result' does NOT exist"},
       {json("{no json}"), 200, "", "DEBUG Got exception: Errors in parsing result from Json: 'result' does NOT exist"},
@@ -268,6 +269,16 @@ TEST_F(OpxProcessorLoopback, ConnectionIsThePlatformsAgainAfterASuccessAndTheCon
   for (const int option : {CURLOPT_CAPATH + 0, CURLOPT_USERNAME + 0, CURLOPT_PROXY_GSS_SPN}) {
     EXPECT_TRUE(has(option)) << option;
   }
+}
+
+TEST_F(OpxProcessorLoopback, WhatAFailedVisitTrustedIsNothingForThePlatform) {
+  connectorSays(json("", "403 Forbidden"));
+  access.processor.initProc(PLATFORM);
+  ASSERT_EQ(access.connection()->recordedOptions().count(CURLOPT_CAPATH), 1U);
+  const SettingsScope skip{{"ferrod.iwa.skip.cert.verification", "true"}};
+  connectorSays(json(CODE));
+  signIn();
+  EXPECT_EQ(access.connection()->recordedOptions().count(CURLOPT_CAPATH), 0U);
 }
 
 TEST_F(OpxProcessorLoopback, VerificationCanBeSwitchedOffForEither) {

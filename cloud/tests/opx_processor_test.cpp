@@ -38,6 +38,20 @@ TEST_F(OpxProcessor, HasTheConnectorsLookedForWhereItHasNoPlatformYet) {
   EXPECT_THAT(log.texts(), testing::Contains(testing::HasSubstr("getCloudConnector")));
 }
 
+TEST_F(OpxProcessor, SendsNothingWhereTheZoneHasNoPlatform) {
+  const SettingsScope direct{{"ferrod.cloud.direct.connection", "true"}};
+  CloudConnectorLocator::getInstance(POD)->setZoneCloudUrl("");
+  processor.processor.cloudSetup();
+  processor.document.Parse(R"({"otc":"c-1"})");
+  const std::string why =
+      "CloudException -1 The zone has no platform URL: set ferrod.legacyzone.mfa.cloudurl, or ferrod.zone.cloudurl for "
+      "a hierarchical zone";
+  EXPECT_EQ(failureOf([this] { processor.processor.cloudSSO(); }), why);
+  lumo::OPXProcessor::handleLogPrivEvent({{"User", "alice"}});
+  EXPECT_EQ(failureOf([this] { processor.processor.cloudLogPrivEvent(); }), why);
+  EXPECT_EQ(processor.waiting(), 1U);
+}
+
 TEST_F(OpxProcessor, KeepsThePlatformThatItHas) {
   processor.platformUrl = "https://platform.example.test/";
   processor.processor.cloudSetup();

@@ -111,6 +111,8 @@ void OPXProcessor::cloudLogPrivEvent() {
   requirePlatform();
   useSession(heldCurl(), machineCookie);
   for (const Event& event : events.all()) {
+    // An agent that ends does not wait for a slow platform and all of them.
+    RunQueue::throwIfEnding();
     const int result = post(url, jsonOf(event));
     LUMO_LOG(logger, 1, "LogPrivEvent: result = %d, httpCode = %ld", result, httpCode);
     if (result != 0) continue;

@@ -87,6 +87,31 @@ TEST_F(OpxEventsLoopback, TheFirstIsLostToTheSignInAndTheSecondIsSent) {
   EXPECT_EQ(access.waiting(), 0U);
 }
 
+TEST_F(OpxEventsLoopback, WhatComesDuringTheSignInIsSentBehindIt) {
+  duringRequest = [this] {
+    if (cookies.size() == 1) store({"during"});
+  };
+  script({session(), json(SUCCESS)});
+  store({"first"});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(SSO, sent(body("during"))));
+  EXPECT_EQ(cookies.back(), ".ASPXAUTH=m-1;");
+  EXPECT_EQ(access.waiting(), 0U);
+}
+
+TEST_F(OpxEventsLoopback, WhatComesDuringASignInThatIsRefusedMeetsNoSession) {
+  duringRequest = [this] {
+    if (cookies.size() == 1) store({"during"});
+  };
+  script({json("", "403 Forbidden"), json("", "401 Unauthorized"), session()});
+  store({"first"});
+  run();
+  EXPECT_THAT(asked(), ElementsAre(SSO, sent(body("during")), SSO)) << "the code is still there";
+  EXPECT_THAT(cookies, ElementsAre("", ".ASPXAUTH=;", ".ASPXAUTH=;"));
+  EXPECT_EQ(access.machineCookie, "m-1");
+  EXPECT_EQ(access.waiting(), 0U);
+}
+
 TEST_F(OpxEventsLoopback, AnEventIsWrittenAsItStands) {
   signIn();
   script({json(SUCCESS), json(SUCCESS), json(SUCCESS)});
@@ -343,8 +368,29 @@ TEST_F(OpxEventsLoopback, AQueueThatShutsDownIsNoFailure) {
   EXPECT_EQ(access.waiting(), 2U);
 }
 
+TEST_F(OpxEventsLoopback, AQueueThatShutsDownWaitsForOneExchangeAlone) {
+  signIn();
+  OpxQueue queue;
+  std::thread end;
+  duringRequest = [&queue, &end] {
+    if (end.joinable()) return;
+    end = std::thread([&queue] { queue.queue().shutdown(); });
+    while (lumo::RunQueue::getRunQueue(lumo::OPX_RUN_QUEUE, false, 0)) std::this_thread::yield();
+  };
+  queue.hold();
+  script({json(SUCCESS), json(SUCCESS), json(SUCCESS)});
+  store({"a", "b", "c"});
+  queue.letGo();
+  ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(20)));
+  queue.queue().shutdown();
+  end.join();
+  EXPECT_THAT(asked(), ElementsAre(sent(body("a"))));
+  EXPECT_EQ(logged().back(), "DEBUG Got exception: The queue 'opx' is shutting down.");
+  EXPECT_EQ(access.waiting(), 3U);
+}
+
 TEST(OpxHandler, IsOneItemForEachEvent) {
-  const lumo::OPXHandler item(1000);
+  lumo::OPXHandler item(1000);
   EXPECT_FALSE(item.dedupMe());
   EXPECT_EQ(item.getID(), "OPXHandler");
   EXPECT_EQ(item.getTimeout(), 1000);
@@ -352,4 +398,7 @@ TEST(OpxHandler, IsOneItemForEachEvent) {
   EXPECT_FALSE(item.keepQueuedItem(1000));
   EXPECT_TRUE(item.keepQueuedItem(1001));
   EXPECT_EQ(item.getRandomDelay(), 0);
+  item.setTimeout(5);
+  item.updateTimeout();
+  EXPECT_EQ(item.getTimeout(), 1000);
 }

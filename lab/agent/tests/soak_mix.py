@@ -117,6 +117,8 @@ class Mix:
         self.ends.set()
         for crew in self.crews:
             crew.join(LONGEST_LOGIN)
+            expect(not crew.is_alive(), "a login does not end")
+        self.check()
 
     @contextmanager
     def alone(self):

@@ -30,6 +30,18 @@ def knows_all_connectors(road):
             and not section(report, "discarded"))
 
 
+def expect_discreet_log(road, *secrets):
+    """The agent's log holds none of them."""
+    text = road.log.path.read_text(encoding="utf-8", errors="replace")
+    expect_equal([secret for secret in secrets if secret in text], [], "secrets in the agent's log")
+
+
+def secrets_of(requests):
+    """Sessions and one-time codes of what the platform was asked."""
+    codes = [one["query"].partition("OneTimePass=")[2] for one in requests]
+    return {secret for secret in [one["cookie"] for one in requests] + codes if secret}
+
+
 def expect_idle_pool(road):
     """Nobody holds a connection."""
     expect_equal(value(road.pool(), "Current occupied count"), "0", "occupied connections")
@@ -87,6 +99,9 @@ def second_factor(road):
     expect(not [line for line in proxy.lines() if "status=200" in line and f"user={PROXY_USER}@" not in line],
            f"the proxy's log: {proxy.lines()}")
     expect_idle_pool(road)
+    secrets = secrets_of(road.platform.requests())
+    expect_equal(len(secrets), 3, f"a code, a session of the machine and one of the user: {secrets}")
+    expect_discreet_log(road, *secrets)
 
 
 def first_event(road):
@@ -331,6 +346,7 @@ def end_agent(road):
     expect("\nleft behind: threads 0, descriptors 0\n" in said, said)
     expect_equal(status, 0, f"the agent's exit status: {said}")
     expect_equal(road_status(road), "down", "the agent's status after its end")
+    expect_discreet_log(road, password(PROXY_USER))
 
 
 # What remains on a host whose agent has ended, and what for.

@@ -1,5 +1,7 @@
 #include "basalt/kerberos_keytab.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <utility>
 
@@ -24,10 +26,20 @@ bool isComputerAccount(krb5_const_principal principal) {
   throw KerberosException(code, text.c_str(), __FILE__, __LINE__);
 }
 
+// The library would wait at a pipe in the keytab's place.
+void requireRegular(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return;
+  const std::string text = exceptionMessage(
+      "Cannot read the keytab %s: it is not a regular file; repair it or join the machine again", path.c_str());
+  throw KerberosException(static_cast<int>(KRB5_KT_IOERR), text.c_str(), __FILE__, __LINE__);
+}
+
 // One pass over a keytab; ends it on every road.
 class KeytabScan {
  public:
   KeytabScan(krb5_context context, const std::string& path) : m_context(context), m_path(path), m_keytab(context) {
+    requireRegular(path);
     krb5_error_code rc = krb5_kt_resolve(context, ("FILE:" + path).c_str(), m_keytab.out());
     if (rc == 0) rc = krb5_kt_start_seq_get(context, m_keytab.get(), &m_cursor);
     if (rc != 0) throwUnreadable(context, rc, path);

@@ -1,6 +1,7 @@
 #include "basalt/kerberos_seal.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -294,6 +295,15 @@ TEST_F(KerberosSealTest, MissingAndDamagedKeytabsAreSaid) {
 #ifdef FERRO_SANITIZED_ADDRESS
   __lsan_enable();
 #endif
+}
+
+TEST_F(KerberosSealTest, PipeInTheKeytabsPlaceIsSaidAndNotWaitedFor) {
+  writeMachineKey();
+  const std::string bytes = lumo::sealCredential("user", Shredder2("secret"), keytab).bytes;
+  unlink(keytab.c_str());
+  ASSERT_EQ(mkfifo(keytab.c_str(), 0600), 0);
+  EXPECT_EQ(failureOf<KerberosException>(bytes, keytab),
+            "Cannot read the keytab " + keytab + ": it is not a regular file; repair it or join the machine again");
 }
 
 TEST_F(KerberosSealTest, DamagedKerberosConfigurationDoesNotStandInTheWayOfOpening) {

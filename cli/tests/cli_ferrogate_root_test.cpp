@@ -94,6 +94,12 @@ TEST_F(Entry, MachineThatIsNotJoinedGetsNothingButTheStatus) {
   EXPECT_NE(testsupport::readFile(LOG).find("Machine is not joined to any domain."), std::string::npos);
 }
 
+TEST_F(Entry, PipeInTheKeytabsPlaceIsNotWaitedForAndNoMembership) {
+  unlink(KEYTAB);
+  ASSERT_EQ(mkfifo(KEYTAB, 0600), 0);
+  EXPECT_EQ(tool({"-L"}), (Outcome{10, "", ""}));
+}
+
 TEST_F(Entry, WithoutArgumentsHelpComesWithTheUsageStatus) { EXPECT_EQ(tool({}), (Outcome{7, HELP, ""})); }
 
 TEST_F(Entry, HelpIsPrintedWhole) {

@@ -1,6 +1,4 @@
 // The machine's session, and with it the user's.
-#include <tuple>
-
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"
@@ -44,7 +42,7 @@ boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", fals
 
 int CloudAuthV1S::siteCheck(std::string& otc, std::string& errorMessage) {
   ConnectorVisit visit(heldCurl());
-  std::tie(httpCode, responseBody) = visit.ask(siteCheckUrl, spn);
+  keep(visit.ask(siteCheckUrl, spn));
   const CloudProxyInfo proxy = CloudCurlPool::getInstance().getProxy();
   LUMO_LOG(logger(), 1, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
            proxy.proxyAuth.c_str());

@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "base/include/logger.h"
+#include "base/include/wipe.h"
 #include "cloud/curl_text.h"
 #include "cloud/include/curl_object.h"
 
@@ -28,8 +29,13 @@ CurlObject& CloudBase::heldCurl() const {
   return *curl;
 }
 
+void CloudBase::keep(std::pair<long, std::string> result) {
+  wipe(responseBody);
+  std::tie(httpCode, responseBody) = std::move(result);
+}
+
 int CloudBase::exchange(const std::string& url, const std::string& content, bool isPost) {
-  std::tie(httpCode, responseBody) = heldCurl().perform(url, content, isPost ? 1 : 0);
+  keep(heldCurl().perform(url, content, isPost ? 1 : 0));
   return processResult();
 }
 

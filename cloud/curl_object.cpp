@@ -1,7 +1,5 @@
 #include "cloud/include/curl_object.h"
 
-#include <cstdlib>
-
 #include "cloud/curl_object_internal.h"
 #include "cloud/curl_object_layer.h"
 
@@ -49,8 +47,7 @@ CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
 
 CurlObject::~CurlObject() {
   curl_easy_cleanup(handle);
-  forgetTrace();
-  std::free(writeBuffer);
+  forgetExchange();
 }
 
 template <class Value>

@@ -16,14 +16,20 @@ constexpr size_t USUAL_HEADER_LINES = 16;
 }  // namespace
 
 void CurlObject::dropBody() {
+  if (writeBuffer != nullptr) explicit_bzero(writeBuffer, writeLength);
   std::free(writeBuffer);
   writeBuffer = nullptr;
   writeLength = 0;
   writeCapacity = 0;
 }
 
-void CurlObject::rewindAttempt() {
+void CurlObject::dropHeaders() {
+  for (std::string& line : headerLines) wipe(line);
   headerLines.clear();
+}
+
+void CurlObject::rewindAttempt() {
+  dropHeaders();
   headerLines.reserve(USUAL_HEADER_LINES);
   readPosition = requestBody.data();
   readLeft = requestBody.size();
@@ -34,12 +40,10 @@ void CurlObject::rewindAttempt() {
 }
 
 void CurlObject::forgetExchange() noexcept {
-  if (writeBuffer != nullptr) explicit_bzero(writeBuffer, writeLength);
   dropBody();
   wipe(responseBody);
   responseBody.shrink_to_fit();
-  for (std::string& line : headerLines) wipe(line);
-  headerLines.clear();
+  dropHeaders();
   headerLines.shrink_to_fit();
   forgetTrace();
   debugLines.shrink_to_fit();
@@ -79,7 +83,7 @@ void CurlObject::buildHeaderList() {
 void CurlObject::prepareAttempt(const std::string& url, const std::string& body, int post) {
   setOpt(CURLOPT_POST, post);
   forgetTrace();
-  headerLines.clear();
+  dropHeaders();
   setOpt(CURLOPT_HEADERDATA, static_cast<void*>(this));
   setOpt(CURLOPT_HEADERFUNCTION, &CurlCallbacks::header);
   requestBody = body;
@@ -127,6 +131,7 @@ std::pair<long, std::string> CurlObject::perform(const std::string& url, const s
     if (code == CURLE_OK) {
       long status = 0;
       curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+      wipe(responseBody);
       responseBody = writeBuffer == nullptr ? "" : writeBuffer;
       return {status, responseBody};
     }

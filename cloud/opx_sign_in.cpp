@@ -1,5 +1,4 @@
 // The processor's sign-in as this machine: a one-time code of the connector, a session of the platform for it.
-#include <tuple>
 #include <utility>
 
 #include "base/include/parameter_names.h"
@@ -73,7 +72,7 @@ void OPXProcessor::cloudIWA() {
   ConnectorVisit visit(heldCurl());
   std::string spn;
   const std::string url = findIwaUrl(platformUrl, spn) + SITE_CHECK_PATH;
-  std::tie(httpCode, responseBody) = visit.ask(url, spn);
+  keep(visit.ask(url, spn));
   LUMO_LOG(logger, 1, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", url.c_str(), spn.c_str(), httpCode);
   if (!readSiteCheck()) return;
   LUMO_LOG(logger, 1, "Set CURL web proxy to: '%s' with auth: '%s'.", webProxy.proxyServer.c_str(),

@@ -60,6 +60,8 @@ class CloudBase {
   int getMasked(const std::string& url, const std::string& masked);
 
   CurlObject& heldCurl() const;
+  // Takes the place of the last result, whose body is wiped: it may have held a code.
+  void keep(std::pair<long, std::string> result);
 
   CurlObject* curl = nullptr;  // the pool's
   std::string cloudUrl;        // ends in "/"

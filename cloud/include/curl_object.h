@@ -130,6 +130,7 @@ class CurlObject {
   void prepareAttempt(const std::string& url, const std::string& body, int post);
   void rewindAttempt();
   void dropBody();
+  void dropHeaders();
   void forgetTrace();
   void noteCookie(std::string_view headerLine);
   void setTransportDefaults();

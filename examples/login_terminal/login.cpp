@@ -22,7 +22,9 @@ bool fitsTerminal(const CloudAuthMechanism& mechanism) {
 std::string promptOf(const CloudAuthMechanism& mechanism) {
   std::string text = mechanism.message;
   if (!text.empty()) text += "\n";
-  text += mechanism.answerPrompt.empty() ? "Press <enter> to go on: " : mechanism.answerPrompt;
+  // Version 0 has no prompt for a new password, nor for what is answered elsewhere.
+  const char* const own = mechanism.name == "RESET" ? "New password: " : "Press <enter> to go on: ";
+  text += mechanism.answerPrompt.empty() ? own : mechanism.answerPrompt;
   if (std::isalnum(static_cast<unsigned char>(text.back())) != 0) text += ":";
   if (text.back() != ' ') text += " ";
   return text;

@@ -9,6 +9,7 @@
 #include <exception>
 #include <iostream>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "basalt/ad_agent.h"
@@ -182,6 +183,8 @@ int guarded(int argc, char** argv) {
     return say(std::cerr, "\nlogin_terminal: interrupted\n", SIGNALLED + interrupted.signal);
   } catch (const EndOfInput& end) {
     return say(std::cerr, std::string("\nlogin_terminal: ") + end.what() + "\n", REFUSED);
+  } catch (const std::out_of_range&) {  // in the C++ library's words, which say nothing of the platform
+    return say(std::cerr, "login_terminal: the platform's policy lacks a text that version 0 needs\n", FAILED);
   } catch (const std::exception& failure) {
     return say(std::cerr, std::string("login_terminal: ") + failure.what() + "\n", FAILED);
   }

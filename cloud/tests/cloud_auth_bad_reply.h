@@ -58,6 +58,11 @@ class BadReplyTest : public PlatformTest {
     EXPECT_EQ(access.occupiedCount, 0U) << scene.name;
     expectNoSecret(outcome);
     expectNoSecretInNewLog();
+    // A fault may have given out an id or a code of its own.
+    for (const std::string& surprise : platform.surprises()) {
+      EXPECT_THAT(surprise, testing::HasSubstr(": nobody gave out the ")) << scene.name;
+    }
+    platform.control(R"({"command":"surprises","forget":true})");
   }
 
   // The one that the login holds.

@@ -104,6 +104,9 @@ class PlatformTest : public CurlObjectTest {
     access.occupiedTimeout = 900;
   }
 
+  // Nobody sent what no client should send.
+  void TearDown() override { EXPECT_THAT(platform.surprises(), testing::IsEmpty()); }
+
   template <class Client>
   std::unique_ptr<Client> client(const std::string& version, const std::string& user) {
     auto made = std::make_unique<Client>(platform.url(), version, user);

@@ -57,7 +57,7 @@ void LdapConnection::setOption(int option, T value) {
 
 LdapConnection::LdapConnection(const DirectoryServer& server, bool globalCatalog, LdapLimits limits)
     : m_server(server), m_globalCatalog(globalCatalog), m_limits(limits) {
-  Connected connected = connectTcp(server, std::chrono::steady_clock::now() + limits.connect);
+  Connected connected = connectTcp(server, limits.connect);
   if (!connected.socket) LUMO_THROW(LDAPException, LDAP_CONNECT_ERROR, "%s", connected.failure.c_str());
   // The socket stays one that does not block: half a message from a server that then falls silent must not hold us.
   beginOnce();

@@ -22,12 +22,12 @@ class Ping {
   explicit Ping(const std::string& domain) : m_domain(domain) {}
 
   void ask(const DirectoryServer& server) {
-    FileDescriptor socket = connectUdp(server);
-    if (!socket) return;
-    const int id = ++m_lastId;
-    const std::string request = netlogonRequest(m_domain, id);
-    if (send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) return;
-    m_asked.push_back({std::move(socket), id});
+    for (FileDescriptor& socket : connectUdp(server)) {
+      const int id = ++m_lastId;
+      const std::string request = netlogonRequest(m_domain, id);
+      if (send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) continue;
+      m_asked.push_back({std::move(socket), id});
+    }
   }
   bool hopeless() const { return m_asked.empty(); }
 
@@ -84,8 +84,9 @@ std::optional<NetlogonReply> netlogonPing(const std::vector<DirectoryServer>& se
   for (std::size_t i = 0; i < count && std::chrono::steady_clock::now() < end; ++i) {
     ping.ask(servers[i]);
     const bool last = i + 1 == count;
-    const SteadyTime until = last ? end : std::min(end, std::chrono::steady_clock::now() + BEFORE_THE_NEXT);
-    if (auto reply = ping.wait(until)) return reply;
+    // Also where all the time went into looking names up: whoever was asked has a moment for the answer.
+    const SteadyTime moment = std::chrono::steady_clock::now() + BEFORE_THE_NEXT;
+    if (auto reply = ping.wait(last ? std::max(end, moment) : moment)) return reply;
   }
   return std::nullopt;
 }

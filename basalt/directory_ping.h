@@ -24,7 +24,8 @@ struct NetlogonReply {
   std::string clientSite;  // empty when the caller's address belongs to no site
 };
 
-// The time within which the ping ends, whoever answers or not.
+// The time within which the ping ends, whoever answers or not; looking up names may take longer, and the server that
+// was asked last has a moment behind it.
 constexpr std::chrono::milliseconds PING_LIMIT{2000};
 
 // The question as an LDAP message for one datagram.
@@ -37,7 +38,8 @@ NetlogonReply parseNetlogonReply(const std::string& value);
 // BadDataException for a damaged value. Pure.
 std::optional<NetlogonReply> parseNetlogonMessage(const std::string& datagram, int messageId);
 
-// Asks the first few of the servers, a moment after one another, and takes the first good reply for that domain.
+// Asks the first few of the servers at all their addresses, a moment after one another, and takes the first good reply
+// for that domain.
 // Nothing when none came within the limit: the caller then knows no site. Never throws. Any thread.
 std::optional<NetlogonReply> netlogonPing(const std::vector<DirectoryServer>& servers, const std::string& domain,
                                           std::chrono::milliseconds limit = PING_LIMIT);

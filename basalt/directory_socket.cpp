@@ -9,9 +9,13 @@
 #include <climits>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 namespace lumo {
 namespace {
+
+// Of one server, to which a datagram is sent.
+constexpr std::size_t MOST_ADDRESSES = 4;
 
 // Owns the result of getaddrinfo: freeaddrinfo.
 using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
@@ -31,6 +35,7 @@ std::string words(int error) { return std::generic_category().message(error); }
 
 // 0, or the errno of the failure.
 int connectOne(int fd, const addrinfo& address, SteadyTime deadline) {
+  if (std::chrono::steady_clock::now() >= deadline) return ETIMEDOUT;
   if (connect(fd, address.ai_addr, address.ai_addrlen) == 0) return 0;
   if (errno != EINPROGRESS && errno != EINTR) return errno;
   for (;;) {
@@ -52,25 +57,31 @@ int pollTime(SteadyTime deadline) {
   return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
-Connected connectTcp(const DirectoryServer& server, SteadyTime deadline) {
+Connected connectTcp(const DirectoryServer& server, std::chrono::milliseconds limit) {
   Connected result;
   const Addresses addresses = resolve(server, SOCK_STREAM, result.failure);
-  for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) {
+  const SteadyTime end = std::chrono::steady_clock::now() + limit;
+  int left = 0;
+  for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next) ++left;
+  for (const addrinfo* one = addresses.get(); one != nullptr; one = one->ai_next, --left) {
     FileDescriptor fd(socket(one->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, one->ai_protocol));
-    const int error = fd ? connectOne(fd.get(), *one, deadline) : errno;
+    const SteadyTime now = std::chrono::steady_clock::now();
+    const int error = fd ? connectOne(fd.get(), *one, now + (end - now) / left) : errno;
     if (error == 0) return {std::move(fd), {}};
     result.failure = error == ETIMEDOUT ? "no answer in time" : words(error);
   }
   return result;
 }
 
-FileDescriptor connectUdp(const DirectoryServer& server) {
+std::vector<FileDescriptor> connectUdp(const DirectoryServer& server) {
   std::string failure;
+  std::vector<FileDescriptor> sockets;
   const Addresses addresses = resolve(server, SOCK_DGRAM, failure);
-  if (!addresses) return {};
-  FileDescriptor fd(socket(addresses->ai_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, addresses->ai_protocol));
-  if (!fd || connect(fd.get(), addresses->ai_addr, addresses->ai_addrlen) != 0) return {};
-  return fd;
+  for (const addrinfo* one = addresses.get(); one != nullptr && sockets.size() < MOST_ADDRESSES; one = one->ai_next) {
+    FileDescriptor fd(socket(one->ai_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, one->ai_protocol));
+    if (fd && connect(fd.get(), one->ai_addr, one->ai_addrlen) == 0) sockets.push_back(std::move(fd));
+  }
+  return sockets;
 }
 
 }  // namespace lumo

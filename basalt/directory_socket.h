@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "basalt/posix_file.h"
 
@@ -26,12 +27,13 @@ struct Connected {
 // Milliseconds until the deadline for poll(), rounded up, so that no wait ends a moment early and spins; 0 behind it.
 int pollTime(SteadyTime deadline);
 
-// Connects to one address of the server after the other until one takes it or the time is up. Throws nothing. Any
-// thread. Looking the name up takes as long as the host's resolver allows.
-Connected connectTcp(const DirectoryServer& server, SteadyTime deadline);
+// Connects to one address of the server after the other until one takes it. The limit is for all of them, shared out so
+// that a silent one leaves time for the next; it begins once the name has been looked up, which takes as long as the
+// host's resolver allows. Throws nothing. Any thread.
+Connected connectTcp(const DirectoryServer& server, std::chrono::milliseconds limit);
 
-// A datagram socket that sends to the server's first address and hears from it alone; empty when the name does not
-// resolve.
-FileDescriptor connectUdp(const DirectoryServer& server);
+// Datagram sockets to the server's first few addresses, each of which hears from its own alone; none when the name does
+// not resolve.
+std::vector<FileDescriptor> connectUdp(const DirectoryServer& server);
 
 }  // namespace lumo

@@ -309,7 +309,7 @@ TEST(LdapConnection, EndsWhenTheServerDoesNotTakeIt) {
   std::string failure;
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 8 && failure.empty(); ++i) {
-    queue.push_back(lumo::connectTcp(server, std::chrono::steady_clock::now() + milliseconds(200)));
+    queue.push_back(lumo::connectTcp(server, milliseconds(200)));
     failure = queue.back().failure;
   }
   EXPECT_EQ(failure, "no answer in time");

@@ -31,6 +31,8 @@ bool isNobodyThere(int error) {
 }
 
 sockaddr_un addressOf(const std::string& path) {
+  // Without a path the address is one that has no file, and any user of the host may serve it.
+  if (path.empty()) LUMO_THROW(IOException, ENOENT, "The path of the agent's socket is empty");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {

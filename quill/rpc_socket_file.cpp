@@ -27,7 +27,8 @@ constexpr int BACKLOG = 64;
 // What a new socket is called until it is complete.
 constexpr char UNFINISHED[] = ".new";
 
-const std::string& checkedLength(const std::string& path) {
+const std::string& checkedPath(const std::string& path) {
+  if (path.empty()) fail(path, ENOENT);
   if (path.size() + sizeof UNFINISHED > sizeof(sockaddr_un::sun_path)) fail(path, ENAMETOOLONG);
   return path;
 }
@@ -84,7 +85,7 @@ RpcSocketFile::PathLock::PathLock(const std::string& path) {
 RpcSocketFile::PathLock::~PathLock() { MvdUnlock(m_handle); }
 
 RpcSocketFile::RpcSocketFile(const std::string& path, mode_t mode)
-    : m_path(checkedLength(path)), m_lock(path), m_socket(unixSocket(path)) {
+    : m_path(checkedPath(path)), m_lock(path), m_socket(unixSocket(path)) {
   requireFree(path);
   // Made and opened to its callers under another name, then moved into place: nobody meets it half-made.
   const std::string temporary = path + UNFINISHED;

@@ -43,6 +43,11 @@ TEST(LocalRpcSession, ConnectingToNobodyIsAnIOException) {
   EXPECT_EQ(open("file/below"), "Nobody serves " + folder.file("file/below") + ": Not a directory");
 }
 
+TEST(LocalRpcSession, AnEmptyPathLeadsToNobodyWhoeverServesTheAddressWithoutOne) {
+  const FileDescriptor anybody = raw::listenAt("");
+  EXPECT_EQ(thrown<IOException>([] { LocalRpcSession("", false, false); }), "The path of the agent's socket is empty");
+}
+
 TEST(LocalRpcSession, ConnectingToAFullBacklogEndsWithTheLimitAsAnIOException) {
   testsupport::TempFolder folder;
   const FileDescriptor listener = raw::listenAt(folder.file("hung"), 0);

@@ -86,6 +86,8 @@ TEST_F(RpcSocketFileTest, ASocketThatCannotBeMadeSaysWhy) {
   path = folder.file(std::string(150, 'x'));
   EXPECT_EQ(thrown<SystemException>([&] { RpcSocketFile(path, 0600); }),
             "Cannot serve " + path + ": File name too long");
+  EXPECT_EQ(thrown<SystemException>([] { RpcSocketFile("", 0600); }), "Cannot serve : No such file or directory");
+  EXPECT_FALSE(testsupport::exists(".lock"));
 }
 
 TEST_F(RpcSocketFileTest, TakesAwayOnlyItsOwnFile) {

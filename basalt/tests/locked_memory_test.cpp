@@ -9,14 +9,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/include/shredder.h"
 #include "testsupport/log_capture.h"
+#include "testsupport/process_memory.h"
 #include "testsupport/sanitizers.h"
 
 #ifdef FERRO_SANITIZED
@@ -53,42 +52,11 @@ extern "C" int munlock(const void* start, std::size_t size) noexcept {
 
 namespace {
 
-struct Mapping {
-  std::uintptr_t start = 0;
-  std::uintptr_t end = 0;
-  std::string access;
-  std::string name;
-  std::string flags;
-  std::size_t lockedKb = 0;
-};
-
-std::vector<Mapping> mappings() {
-  std::ifstream smaps("/proc/self/smaps");
-  std::vector<Mapping> all;
-  for (std::string line; std::getline(smaps, line);) {
-    Mapping mapping;
-    char access[8] = {};
-    unsigned long start = 0;
-    unsigned long end = 0;
-    int nameAt = 0;
-    if (std::sscanf(line.c_str(), "%lx-%lx %7s %*s %*s %*s %n", &start, &end, access, &nameAt) == 3) {
-      mapping.start = start;
-      mapping.end = end;
-      mapping.access = access;
-      mapping.name = nameAt > 0 ? line.substr(static_cast<std::size_t>(nameAt)) : "";
-      all.push_back(mapping);
-    } else if (line.rfind("VmFlags:", 0) == 0 && !all.empty()) {
-      all.back().flags = line.substr(8) + " ";
-    } else if (line.rfind("Locked:", 0) == 0 && !all.empty()) {
-      all.back().lockedKb = std::stoul(line.substr(7));
-    }
-  }
-  return all;
-}
+using testsupport::Mapping;
 
 Mapping mappingOf(const void* address) {
   const auto at = reinterpret_cast<std::uintptr_t>(address);
-  for (const auto& mapping : mappings()) {
+  for (const auto& mapping : testsupport::mappings()) {
     if (at >= mapping.start && at < mapping.end) return mapping;
   }
   return {};
@@ -159,41 +127,20 @@ TEST(LockedMemory, AllocationIsWipedWhenItIsGivenBack) {
   watched = nullptr;
 }
 
-// A text that stands nowhere in memory unless somebody puts it there.
-char secretCharacter(unsigned i) { return static_cast<char>('A' + (i * 7919U + 12345U) % 1021U % 58U); }
-constexpr unsigned secretLength = 48;
-
-// How often the text stands in this process's memory, and whether every place is locked.
-int places(bool& allLocked) {
-  int found = 0;
-  allLocked = true;
-  for (const auto& mapping : mappings()) {
-    if (mapping.access[0] != 'r' || mapping.name.rfind("[v", 0) == 0) continue;
-    const char* end = reinterpret_cast<const char*>(mapping.end);
-    for (const char* at = reinterpret_cast<const char*>(mapping.start); at + secretLength <= end; ++at) {
-      unsigned i = 0;
-      while (i < secretLength && at[i] == secretCharacter(i)) ++i;
-      if (i < secretLength) continue;
-      ++found;
-      allLocked = allLocked && mapping.flags.find(" lo ") != std::string::npos;
-    }
-  }
-  return found;
-}
-
 TEST(LockedMemory, SecretStandsInLockedMemoryAloneAndNowhereAfterwards) {
   if (sanitized) GTEST_SKIP() << "the memory of a sanitizer is too large to search";
-  bool allLocked = false;
+  const auto places = [] { return testsupport::placesOf(testsupport::RARE_LENGTH, &testsupport::rareCharacter); };
   {
     lumo::Shredder2 secret;
-    for (unsigned i = 0; i < secretLength; ++i) secret += secretCharacter(i);
+    for (unsigned i = 0; i < testsupport::RARE_LENGTH; ++i) secret += testsupport::rareCharacter(i);
     lumo::Shredder2 copy(secret);
     copy += "and more";
     lumo::Shredder2 moved(std::move(secret));
-    EXPECT_EQ(places(allLocked), 2);
-    EXPECT_TRUE(allLocked);
+    const auto found = places();
+    EXPECT_EQ(found.size(), 2U);
+    for (const Mapping& mapping : found) EXPECT_NE(mapping.flags.find(" lo "), std::string::npos) << mapping.flags;
   }
-  EXPECT_EQ(places(allLocked), 0);
+  EXPECT_EQ(places().size(), 0U);
 }
 
 // Runs in a process of its own without the right to lock more than its limits allow; 0 when `work` is content.

@@ -1,6 +1,8 @@
 #include "base/include/kerberos_data.h"
 
 #include <gtest/gtest.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <new>
@@ -25,6 +27,28 @@ TEST(KerberosData, ReleaseLeavesNullAndZero) {
   EXPECT_EQ(data.size(), 0U);
   data.release();
   EXPECT_EQ(data.bytes(), nullptr);
+}
+
+// What stands there now, also where nothing is allocated any more.
+std::string bytesAt(const void* address, std::size_t size) {
+  std::string bytes(size, '?');
+  const iovec here{bytes.data(), size};
+  const iovec there{const_cast<void*>(address), size};
+  EXPECT_EQ(process_vm_readv(getpid(), &here, 1, &there, 1, 0), static_cast<ssize_t>(size));
+  return bytes;
+}
+
+TEST(KerberosData, WipesItsBytesBeforeTheyAreFreedWhereItIsToldTo) {
+  // The first bytes of what was freed are the allocator's.
+  constexpr std::size_t ALLOCATORS = 16;
+  const std::string secret(64, 's');
+  const std::size_t rest = secret.size() - ALLOCATORS;
+  KerberosData data;
+  data.assign(secret.data(), secret.size(), true);
+  const char* const place = data.bytes() + ALLOCATORS;
+  EXPECT_EQ(bytesAt(place, rest), std::string(rest, 's'));
+  data.release();
+  EXPECT_EQ(bytesAt(place, rest), std::string(rest, '\0'));
 }
 
 TEST(KerberosData, LeavesAlonePartsOfSomebodyElse) {

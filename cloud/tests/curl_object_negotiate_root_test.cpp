@@ -87,6 +87,18 @@ TEST_F(NegotiateRoot, TicketInTheDefaultCacheIsNeverUsed) {
   }
 }
 
+TEST_F(NegotiateRoot, CredentialForTheProxyIsNotTheServers) {
+  HttpServer proxy(negotiateProxy());
+  CurlObject object;
+  // What a sign-in at a web server that ended early leaves.
+  object.setOpt(CURLOPT_HTTPAUTH, 4);
+  object.setOpt(CURLOPT_USERNAME, ":");
+  object.setProxy(proxy.address(), "negotiate", "alice@CORP.EXAMPLE.TEST", lumo::Shredder2("alice-pw"));
+  EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
+  ASSERT_EQ(proxy.requests().size(), 2u);
+  EXPECT_EQ(proxy.requests()[1].header("Authorization"), "");
+}
+
 TEST_F(NegotiateRoot, TunnelOfAGoodPasswordIsNotTheBadOnes) {
   HttpServer proxy(negotiateProxy());
   CurlObject object;

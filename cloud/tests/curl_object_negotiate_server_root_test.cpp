@@ -56,6 +56,43 @@ TEST_F(NegotiateServerRoot, EveryRequestHasAFreshTokenOnOneConnection) {
   EXPECT_EQ(object.headers.count("Authorization"), 0u);
 }
 
+TEST_F(NegotiateServerRoot, ConnectionOfOneCredentialIsNotTheNextOnes) {
+  giveRootATicket();
+  HttpServer server([this](const HttpRequest& request) {
+    note(acceptToken(tokenOf(request.header("Authorization"))).client);
+    return httpReply("200 OK");
+  });
+  const std::string url = "http://" + server.address() + "/";
+  CurlObject object;
+  lumo::GSSCredential credential;
+  prepare(object, credential);
+  object.perform(url, "", 0);
+  lumo::GSSCredential another;
+  object.setOpt(CURLOPT_PROXY_GSS_CRED, another.acquireCred("FILE:/run/root.ccache"));
+  object.perform(url, "", 0);
+  object.perform(url, "", 0);
+  EXPECT_THAT(clients,
+              ElementsAre("HOST1$@CORP.EXAMPLE.TEST", "rootuser@CORP.EXAMPLE.TEST", "rootuser@CORP.EXAMPLE.TEST"));
+  EXPECT_EQ(server.connections(), 2);
+}
+
+TEST_F(NegotiateServerRoot, WhatTheSetUpFunctionThrowsIsThrownByTheTransfer) {
+  HttpServer server([](const HttpRequest&) { return httpReply("200 OK"); });
+  CurlObject object;
+  lumo::GSSCredential credential;
+  prepare(object, credential);
+  object.setOpt(
+      CURLOPT_PROXY_GSS_SETUP_FUNCTION, +[](void*, const char*, void*, void*, ProxyGssCallbacks*) -> int {
+        throw KerberosException(42, "no set-up", __FILE__, __LINE__);
+      });
+  const std::string url = "http://" + server.address() + "/";
+  EXPECT_THROW(object.perform(url, "", 0), KerberosException);
+  EXPECT_TRUE(server.requests().empty());
+  object.setOpt(CURLOPT_PROXY_GSS_SETUP_FUNCTION, &serverGssSetup);
+  EXPECT_EQ(object.perform(url, "", 0).first, 200);
+  EXPECT_THAT(server.requests().at(0).header("Authorization"), StartsWith("Negotiate "));
+}
+
 TEST_F(NegotiateServerRoot, SignInEndsAndThePlatformGetsNoToken) {
   HttpServer server([](const HttpRequest&) { return httpReply("200 OK"); });
   HttpServer platform([](const HttpRequest&) { return httpReply("200 OK"); });

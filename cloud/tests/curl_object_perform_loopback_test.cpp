@@ -171,6 +171,18 @@ TEST_F(CurlObjectTest, FailureKeepsTheFailedAttemptAndTheObjectGoesOn) {
               testing::Contains(">GET / HTTP/1.1\r\n" + hostLine(server) + "Accept: */*\r\nContent-Length: 0\r\n\r\n"));
 }
 
+TEST_F(CurlObjectTest, KeptConnectionsAreLeftBehindAFailedTransfer) {
+  HttpServer server(always(httpReply("200 OK", {"Set-Cookie: kept=1"})));
+  HttpServer cut(always({"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf", HttpReply::Close}));
+  CurlObject object;
+  object.perform(urlOf(server), "", 0);
+  EXPECT_THROW(object.perform(urlOf(cut), "", 0), lumo::CurlException);
+  object.perform(urlOf(server), "", 0);
+  EXPECT_EQ(server.connections(), 2);
+  EXPECT_EQ(server.requests().back().header("Cookie"), "kept=1");
+  EXPECT_TRUE(server.waitForEnds(1, seconds(10))) << "the former one is closed";
+}
+
 TEST_F(CurlObjectTest, RefusedConnectionIsToldWithLibcurlsWords) {
   std::string url;
   {

@@ -4,6 +4,7 @@
 
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
 
 using std::chrono::seconds;
@@ -296,6 +297,40 @@ TEST_F(CurlProxyTest, SecondFailureIsTheOneThatIsTold) {
             "CurlException -1 curl error occurred in curl_easy_perform: Timeout was reached (28)");
   EXPECT_EQ(proxy.connections(), 2);
   EXPECT_THAT(object.lastHeaderLines(), IsEmpty()) << "the second attempt's lines";
+}
+
+TEST_F(CurlProxyTest, WhatTheSetUpFunctionThrowsIsThrownByTheTransfer) {
+  HttpServer proxy(proxyFor("", {}));
+  CurlObject object;
+  object.setProxy(proxy.address(), "negotiate", "alice@EXAMPLE.TEST", lumo::Shredder2("secret"));
+  object.setOpt(
+      CURLOPT_PROXY_GSS_SETUP_FUNCTION, +[](void*, const char*, void*, void*, ProxyGssCallbacks*) -> int {
+        throw KerberosException(42, "no set-up", __FILE__, __LINE__);
+      });
+  for (int i = 0; i < 2; ++i) {
+    try {
+      object.perform(TARGET, "", 0);
+      ADD_FAILURE() << "nothing thrown";
+    } catch (const KerberosException& failure) {
+      EXPECT_EQ(failure.rc(), 42);
+    }
+  }
+  EXPECT_TRUE(proxy.requests().empty());
+  object.setOpt(CURLOPT_PROXY_GSS_SETUP_FUNCTION, &proxyGssSetup);
+  EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "through the tunnel")) << "the handle lives on";
+}
+
+TEST_F(CurlProxyTest, SetUpFunctionThatFailsMakesNoToken) {
+  HttpServer proxy(proxyFor("", {}));
+  const testsupport::LogCapture log;
+  CurlObject object;
+  object.setProxy(proxy.address(), "negotiate", "alice@EXAMPLE.TEST", lumo::Shredder2("secret"));
+  object.setOpt(
+      CURLOPT_PROXY_GSS_SETUP_FUNCTION,
+      +[](void*, const char*, void*, void*, ProxyGssCallbacks*) { return static_cast<int>(GSS_S_FAILURE); });
+  EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "through the tunnel"));
+  EXPECT_THAT(authorizations(proxy), ElementsAre(""));
+  EXPECT_THAT(log.texts(), Contains("DEBUG cloud.proxy.gss: The set-up of the Negotiate exchange failed."));
 }
 
 TEST_F(CurlProxyTest, ProxyThatWordsItsStatusOtherwiseGetsNoSecondAttempt) {

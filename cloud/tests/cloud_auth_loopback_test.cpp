@@ -69,6 +69,19 @@ TEST_F(CloudAuthLoopback, UnauthorizedLeavesTheDocumentOfBefore) {
   }
 }
 
+TEST_F(CloudAuthLoopback, PlatformWithoutAUrlIsNotLookedForElsewhere) {
+  const std::string words =
+      "CloudException -1 The platform's URL is empty or has no scheme: set ferrod.legacyzone.mfa.cloudurl, or "
+      "ferrod.zone.cloudurl for a hierarchical zone, beginning with https://";
+  for (const std::string url : {"", "localhost/", "/"}) {
+    Client other(url);
+    other.getCurl("alice", "login");
+    EXPECT_EQ(failureOf([&] { other.getVersion(); }), words) << url;
+    EXPECT_EQ(failureOf([&] { other.post(url + "security/StartAuthentication", "{}"); }), words) << url;
+  }
+  EXPECT_THAT(server.requests(), testing::IsEmpty());
+}
+
 TEST_F(CloudAuthLoopback, HeadersOfThePlatformAreLoggedAndNoOthers) {
   const testsupport::LogCapture log;
   answered(httpReply("200 OK", {"X-MRV-Request: 17", "X-Other: 18", "Via: pod X-MRV-x", "x-mrv-lower: 19"},

@@ -16,4 +16,6 @@ bool FIPSHelper::isStarted() {
   return kernel && read(kernel.get(), &first, 1) == 1 && first == '1';
 }
 
+bool FIPSHelper::bars(const std::string& authType) { return authType == "ntlm" || authType == "digest"; }
+
 }  // namespace lumo

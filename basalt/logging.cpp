@@ -7,13 +7,13 @@
 #include <boost/weak_ptr.hpp>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <vector>
 
 #include "basalt/logging_sinks.h"
+#include "basalt/printf_text.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
@@ -192,20 +192,6 @@ void putInForce(Configuration& read) {
   }
 }
 
-std::string filled(const char* format, va_list arguments) {
-  va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  std::string text;
-  if (length > 0) {
-    text.resize(static_cast<std::size_t>(length) + 1);
-    std::vsnprintf(text.data(), text.size(), format, again);
-    text.pop_back();
-  }
-  va_end(again);
-  return text;
-}
-
 void send(const std::shared_ptr<spdlog::sinks::sink>& sink, const Level& level, const std::string& line) {
   try {
     sink->log(spdlog::details::log_msg("", level.severity, spdlog::string_view_t(line.data(), line.size())));
@@ -237,7 +223,7 @@ void Logger::log(LogLevel level, const char* file, int line, const char* functio
   va_list arguments;
   va_start(arguments, format);
   try {
-    const std::string text = filled(format, arguments);
+    const std::string text = printfText(format, arguments);
     const Level& named = levelOf(level);
     const std::string start = std::string(named.name) + " " + oneLine(m_name) + ": ";
     const std::string end = VS(" [%s:%d %s]", file, line, function);

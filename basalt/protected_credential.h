@@ -8,6 +8,9 @@
 
 namespace lumo {
 
+// The name of the web proxy's credential.
+inline constexpr char PROXY_CREDENTIAL[] = "httpproxy";
+
 // The file is /var/morvand/NAME.cred. One thread at a time. A user string of any bytes and an empty secret are valid.
 //
 // File format, all numbers big-endian: "MVPC" (4 bytes), format version 1 (1 byte), key version (4), encryption type

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <new>
 
+#include "basalt/printf_text.h"
+
 namespace {
 
 constexpr char whiteSpace[] = " \t\n\v\f\r";
@@ -15,13 +17,10 @@ char upperLetter(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - '
 
 }  // namespace
 
-std::string VS(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
+std::string lumo::printfText(const char* format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
-  va_end(arguments);
   std::string text;
   if (length > 0) {
     try {
@@ -35,6 +34,19 @@ std::string VS(const char* format, ...) {
   }
   va_end(again);
   return text;
+}
+
+std::string VS(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  try {
+    std::string text = lumo::printfText(format, arguments);
+    va_end(arguments);
+    return text;
+  } catch (...) {
+    va_end(arguments);
+    throw;
+  }
 }
 
 std::string lower(const std::string& s) {

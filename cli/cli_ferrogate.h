@@ -61,8 +61,6 @@ int parseSetCommandOption(int ch, CommandOptions& record);
 int parseTestCommandOption(int ch, CommandOptions& record);
 // 0 for HOST:PORT with both non-empty, else 7 after a report.
 int checkServerNameSyntax(const std::string& value);
-// Is the authentication type one of those that FIPS mode rules out?
-bool isBarredByFips(const std::string& authType);
 // Does this process believe the same of FIPS mode as the running agent? True when no agent runs.
 bool fipsModeConsistent();
 // The warning for a false answer.
@@ -75,7 +73,6 @@ inline constexpr char FIPS_INCONSISTENT[] =
 inline constexpr int CredentialUser = 1;
 inline constexpr int CredentialPassword = 2;
 inline constexpr int CredentialKey = 4;
-inline constexpr char CREDENTIAL_NAME[] = "httpproxy";
 int getCredential(CommandOptions& record, int mask);  // 0, 158 or 159
 int storeCredential(const CommandOptions& record);    // 0 or 160
 // Asks for the password at the terminal; an empty answer is an answer. False, after a report, when nobody can be asked.

@@ -10,7 +10,7 @@
 
 int getCredential(CommandOptions& record, int mask) {
   try {
-    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
     credential.loadFromFile(true);
     if (!credential.isLoaded()) return result::NoCredential;
     if ((mask & CredentialUser) != 0) record.username = credential.getUser();
@@ -31,7 +31,7 @@ int getCredential(CommandOptions& record, int mask) {
 
 int storeCredential(const CommandOptions& record) {
   try {
-    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
     credential.setCred(record.username, record.password);
     credential.storeToFile();
     return result::Success;

@@ -106,7 +106,7 @@ int takeAuthType(CommandOptions& record) {
   if (known == proxyAuthTypes.end() || known->second == 0) {
     return refuse("Invalid value specified to --authtype option.\n");
   }
-  return isBarredByFips(record.authType) ? judgeFips(record.authType) : result::Success;
+  return lumo::FIPSHelper::bars(record.authType) ? judgeFips(record.authType) : result::Success;
 }
 
 int takeUrl(CommandOptions& record) {
@@ -168,8 +168,6 @@ int checkServerNameSyntax(const std::string& value) {
   if (colon != std::string::npos && colon > 0 && colon + 1 < value.size()) return result::Success;
   return refuse("Invalid server's name format specified in --server option.\n");
 }
-
-bool isBarredByFips(const std::string& authType) { return authType == "ntlm" || authType == "digest"; }
 
 bool fipsModeConsistent() {
   const bool own = lumo::FIPSHelper::isStarted();

@@ -59,7 +59,7 @@ int handleSetCommand(CommandOptions& record) {
 
 int handleDeleteCommand(CommandOptions& record) {
   try {
-    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
     credential.cleanup();
     return result::Success;
   } catch (const LUMOException& failure) {

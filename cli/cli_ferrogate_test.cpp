@@ -27,7 +27,7 @@ int readSettings(CommandOptions& record) {
 }
 
 int judgeFips(const CommandOptions& record) {
-  if (!isBarredByFips(record.authType)) return result::Success;
+  if (!lumo::FIPSHelper::bars(record.authType)) return result::Success;
   if (!fipsModeConsistent()) FERRO_REPORT(3, FIPS_INCONSISTENT);
   if (!lumo::FIPSHelper::isStarted()) return result::Success;
   FERRO_REPORT(4, VS("Auth type '%s' is configured, which is not allowed when FIPS mode is enabled.\n",
@@ -89,16 +89,11 @@ void setUpTrace(CurlObject& connection) {
 }
 
 void setUpTrust(CurlObject& connection, const CommandOptions& record) {
-  const lumo::Properties& settings = lumo::Props(false, false);
-  if (settings.getBool(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION, false)) {
-    connection.setOpt(CURLOPT_SSL_VERIFYPEER, 0);
-    connection.setOpt(CURLOPT_SSL_VERIFYHOST, 0);
+  if (!setVerification(connection, lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION)) {
     FERRO_NOTE(record.verbose, "Skip cert verfication.");
     return;
   }
-  connection.setOpt(CURLOPT_SSL_VERIFYPEER, 1);
-  connection.setOpt(CURLOPT_SSL_VERIFYHOST, 2);
-  std::string store = settings.getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
+  std::string store = lumo::Props(false, false).getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
   if (store.empty()) store = findCertBundle();
   if (!store.empty()) {
     connection.setOpt(CURLOPT_CAINFO, store);

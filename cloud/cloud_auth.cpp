@@ -20,6 +20,14 @@ void CloudAuth::dumpMrvHeader() {
   }
 }
 
+bool CloudAuth::turnToPod() {
+  const rapidjson::Value& pod = member(member(document, "Result"), "PodFqdn");
+  if (!pod.IsString()) return false;
+  podHost.assign(pod.GetString(), pod.GetStringLength());
+  updateUrls();
+  return true;
+}
+
 int CloudAuth::processResult() {
   const auto log = logger();
   LUMO_LOG(log, 1, "HTTP code = %ld", httpCode);

@@ -32,12 +32,7 @@ int CloudAuthV0::startAuthentication(const Payload*) { return startAuthenticatio
 
 int CloudAuthV0::startAuthentication() {
   if (get(getAuthPolicyUrl, params) == 0) return AUTH_REQUEST_FAILED;
-  const rapidjson::Value& pod = member(member(document, "Result"), "PodFqdn");
-  if (pod.IsString()) {
-    podHost.assign(pod.GetString(), pod.GetStringLength());
-    updateUrls();
-    if (get(getAuthPolicyUrl, params) == 0) return AUTH_REQUEST_FAILED;
-  }
+  if (turnToPod() && get(getAuthPolicyUrl, params) == 0) return AUTH_REQUEST_FAILED;
   return parsePolicy();
 }
 

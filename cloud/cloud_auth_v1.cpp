@@ -46,12 +46,7 @@ int CloudAuthV1::startAuthentication() {
   body.set("User", userName).set("Version", POLICY_FORMAT);
   const std::string& text = body.text();
   if (post(startUrl, text) == 0) LUMO_THROW(lumo::CloudException, -1, "Failed to startAuthentication");
-  const rapidjson::Value& pod = member(member(document, "Result"), "PodFqdn");
-  if (pod.IsString()) {
-    podHost.assign(pod.GetString(), pod.GetStringLength());
-    updateUrls();
-    if (post(startUrl, text) == 0) return AUTH_REQUEST_FAILED;
-  }
+  if (turnToPod() && post(startUrl, text) == 0) return AUTH_REQUEST_FAILED;
   return parsePolicy();
 }
 

@@ -50,11 +50,7 @@ std::string CloudConnectorLocator::zoneCloudUrl() const {
 
 void CloudConnectorLocator::resetState() {
   const LocatorLock held;
-  m_currentSiteTryList.clear();
-  m_otherSiteTryList.clear();
-  m_discardedList.clear();
-  m_currentSiteUnusedList.clear();
-  m_otherSiteUnusedList.clear();
+  clearLists(held);
   m_invalidList.clear();
   m_connectors.clear();
   for (std::string* text : {&m_currentConnector, &m_connectorPort, &m_connectorFqdn, &m_tenantId, &m_site,

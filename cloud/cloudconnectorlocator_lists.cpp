@@ -86,6 +86,14 @@ long CloudConnectorLocator::getRecoverInterval() {
   return std::clamp(seconds, 1L, static_cast<long>(INT_MAX));
 }
 
+void CloudConnectorLocator::clearLists(const LocatorLock&) {
+  m_currentSiteTryList.clear();
+  m_otherSiteTryList.clear();
+  m_discardedList.clear();
+  m_currentSiteUnusedList.clear();
+  m_otherSiteUnusedList.clear();
+}
+
 void CloudConnectorLocator::insertCloudConnectors(const LocatorLock& held, Entries& current, Entries& other,
                                                   const std::string& url) {
   Entries ofCurrent = takeOf(current, url);

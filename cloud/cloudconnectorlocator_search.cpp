@@ -138,11 +138,7 @@ void CloudConnectorLocator::processList(const LocatorLock& held, const boost::sh
   if (agent != nullptr) readComputersAhead(*agent, *found);
   for (const auto& connector : *found) sortConnector(held, connector, sorted);
   decideCloudUrl(held);
-  m_currentSiteTryList.clear();
-  m_otherSiteTryList.clear();
-  m_discardedList.clear();
-  m_currentSiteUnusedList.clear();
-  m_otherSiteUnusedList.clear();
+  clearLists(held);
   m_currentConnector.clear();
   tryOverrideFirst(held);
   for (const auto& url : m_cloudUrls) {

@@ -67,15 +67,19 @@ void connectBoth(ADBinding& first, ADBinding& second) {
   beside.get();
 }
 
+void logNoCredential(const std::exception& failure) {
+  LUMO_LOG(logger(), 4,
+           "Failed to get/store kerberos credential to access Http Proxy Server (Error:%s). Use of Http Proxy Server "
+           "might fail!",
+           failure.what());
+}
+
 // Empty when the machine has no usable cache: the request then fails at the proxy, not here.
 std::string machineCacheName() {
   try {
     return ADHelper::GetMachineCredCache();
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 4,
-             "Failed to get/store kerberos credential to access Http Proxy Server (Error:%s). Use of Http Proxy Server "
-             "might fail!",
-             failure.what());
+    logNoCredential(failure);
     return std::string();
   }
 }
@@ -140,10 +144,7 @@ std::string CurlProxyNegotiateHelper::createUserCCache() {
   try {
     name = requestTicket();
   } catch (const std::exception& failure) {
-    LUMO_LOG(logger(), 4,
-             "Failed to get/store kerberos credential to access Http Proxy Server (Error:%s). Use of Http Proxy Server "
-             "might fail!",
-             failure.what());
+    logNoCredential(failure);
   }
   if (name.empty() && userCCache != nullptr) {
     delete userCCache;

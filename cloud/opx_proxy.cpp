@@ -16,7 +16,6 @@ lumo::Mutex opxLock;
 
 namespace {
 
-constexpr char CREDENTIAL_NAME[] = "httpproxy";
 constexpr char DEFAULT_PORT[] = "8080";
 
 CloudProxyInfo cloudHttpProxy;  // under opxLock
@@ -28,17 +27,13 @@ bool isNumeric(const std::string& host) {
   return inet_aton(host.c_str(), &ignored) != 0;
 }
 
-bool isBarredByFips(const std::string& authType) {
-  return (authType == "ntlm" || authType == "digest") && lumo::FIPSHelper::isStarted();
-}
-
 void logCredentialFailure(const char* why) {
   LUMO_LOG(logger(), 4, "Failed to get proxy credential, %sUse of Http Proxy Server might fail!", why);
 }
 
 void fillCredential(CloudProxyInfo& proxy) {
   try {
-    lumo::ProtectedCredential credential(CREDENTIAL_NAME);
+    lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
     credential.loadFromFile(true);
     if (!credential.isLoaded()) {
       logCredentialFailure("none is stored. ");
@@ -58,7 +53,7 @@ void fillCredential(CloudProxyInfo& proxy) {
 
 void fillAuthentication(CloudProxyInfo& proxy, bool hostIsName) {
   proxy.proxyAuth = lower(lumo::Props(false, false).getProperty(lumo::PN::CLOUD_PROXY_AUTH_TYPE, "AnyAuth"));
-  if (isBarredByFips(proxy.proxyAuth)) {
+  if (lumo::FIPSHelper::bars(proxy.proxyAuth) && lumo::FIPSHelper::isStarted()) {
     LUMO_LOG(logger(), 4, "Auth Type '%s' is not allowed when FIPS mode is enabled.", proxy.proxyAuth.c_str());
     proxy.proxyUsable = false;
   }

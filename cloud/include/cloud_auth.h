@@ -147,6 +147,8 @@ class CloudAuth : public CloudBase {
  protected:
   // Logs the headers X-MRV-* of the last reply at level 1.
   void dumpMrvHeader();
+  // Takes over the pod that the last reply redirects to, and its URLs. False where it names none.
+  bool turnToPod();
 
   std::string userName;
   std::string version;

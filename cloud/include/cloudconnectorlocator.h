@@ -105,6 +105,7 @@ class CloudConnectorLocator {
   void decideCloudUrl(const LocatorLock& held);
 
   // cloudconnectorlocator_lists.cpp: the lists and their order.
+  void clearLists(const LocatorLock& held);  // all but that of the invalid ones
   void insertCloudConnectors(const LocatorLock& held, Entries& current, Entries& other, const std::string& url);
   void inserIntoUnusedList(const LocatorLock& held, Entries current, Entries other);
   void inserIntoTryList(const LocatorLock& held, Entries current, Entries other);

@@ -157,8 +157,13 @@ class PlatformCore {
   const User* knownUser(const std::string& name, Answer& refusal) const;
   Login* begin(const User& user, const std::string& policy, const std::string& host, const char* kind);
   Login* loginOf(const Call& call, const std::string& id, Answer& refusal);
-  // Of a POST that goes on with a login of version 0: the login, with parameters and body; else null and the refusal.
-  Login* continued(const Call& call, Strings& query, Strings& body, Answer& refusal);
+  // A POST that goes on with a login of version 0, which is null where it is refused.
+  struct Continued {
+    Strings query, body;
+    Login* login;
+    Answer refusal;
+  };
+  Continued continued(const Call& call);
   bool redirects(const Call& call, const User& user) const;
   std::string packageOf(const Login& login, const Call& call, const char* summary) const;
   bool answers(const User& user, const Offer& offer, const std::string& answer);

@@ -69,23 +69,19 @@ Answer PlatformCore::getAuthPolicy(const Call& call) {
   return success(result.raw("mechs", mechs.str()).str());
 }
 
-Login* PlatformCore::continued(const Call& call, Strings& query, Strings& body, Answer& refusal) {
-  query = queryOf(call, {"elevate", "user"});
-  body = bodyOf(call);
-  refusal = malformed();
-  if (!query || !body) return nullptr;
-  Login* login = loginOf(call, valueOf(*body, "recId"), refusal);
-  if (login != nullptr && valueOf(*query, "user") != login->user && !login->foreign) {
-    surprise(call, "the record is " + login->user + "'s, the user " + valueOf(*query, "user"));
+PlatformCore::Continued PlatformCore::continued(const Call& call) {
+  Continued found{queryOf(call, {"elevate", "user"}), bodyOf(call), nullptr, malformed()};
+  if (!found.query || !found.body) return found;
+  found.login = loginOf(call, valueOf(*found.body, "recId"), found.refusal);
+  const std::string& user = valueOf(*found.query, "user");
+  if (found.login != nullptr && user != found.login->user && !found.login->foreign) {
+    surprise(call, "the record is " + found.login->user + "'s, the user " + user);
   }
-  return login;
+  return found;
 }
 
 Answer PlatformCore::multiAuthLogin(const Call& call) {
-  Strings query;
-  Strings body;
-  Answer refusal;
-  Login* login = continued(call, query, body, refusal);
+  const auto [query, body, login, refusal] = continued(call);
   if (login == nullptr) return refusal;
   if (body->back().first == "UP") return givePassword(call, *login, *body);
   if (body->size() == 2 && body->back().first == "recId" && body->front().first != "nextMechId") {
@@ -154,10 +150,7 @@ Answer PlatformCore::giveAnswer(const Call& call, Login& login, const Pairs& bod
 }
 
 Answer PlatformCore::moveToNextLoginPage(const Call& call) {
-  Strings query;
-  Strings body;
-  Answer refusal;
-  Login* login = continued(call, query, body, refusal);
+  const auto [query, body, login, refusal] = continued(call);
   if (login == nullptr) return refusal;
   if (body->size() == 2) {
     return expectNames(call, *body, {"nextMechId", "recId"}) ? pollRecord(call, *login, *body) : malformed();

@@ -2,23 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gssapi/gssapi_krb5.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
-#include <chrono>
-#include <future>
-#include <memory>
-#include <thread>
-
-#include "basalt/kerberos_abandoned.h"
 #include "basalt/kerberos_handles.h"
-#include "basalt/kerberos_request.h"
-#include "base/include/kerb_wrap.h"
+#include "basalt/tests/own_kerberos_context.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "testsupport/fake_credential_source.h"
 #include "testsupport/log_capture.h"
-#include "testsupport/temp_folder.h"
 
 namespace {
 
@@ -26,31 +16,8 @@ using testing::HasSubstr;
 using testsupport::FakeCredentialSource;
 using testsupport::handMadeTicket;
 
-// A configuration of the test's own, a context of it, and somebody.
-class KerberosCredentialsTest : public testing::Test {
+class KerberosCredentialsTest : public OwnKerberosContext {
  protected:
-  KerberosCredentialsTest() {
-    configure("");
-    setenv("KRB5CCNAME", ("FILE:" + folder.file("default")).c_str(), 1);
-    context = std::make_unique<KerberosContext>();
-    alice = parse("alice@CORP.TEST");
-  }
-  ~KerberosCredentialsTest() override {
-    krb5_free_principal(context->get(), alice);
-    unsetenv("KRB5_CONFIG");
-    unsetenv("KRB5CCNAME");
-  }
-
-  void configure(const std::string& more) const {
-    testsupport::writeFile(folder.file("krb5.conf"),
-                           "[libdefaults]\n default_realm = CORP.TEST\n dns_lookup_kdc = false\n" + more);
-    setenv("KRB5_CONFIG", folder.file("krb5.conf").c_str(), 1);
-  }
-  krb5_principal parse(const char* name) const {
-    krb5_principal principal = nullptr;
-    EXPECT_EQ(krb5_parse_name(context->get(), name, &principal), 0);
-    return principal;
-  }
   std::string ownerOf(const std::string& cacheName) const {
     lumo::KrbCCache cache(context->get());
     lumo::KrbPrincipal owner(context->get());
@@ -64,15 +31,10 @@ class KerberosCredentialsTest : public testing::Test {
     cache.storeCred(creds);
     krb5_free_cred_contents(context->get(), &creds);
   }
-
-  testsupport::TempFolder folder;
-  std::unique_ptr<KerberosContext> context;
-  krb5_principal alice = nullptr;
 };
 
 using MemoryCCacheTest = KerberosCredentialsTest;
 using GSSCredentialTest = KerberosCredentialsTest;
-using KdcRequestTest = KerberosCredentialsTest;
 
 TEST_F(MemoryCCacheTest, HasANameOfItsOwnAndGoesWithTheObject) {
   std::string name;
@@ -257,113 +219,6 @@ TEST_F(KerberosCredentialsTest, RealmWithoutAKdcIsAnErrorWithWords) {
       getCredentials(context->get(), alice, secret, &creds, &text, nullptr, nullptr, "NOWHERE.TEST", 1, nullptr);
   EXPECT_NE(rc, 0);
   EXPECT_EQ(text, "Cannot find KDC for realm \"NOWHERE.TEST\"");
-}
-
-TEST_F(KdcRequestTest, GivesTicketOrCodeAndText) {
-  krb5_creds creds{};
-  std::string text = "untouched";
-  const auto good = [this](krb5_context own, krb5_creds* into) {
-    EXPECT_NE(own, context->get());
-    *into = handMadeTicket(own, alice, 60);
-    return krb5_error_code{0};
-  };
-  EXPECT_EQ(lumo::runKdcRequest(context->get(), good, std::chrono::seconds(30), &creds, &text), 0);
-  EXPECT_TRUE(krb5_principal_compare(context->get(), creds.client, alice));
-  EXPECT_EQ(text, "untouched");
-  krb5_free_cred_contents(context->get(), &creds);
-
-  const auto refused = [](krb5_context own, krb5_creds*) {
-    krb5_set_error_message(own, KRB5_PREAUTH_FAILED, "%s", "words of the request");
-    return static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED);
-  };
-  EXPECT_EQ(lumo::runKdcRequest(context->get(), refused, std::chrono::seconds(30), &creds, &text),
-            static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED));
-  EXPECT_EQ(text, "words of the request");
-
-  const auto throwing = [](krb5_context, krb5_creds*) -> krb5_error_code { throw std::bad_alloc(); };
-  EXPECT_EQ(lumo::runKdcRequest(context->get(), throwing, std::chrono::seconds(30), &creds, nullptr), ENOMEM);
-}
-
-// What is behind the gate is what a request does after the call that gave it; all it uses belongs to it.
-class AbandonedKdcRequestTest : public KerberosCredentialsTest {
- protected:
-  ~AbandonedKdcRequestTest() override {
-    if (closed) open();
-    EXPECT_TRUE(lumo::joinAbandonedKdcRequests(std::chrono::seconds(30)));
-  }
-
-  krb5_error_code abandonOne(std::chrono::milliseconds limit) {
-    const auto late = [gate = gate](krb5_context own, krb5_creds* into) {
-      gate.wait();
-      krb5_principal client = nullptr;
-      EXPECT_EQ(krb5_parse_name(own, "late@CORP.TEST", &client), 0);
-      *into = handMadeTicket(own, client, 60);  // dropped, and freed with the request
-      krb5_free_principal(own, client);
-      return krb5_error_code{0};
-    };
-    return lumo::runKdcRequest(context->get(), late, limit, &creds, &text);
-  }
-  void open() {
-    closed = false;
-    opener.set_value();
-  }
-
-  std::promise<void> opener;
-  std::shared_future<void> gate = opener.get_future().share();
-  bool closed = true;
-  krb5_creds creds{};
-  std::string text;
-};
-
-TEST_F(AbandonedKdcRequestTest, RequestThatDoesNotEndIsLeftBehind) {
-  EXPECT_EQ(abandonOne(std::chrono::seconds(1)), static_cast<krb5_error_code>(KRB5_KDC_UNREACH));
-  EXPECT_EQ(text, "No answer from a KDC within 1 seconds");
-  EXPECT_EQ(creds.client, nullptr);
-}
-
-TEST_F(AbandonedKdcRequestTest, OnesThatStillRunAreWaitedForNoLongerThanTheLimit) {
-  EXPECT_TRUE(lumo::joinAbandonedKdcRequests(std::chrono::milliseconds(0)));
-  abandonOne(std::chrono::milliseconds(1));
-  abandonOne(std::chrono::milliseconds(1));
-  EXPECT_FALSE(lumo::joinAbandonedKdcRequests(std::chrono::milliseconds(0)));
-  EXPECT_FALSE(lumo::joinAbandonedKdcRequests(std::chrono::milliseconds(10)));
-  EXPECT_EQ(lumo::abandonedKdcRequests(), 2U);
-  open();
-  EXPECT_TRUE(lumo::joinAbandonedKdcRequests(std::chrono::seconds(30)));
-  EXPECT_EQ(lumo::abandonedKdcRequests(), 0U);
-}
-
-TEST_F(AbandonedKdcRequestTest, ALaterRequestJoinsThoseThatHaveEnded) {
-  abandonOne(std::chrono::milliseconds(1));
-  const auto refused = [](krb5_context, krb5_creds*) { return static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED); };
-  const auto runAnother = [&] {
-    EXPECT_EQ(lumo::runKdcRequest(context->get(), refused, std::chrono::seconds(30), &creds, nullptr),
-              static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED));
-  };
-  runAnother();
-  EXPECT_EQ(lumo::abandonedKdcRequests(), 1U);
-  open();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (lumo::abandonedKdcRequests() != 0 && std::chrono::steady_clock::now() < deadline) runAnother();
-  EXPECT_EQ(lumo::abandonedKdcRequests(), 0U);
-}
-
-// The password in a request does not wait for the thread to be joined.
-TEST_F(KdcRequestTest, RequestIsDestroyedOnItsThread) {
-  std::thread::id there;
-  std::thread::id destroyedOn;
-  std::shared_ptr<int> witness(new int(0), [&](const int* value) {
-    destroyedOn = std::this_thread::get_id();
-    delete value;
-  });
-  lumo::KdcRequest request = [&there, own = std::move(witness)](krb5_context, krb5_creds*) {
-    there = std::this_thread::get_id();
-    return static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED);
-  };
-  krb5_creds creds{};
-  lumo::runKdcRequest(context->get(), std::move(request), std::chrono::seconds(30), &creds, nullptr);
-  EXPECT_EQ(destroyedOn, there);
-  EXPECT_NE(there, std::this_thread::get_id());
 }
 
 TEST(SetupFunctionsTest, NothingIsInstalledForNull) {

@@ -115,7 +115,7 @@ void timeCalls(const char* name, size_t calls, std::chrono::microseconds pause) 
 
 void measure(int rounds, size_t calls) {
   Platform platform;
-  NobodysDirectory directory;
+  testsupport::EmptyDirectory directory;
   NobodysTickets tickets;
   const SettingsScope settings{{lumo::PN::CLOUD_DIRECT_CONNECTION, "true"},
                                {lumo::PN::CLOUD_IWA_URL_OVERRIDE, platform.connectorUrl()}};

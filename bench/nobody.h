@@ -3,27 +3,10 @@
 
 #include <time.h>
 
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "basalt/directory.h"
 #include "basalt/kerberos_credentials.h"
-
-// A directory that knows nobody.
-class NobodysDirectory : public DirectoryConnector {
- public:
-  NobodysDirectory() { setInstance(this); }
-  std::unique_ptr<DirectoryConnection> open(const Target&) override { return std::make_unique<Connection>(); }
-  std::string site(const std::string&) override { return std::string(); }
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    std::vector<ADObjectPtr> search(const DirectorySearch&) override { return {}; }
-    ADObjectPtr rootDse() override { return ADObjectPtr(new lumo::ADObject("")); }
-  };
-};
+#include "testsupport/empty_directory.h"
 
 // No ticket for anybody.
 class NobodysTickets : public KerberosCredentialSource {

@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: pool [BATCHES]\n");
     return 2;
   }
-  NobodysDirectory directory;
+  testsupport::EmptyDirectory directory;
   NobodysTickets tickets;
   lumo::Props(false, true).setProperty(lumo::PN::FERROD_CLOUD_AUTH_CONN_MAX, std::to_string(CONNECTIONS));
   CloudCurlPool& pool = CloudCurlPool::getInstance();

@@ -4,6 +4,7 @@
 #include <boost/make_shared.hpp>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "base/include/string_helpers.h"
 #include "cloud/tests/cloudconnectorlocator_access.h"
+#include "cloud/tests/cloudconnectorlocator_keywords.h"
 
 namespace {
 
@@ -29,21 +31,7 @@ std::string hostOf(const std::string& url) {
 }
 
 Settings expected(const std::vector<std::string>& keywords) {
-  static const Settings names = {
-      {"morvane.core.cloudurl", LUMO_CLOUD_URL},
-      {"morvane.core.webproxy.port", LUMO_CLOUD_CONNECTOR_PORT},
-      {"morvane.mobile.proxyScp", LUMO_CLOUD_PROXY_SCP},
-      {"morvane.mobile.proxySite", LUMO_CLOUD_CONNECTOR_SITE},
-      {"morvane.mobile.proxySysId", LUMO_CLOUD_TENANT_ID},
-      {"morvane.mobile.proxyUri", LUMO_CLOUD_PROXY_FQDN},
-      {"morvane.core.webproxy", LUMO_CLOUD_WEB_PROXY},
-      {"morvane.core.webproxyenabled", LUMO_CLOUD_WEB_PROXYENABLED},
-      {"morvane.core.iwa.enabled", LUMO_CLOUD_CONNECTOR_IWA_ENABLED},
-      {"morvane.core.iwa.hostname", LUMO_CLOUD_CONNECTOR_IWA_HOSTNAME},
-      {"morvane.core.iwa.useHttps", LUMO_CLOUD_CONNECTOR_IWA_USEHTTPS},
-      {"morvane.core.iwa.httpPort", LUMO_CLOUD_CONNECTOR_IWA_HTTP_PORT},
-      {"morvane.core.iwa.httpsPort", LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT},
-  };
+  static const Settings names(std::begin(KEYWORD_ROWS), std::end(KEYWORD_ROWS));
   Settings settings;
   for (const auto& keyword : keywords) {
     std::vector<std::string> parts;

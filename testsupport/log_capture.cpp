@@ -24,11 +24,11 @@ LogCapture::~LogCapture() {
 
 std::string LogCapture::text() const { return exists(path()) ? readFile(path()) : std::string(); }
 
-std::vector<std::string> LogCapture::lines() const {
+std::vector<std::string> recordsIn(const std::string& content) {
   // 2026-03-01T09:30:00.123+0100 PROGRAM[PID] RECORD
-  std::istringstream content(readFile(path()));
+  std::istringstream lines(content);
   std::vector<std::string> records;
-  for (std::string line; std::getline(content, line);) {
+  for (std::string line; std::getline(lines, line);) {
     const std::size_t end = line.find("] ");
     if (line.size() < 30 || line[10] != 'T' || end == std::string::npos) {
       throw std::runtime_error("not a log record: " + line);
@@ -38,11 +38,15 @@ std::vector<std::string> LogCapture::lines() const {
   return records;
 }
 
-std::vector<std::string> LogCapture::texts() const {
-  std::vector<std::string> records = lines();
+std::vector<std::string> textsIn(const std::string& content) {
+  std::vector<std::string> records = recordsIn(content);
   for (auto& record : records) record.resize(record.rfind(" ["));
   return records;
 }
+
+std::vector<std::string> LogCapture::lines() const { return recordsIn(readFile(path())); }
+
+std::vector<std::string> LogCapture::texts() const { return textsIn(readFile(path())); }
 
 std::vector<std::string> LogCapture::newTexts(const std::string& logger) {
   const std::string marker = " " + logger + ":";

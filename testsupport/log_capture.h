@@ -10,6 +10,11 @@
 
 namespace testsupport {
 
+// The records of a log file's content without time and program: "ERROR base.properties: TEXT [FILE:LINE FUNCTION]".
+std::vector<std::string> recordsIn(const std::string& content);
+// Their level, logger and text alone: "ERROR base.properties: TEXT".
+std::vector<std::string> textsIn(const std::string& content);
+
 // Sends the log of this process to a file of its own, from construction to destruction, at a level (DEBUG by name)
 // for all loggers. The system log is not touched by it: thresholds are the same for both.
 class LogCapture {
@@ -21,9 +26,8 @@ class LogCapture {
 
   // All records so far as they stand in the file, as one text.
   std::string text() const;
-  // The records without time and program: "ERROR base.properties: TEXT [FILE:LINE FUNCTION]".
+  // As recordsIn and textsIn.
   std::vector<std::string> lines() const;
-  // The records' level, logger and text alone: "ERROR base.properties: TEXT".
   std::vector<std::string> texts() const;
   // Of those of one logger what came since the last call, without the logger's name: "ERROR TEXT".
   std::vector<std::string> newTexts(const std::string& logger);

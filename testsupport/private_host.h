@@ -16,6 +16,13 @@ void hideMachineState();
 
 // Everything that a test may have left in the private host goes: /etc/morvand, /var/morvand, /run and the keytab.
 void cleanPrivateHost();
+// The same at both ends of a scope: the host remembers nothing of before, and nothing stays behind.
+struct CleanPrivateHost {
+  CleanPrivateHost() { cleanPrivateHost(); }
+  ~CleanPrivateHost() { cleanPrivateHost(); }
+  CleanPrivateHost(const CleanPrivateHost&) = delete;
+  CleanPrivateHost& operator=(const CleanPrivateHost&) = delete;
+};
 
 // Mounts a tmpfs of `kilobytes` on the folder (made when missing), e.g. to run out of space; unmounted by
 // cleanPrivateHost.

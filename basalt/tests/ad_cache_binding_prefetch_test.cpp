@@ -4,6 +4,7 @@
 #include "base/include/exceptions.h"
 #include "testsupport/manual_clock.h"
 #include "testsupport/memory_directory.h"
+#include "testsupport/watched_directory.h"
 
 namespace {
 
@@ -50,39 +51,9 @@ TEST_F(Prefetch, AnswersLaterSearchesWithFewQuestions) {
   EXPECT_EQ(questions(), asked);
 }
 
-// A directory whose every answer takes so long.
-class SlowDirectory : public DirectoryConnector {
- public:
-  SlowDirectory(DirectoryConnector& inner, testsupport::ManualClock& clock, std::chrono::seconds each)
-      : m_inner(inner), m_clock(clock), m_each(each) {}
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    return std::make_unique<Connection>(*this, m_inner.open(target));
-  }
-  std::string site(const std::string& domain) override { return m_inner.site(domain); }
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    Connection(SlowDirectory& directory, std::unique_ptr<DirectoryConnection> inner)
-        : m_directory(directory), m_inner(std::move(inner)) {}
-    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
-      m_directory.m_clock.advance(m_directory.m_each);
-      return m_inner->search(what);
-    }
-    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
-
-   private:
-    SlowDirectory& m_directory;
-    const std::unique_ptr<DirectoryConnection> m_inner;
-  };
-
-  DirectoryConnector& m_inner;
-  testsupport::ManualClock& m_clock;
-  const std::chrono::seconds m_each;
-};
-
 TEST_F(Prefetch, GivesUpAServerThatTakesTooLongForAllQuestions) {
-  SlowDirectory slow(m_directory, m_clock, std::chrono::seconds(14));
+  testsupport::WatchedDirectory slow(m_directory);
+  slow.onSearch = [this](const auto&, const auto&) { m_clock.advance(std::chrono::seconds(14)); };
   const testsupport::DirectoryInForce inForce(slow);
   add(0, 1000);
   std::vector<std::string> dns;
@@ -208,44 +179,18 @@ TEST_F(Prefetch, AsksForEachByItselfWhenMoreIsFoundThanTheServerGives) {
   EXPECT_EQ(known(host(2)), "none");
 }
 
-// Counts what the server was told to come.
-class Announced : public DirectoryConnector {
- public:
-  explicit Announced(MemoryDirectory& inner) : m_inner(inner) {}
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    return std::make_unique<Connection>(*this, m_inner.open(target));
-  }
-  std::string site(const std::string& domain) override { return m_inner.site(domain); }
-
-  std::vector<std::string> said;
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    Connection(Announced& directory, std::unique_ptr<DirectoryConnection> inner)
-        : m_directory(directory), m_inner(std::move(inner)) {}
-    void announce(const DirectorySearch& what) override { say("announced ", what); }
-    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
-      say("asked ", what);
-      return m_inner->search(what);
-    }
-    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
-
-   private:
-    void say(const std::string& doing, const DirectorySearch& what) {
-      const std::string first = what.filter.substr(0, what.filter.find(')'));
-      std::string attributes;
-      for (const auto& name : what.attributes) attributes += " " + name;
-      m_directory.said.push_back(doing + first + attributes);
-    }
-    Announced& m_directory;
-    const std::unique_ptr<DirectoryConnection> m_inner;
-  };
-  MemoryDirectory& m_inner;
-};
+// A question's first name and its attributes.
+std::string shortened(const DirectorySearch& what) {
+  std::string text = what.filter.substr(0, what.filter.find(')'));
+  for (const auto& name : what.attributes) text += " " + name;
+  return text;
+}
 
 TEST_F(Prefetch, TellsTheServerTheNextQuestionBeforeItLooksAtAnAnswer) {
-  Announced directory(m_directory);
+  testsupport::WatchedDirectory directory(m_directory);
+  std::vector<std::string> said;
+  directory.onAnnounce = [&said](const auto& what) { said.push_back("announced " + shortened(what)); };
+  directory.onSearch = [&said](const auto&, const auto& what) { said.push_back("asked " + shortened(what)); };
   const testsupport::DirectoryInForce inForce(directory);
   ASSERT_TRUE(m_binding.isHealthy());
   std::vector<std::string> dns;
@@ -254,9 +199,9 @@ TEST_F(Prefetch, TellsTheServerTheNextQuestionBeforeItLooksAtAnAnswer) {
   const std::string second = std::to_string(ADCacheBinding::PREFETCH_BATCH);
   const std::string third = std::to_string(2 * ADCacheBinding::PREFETCH_BATCH);
   const std::string rest = " cn objectGUID";
-  EXPECT_THAT(directory.said, testing::ElementsAre("announced (|(cn=h0" + rest, "announced (|(cn=h" + second + rest,
-                                                   "asked (|(cn=h0" + rest, "announced (|(cn=h" + third + rest,
-                                                   "asked (|(cn=h" + second + rest, "asked (|(cn=h" + third + rest));
+  EXPECT_THAT(said, testing::ElementsAre("announced (|(cn=h0" + rest, "announced (|(cn=h" + second + rest,
+                                         "asked (|(cn=h0" + rest, "announced (|(cn=h" + third + rest,
+                                         "asked (|(cn=h" + second + rest, "asked (|(cn=h" + third + rest));
 }
 
 TEST_F(Prefetch, FailsWhenTheDirectoryIsAway) {

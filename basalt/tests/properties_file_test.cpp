@@ -12,6 +12,7 @@
 
 #include "base/include/exceptions.h"
 #include "base/include/properties.h"
+#include "testsupport/failure_of.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
 
@@ -19,18 +20,10 @@ using lumo::Properties;
 using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::TempFolder;
+using testsupport::wordsOf;
 using testsupport::writeFile;
 
 namespace {
-
-std::string faultOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const lumo::SystemException& failure) {
-    return failure.what();
-  }
-  return "no SystemException";
-}
 
 class PropertiesFile : public testing::Test {
  protected:
@@ -178,7 +171,7 @@ TEST_F(PropertiesFile, WhatCouldNotBeReadBackIsNotWritten) {
   Properties settings;
   settings.loadFile(file);
   settings.setProperty("a", "22");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }),
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(file); }),
             "Cannot write " + file + ": it would be larger than 1048576 bytes");
   EXPECT_EQ(readFile(file), full);
   settings.setProperty("a", "2");
@@ -191,7 +184,7 @@ TEST_F(PropertiesFile, NoFolderIsAnError) {
   Properties settings;
   settings.setProperty("a", "1");
   const std::string path = folder.file("none/test.conf");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(path); }),
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(path); }),
             "Cannot lock " + folder.file("none/.test.conf.lock") + ": No such file or directory");
   EXPECT_TRUE(settings.dirty());
 }
@@ -200,17 +193,21 @@ TEST_F(PropertiesFile, NoFolderIsAnError) {
 TEST_F(PropertiesFile, FolderInItsPlaceIsAnError) {
   std::filesystem::create_directory(file);
   Properties settings;
-  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is not a regular file");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.loadFile(file); }),
+            "Cannot read " + file + ": it is not a regular file");
   settings.setProperty("a", "1");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot read " + file + ": it is not a regular file");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(file); }),
+            "Cannot read " + file + ": it is not a regular file");
 }
 
 TEST_F(PropertiesFile, PipeInItsPlaceIsAnErrorAndNoWait) {
   ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
   Properties settings;
-  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is not a regular file");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.loadFile(file); }),
+            "Cannot read " + file + ": it is not a regular file");
   settings.setProperty("a", "1");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot read " + file + ": it is not a regular file");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(file); }),
+            "Cannot read " + file + ": it is not a regular file");
 }
 
 TEST_F(PropertiesFile, LinkInItsPlaceIsAnErrorAndNotFollowed) {
@@ -218,9 +215,11 @@ TEST_F(PropertiesFile, LinkInItsPlaceIsAnErrorAndNotFollowed) {
   writeFile(target, "a: 1\n");
   std::filesystem::create_symlink(target, file);
   Properties settings;
-  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is a symbolic link");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.loadFile(file); }),
+            "Cannot read " + file + ": it is a symbolic link");
   settings.setProperty("a", "2");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot read " + file + ": it is a symbolic link");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(file); }),
+            "Cannot read " + file + ": it is a symbolic link");
   EXPECT_EQ(readFile(target), "a: 1\n");
 }
 
@@ -229,7 +228,8 @@ TEST_F(PropertiesFile, LinkInPlaceOfTheLockIsAnError) {
   std::filesystem::create_symlink(folder.file("elsewhere"), lock);
   Properties settings;
   settings.setProperty("a", "1");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(file); }), "Cannot lock " + lock + ": it is a symbolic link");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(file); }),
+            "Cannot lock " + lock + ": it is a symbolic link");
   EXPECT_FALSE(testsupport::exists(folder.file("elsewhere")));
 }
 
@@ -242,7 +242,8 @@ TEST_F(PropertiesFile, TenMegabytesAreRefusedInBoundedTimeAndMemory) {
   getrusage(RUSAGE_SELF, &before);
   const auto start = std::chrono::steady_clock::now();
   Properties settings;
-  EXPECT_EQ(faultOf([&] { settings.loadFile(file); }), "Cannot read " + file + ": it is larger than 1048576 bytes");
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.loadFile(file); }),
+            "Cannot read " + file + ": it is larger than 1048576 bytes");
   rusage after{};
   getrusage(RUSAGE_SELF, &after);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));

@@ -14,6 +14,7 @@
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "testsupport/failure_of.h"
 #include "testsupport/private_host.h"
 #include "testsupport/process.h"
 #include "testsupport/temp_folder.h"
@@ -23,21 +24,13 @@ using lumo::Properties;
 using lumo::Props;
 using testsupport::namesIn;
 using testsupport::readFile;
+using testsupport::wordsOf;
 using testsupport::writeFile;
 
 namespace {
 
 const std::string configuration = lumo::path::CONFIGURATION;
 constexpr uid_t nobody = 65534;
-
-std::string faultOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const lumo::SystemException& failure) {
-    return failure.what();
-  }
-  return "no SystemException";
-}
 
 class Configuration : public testing::Test {
  protected:
@@ -76,8 +69,8 @@ TEST_F(Configuration, LogFileOfTheFileHasItsOwnBadLines) {
 TEST_F(Configuration, FileThatCannotBeReadThrowsUnlessQuiet) {
   fs::create_directory(configuration);
   const std::string words = "Cannot read /etc/morvand/morvand.conf: it is not a regular file";
-  EXPECT_EQ(faultOf([] { Props(true, false); }), words);
-  EXPECT_EQ(faultOf([] { Props(true, false); }), words);
+  EXPECT_EQ(wordsOf<lumo::SystemException>([] { Props(true, false); }), words);
+  EXPECT_EQ(wordsOf<lumo::SystemException>([] { Props(true, false); }), words);
   Props(true, true);
   LUMO_LOG(getLogger("a", false), 4, "the log does not mind");
   fs::remove(configuration);
@@ -117,7 +110,7 @@ TEST_F(Configuration, ReadOnlyFileSystem) {
   Properties settings;
   settings.loadFile(configuration);
   settings.setProperty("a", "2");
-  EXPECT_EQ(faultOf([&] { settings.saveProperty(configuration); }),
+  EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.saveProperty(configuration); }),
             "Cannot lock /etc/morvand/.morvand.conf.lock: Read-only file system");
   EXPECT_EQ(readFile(configuration), "a: 1\n");
   EXPECT_TRUE(settings.dirty());
@@ -136,7 +129,7 @@ TEST_F(Configuration, NoSpaceLeft) {
   while (std::fputc('x', filler) != EOF) {
   }
   std::fclose(filler);
-  const std::string words = faultOf([&] { settings.saveProperty(configuration); });
+  const std::string words = wordsOf<lumo::SystemException>([&] { settings.saveProperty(configuration); });
   EXPECT_EQ(words, "Cannot write /etc/morvand/morvand.conf: No space left on device");
   EXPECT_EQ(readFile(configuration), old);
   EXPECT_EQ(namesIn("/etc/morvand"), (std::set<std::string>{"morvand.conf", ".morvand.conf.lock", "filler"}));
@@ -154,7 +147,7 @@ TEST_F(Configuration, UserMayNotSave) {
         Properties settings;
         settings.loadFile(configuration);
         settings.setProperty("a", "2");
-        std::puts(faultOf([&] { settings.saveProperty(configuration); }).c_str());
+        std::puts(wordsOf<lumo::SystemException>([&] { settings.saveProperty(configuration); }).c_str());
         return 0;
       },
       options);
@@ -168,7 +161,7 @@ TEST_F(Configuration, UserWhoMayNotReadStillLogs) {
   options.uid = nobody;
   const auto result = testsupport::runInChild(
       [] {
-        std::puts(faultOf([] { Props(true, false); }).c_str());
+        std::puts(wordsOf<lumo::SystemException>([] { Props(true, false); }).c_str());
         LUMO_LOG(getLogger("a", false), 5, "record");
         return 0;
       },

@@ -8,6 +8,7 @@
 
 #include "basalt/tests/run_queue_fixture.h"
 #include "base/include/exceptions.h"
+#include "testsupport/failure_of.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/no_further_thread.h"
 
@@ -18,21 +19,12 @@ using lumo::RunQueue;
 using lumo::TimeQueue;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testsupport::wordsOf;
 
 std::string threadName() {
   std::array<char, 16> name{};
   pthread_getname_np(pthread_self(), name.data(), name.size());
   return name.data();
-}
-
-template <typename Exception, typename Step>
-std::string textOf(Step step) {
-  try {
-    step();
-  } catch (const Exception& failure) {
-    return failure.what();
-  }
-  return "nothing thrown";
 }
 
 class BareItem : public QueueAble {
@@ -109,7 +101,7 @@ TEST_F(RunQueueTest, HasAsManyThreadsAsAskedFor) {
 }
 
 TEST_F(RunQueueTest, RefusesNothingAsAnItem) {
-  EXPECT_EQ(textOf<lumo::Base_Exception>([&] { queue->enqueue(nullptr); }), "There is no item to queue.");
+  EXPECT_EQ(wordsOf<lumo::Base_Exception>([&] { queue->enqueue(nullptr); }), "There is no item to queue.");
 }
 
 TEST_F(RunQueueTest, RunsEqualDueTimesInTheOrderOfQueueing) {
@@ -180,7 +172,7 @@ TEST_F(RunQueueTest, ThreadsBearTheItemsName) {
 TEST_F(RunQueueTest, SaysThatItsThreadsCannotBeStarted) {
   {
     const testsupport::NoFurtherThread scarcity;
-    EXPECT_EQ(textOf<lumo::SystemException>([] { RunQueue::getRunQueue("scarce", true, 2); }),
+    EXPECT_EQ(wordsOf<lumo::SystemException>([] { RunQueue::getRunQueue("scarce", true, 2); }),
               "Cannot start the threads of the queue 'scarce': Resource temporarily unavailable");
     EXPECT_FALSE(RunQueue::getRunQueue("scarce", false, 2));
   }
@@ -197,7 +189,7 @@ TEST_F(RunQueueTest, ThrowsWhatTheItemsOwnOperationsThrow) {
     bool keepQueuedItem(long) const override { throw std::logic_error("undecided"); }
   };
   queue->enqueue(noting<Undecided>("one", at(10)));
-  EXPECT_EQ(textOf<std::logic_error>([&] { queue->enqueue(noting<EarliestItem>("one", at(5))); }), "undecided");
+  EXPECT_EQ(wordsOf<std::logic_error>([&] { queue->enqueue(noting<EarliestItem>("one", at(5))); }), "undecided");
   clock.advance(std::chrono::seconds(10));
   ASSERT_TRUE(clock.awaitWaiting(idle));
   EXPECT_THAT(notes.all(), ElementsAre("one"));

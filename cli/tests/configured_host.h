@@ -9,6 +9,7 @@
 
 #include "base/include/logger.h"
 #include "base/include/properties.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"
 #include "testsupport/temp_folder.h"
 
@@ -29,14 +30,7 @@ class ConfiguredHost : public testing::Test {
 
   // "LEVEL LOGGER: TEXT" of the records since the last call of configure.
   static std::vector<std::string> records() {
-    std::vector<std::string> found;
-    if (!testsupport::exists(LOG)) return found;
-    std::istringstream lines(testsupport::readFile(LOG));
-    for (std::string line; std::getline(lines, line);) {
-      const auto start = line.find("] ") + 2;
-      found.push_back(line.substr(start, line.rfind(" [") - start));
-    }
-    return found;
+    return testsupport::textsIn(testsupport::exists(LOG) ? testsupport::readFile(LOG) : std::string());
   }
 
  private:

@@ -47,7 +47,7 @@ class BadReplyTest : public PlatformTest {
     try {
       return statusName(scene.act(login));
     } catch (const LUMOException& failure) {
-      return std::string(failure.className()) + " " + std::to_string(failure.rc()) + " " + failure.what();
+      return testsupport::textOf(failure);
     } catch (const std::out_of_range&) {
       return "std::out_of_range";
     }
@@ -91,12 +91,9 @@ class BadReplyTest : public PlatformTest {
     return [=](CloudAuth& login) {
       CloudAuthChallenge open;
       login.nextChallenge(open);
-      for (const auto& one : open.mechanisms) {
-        const std::string& id = one.mechanismId;
-        if (id.size() < mechanism.size() || id.substr(id.size() - mechanism.size()) != mechanism) continue;
-        return login.advanceAuthentication(id, action, text);
-      }
-      throw std::logic_error(mechanism + " is not offered");
+      const auto chosen = findByEnd(open, mechanism);
+      if (chosen == open.mechanisms.end()) throw std::logic_error(mechanism + " is not offered");
+      return login.advanceAuthentication(chosen->mechanismId, action, text);
     };
   }
   static int start(CloudAuth& login) { return login.startAuthentication(); }

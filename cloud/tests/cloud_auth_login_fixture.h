@@ -3,18 +3,15 @@
 
 #include <gmock/gmock.h>
 
-#include <deque>
-#include <initializer_list>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
+#include "testsupport/reply_script.h"
 #include "testsupport/temp_folder.h"
 
 // All that goes out passes the proxy, so the platform may have any port.
@@ -49,13 +46,14 @@ class LoginTest : public CurlObjectTest {
   }
 
   // What the platform answers next; past the end it is 500.
-  void script(std::initializer_list<testsupport::HttpReply> replies) {
-    const std::lock_guard<std::mutex> lock(scriptMutex);
-    scripted.assign(replies);
-  }
-  bool scriptIsOver() {
-    const std::lock_guard<std::mutex> lock(scriptMutex);
-    return scripted.empty();
+  void script(const std::vector<testsupport::HttpReply>& answers) { replies.set(answers); }
+  bool scriptIsOver() { return replies.isOver(); }
+
+  // What the log has to say, at TRACE, of an exchange with the platform that begins with this and is answered with
+  // that.
+  static std::vector<std::string> recordsOfExchange(const std::string& first, const std::string& answer) {
+    return {"DEBUG HTTP " + first, "DEBUG HTTP code = 200",
+            "DEBUG Dumping X-MRV-* headers:", "TRACE HTTP response: " + answer};
   }
 
   // What the platform was asked since the last call: "METHOD HOST TARGET BODY".
@@ -72,16 +70,10 @@ class LoginTest : public CurlObjectTest {
 
  private:
   testsupport::HttpReply next(const testsupport::HttpRequest& request) {
-    if (!request.tls) return testsupport::tunnelReply(true);
-    const std::lock_guard<std::mutex> lock(scriptMutex);
-    if (scripted.empty()) return testsupport::httpReply("500 Internal Server Error");
-    const testsupport::HttpReply reply = scripted.front();
-    scripted.pop_front();
-    return reply;
+    return request.tls ? replies.next() : testsupport::tunnelReply(true);
   }
 
-  std::mutex scriptMutex;
-  std::deque<testsupport::HttpReply> scripted;
+  testsupport::ReplyScript replies;
   testsupport::TempFolder folder;
   testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "server", {});
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "cloud/cloud_auth_v0.h"
-#include "cloud/cloud_auth_v1.h"
-#include "cloud/cloud_auth_v1s.h"
+#include "cloud/tests/cloud_auth_v0_client.h"
+#include "cloud/tests/cloud_auth_v1_client.h"
+#include "cloud/tests/cloud_auth_v1s_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
 #include "lab/platform/platform_simulator.h"
@@ -22,32 +22,9 @@ namespace platformtest {
 
 using Texts = std::vector<std::string>;
 
-// The clients of the three versions, open to tests.
-class Client0 : public CloudAuthV0 {
- public:
-  using CloudAuthV0::challenges;
-  using CloudAuthV0::CloudAuthV0;
-  using CloudAuthV0::curl;
-  using CloudAuthV0::passwordSent;
-  using CloudAuthV0::recId;
-};
-class Client1 : public CloudAuthV1 {
- public:
-  using CloudAuthV1::challenges;
-  using CloudAuthV1::CloudAuthV1;
-  using CloudAuthV1::curl;
-  using CloudAuthV1::sessionId;
-  using CloudAuthV1::tenantId;
-};
-class Client1S : public CloudAuthV1S {
- public:
-  using CloudAuthV1S::challengeId;
-  using CloudAuthV1S::challenges;
-  using CloudAuthV1S::CloudAuthV1S;
-  using CloudAuthV1S::curl;
-  using CloudAuthV1S::sessionId;
-  using CloudAuthV1S::sso;
-};
+using Client0 = V0Client;
+using Client1 = V1Client;
+using Client1S = V1SClient;
 
 // A step of the caller's: a mechanism of the open challenge by the end of its identifier, and what comes of it.
 struct Step {
@@ -133,6 +110,16 @@ class PlatformTest : public CurlObjectTest {
     return signedIn->getCookie(COOKIE_MACHINE);
   }
 
+  // The mechanism by the end of its identifier.
+  static std::vector<CloudAuthMechanism>::const_iterator findByEnd(const CloudAuthChallenge& open,
+                                                                   const std::string& name) {
+    const std::string end = "." + name;
+    return std::find_if(open.mechanisms.begin(), open.mechanisms.end(), [&end](const auto& one) {
+      const std::string id = "." + one.mechanismId;
+      return id.size() >= end.size() && id.compare(id.size() - end.size(), end.size(), end) == 0;
+    });
+  }
+
   // Takes the step, the next challenge before it where none is open.
   void take(CloudAuth& login, const std::string& user, int& status, CloudAuthChallenge& open, const Step& step) {
     if (step.action == Step::APPROVE) return platform.approve(user);
@@ -140,11 +127,7 @@ class PlatformTest : public CurlObjectTest {
     if (status == AUTH_NEXT_CHALLENGE) {
       ASSERT_EQ(login.nextChallenge(open), 1);
     }
-    const std::string end = "." + step.mechanism;
-    const auto chosen = std::find_if(open.mechanisms.begin(), open.mechanisms.end(), [&end](const auto& one) {
-      const std::string id = "." + one.mechanismId;
-      return id.size() >= end.size() && id.compare(id.size() - end.size(), end.size(), end) == 0;
-    });
+    const auto chosen = findByEnd(open, step.mechanism);
     ASSERT_NE(chosen, open.mechanisms.end()) << step.mechanism << " is not offered";
     status = login.advanceAuthentication(chosen->mechanismId, step.action, step.answer);
     EXPECT_EQ(status, step.result) << step.mechanism << " action " << step.action;

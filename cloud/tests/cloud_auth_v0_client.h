@@ -15,6 +15,7 @@ class V0Client : public CloudAuthV0 {
 
   using CloudAuthV0::certStore;
   using CloudAuthV0::challenges;
+  using CloudAuthV0::curl;
   using CloudAuthV0::currentChallenge;
   using CloudAuthV0::document;
   using CloudAuthV0::getAuthPolicyUrl;

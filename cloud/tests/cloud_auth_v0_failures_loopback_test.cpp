@@ -96,8 +96,7 @@ TEST_F(V0Login, LogTellsTheStepsAndNoSecret) {
   EXPECT_TRUE(scriptIsOver());
   std::vector<std::string> wanted;
   const auto exchange = [&wanted](const std::string& call, const std::string& reply) {
-    wanted.insert(wanted.end(), {"DEBUG HTTP " + call, "DEBUG HTTP code = 200",
-                                 "DEBUG Dumping X-MRV-* headers:", "TRACE HTTP response: " + reply});
+    for (const std::string& record : recordsOfExchange(call, reply)) wanted.push_back(record);
   };
   const std::string loginPost = "post with params URL = https://localhost/security/MultiAuthLogin. content: (hidden)";
   const std::string movePost =

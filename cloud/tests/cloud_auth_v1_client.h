@@ -16,6 +16,7 @@ class V1Client : public CloudAuthV1 {
   using CloudAuthV1::advanceUrl;
   using CloudAuthV1::certStore;
   using CloudAuthV1::challenges;
+  using CloudAuthV1::curl;
   using CloudAuthV1::currentChallenge;
   using CloudAuthV1::document;
   using CloudAuthV1::getAnswerPrompt;

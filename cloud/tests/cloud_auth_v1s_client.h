@@ -21,6 +21,7 @@ class V1SClient : public CloudAuthV1S {
   using CloudAuthV1S::machineCookie;
   using CloudAuthV1S::mfaLoginUrl;
   using CloudAuthV1S::payload;
+  using CloudAuthV1S::sessionId;
   using CloudAuthV1S::siteCheck;
   using CloudAuthV1S::siteCheckUrl;
   using CloudAuthV1S::spn;

@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,6 +15,7 @@
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
+#include "testsupport/reply_script.h"
 
 namespace v1stest {
 
@@ -61,10 +61,7 @@ class Peer {
         m_journal(journal),
         m_server([this](const HttpRequest& request) { return answer(request); }, certificate) {}
 
-  void script(std::vector<HttpReply> replies) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_replies.assign(replies.begin(), replies.end());
-  }
+  void script(const std::vector<HttpReply>& replies) { m_replies.set(replies); }
   std::string url() const { return "http://" + m_server.address() + "/"; }
   const HttpServer& server() const { return m_server; }
 
@@ -75,17 +72,12 @@ class Peer {
       return testsupport::tunnelReply();
     }
     m_journal.add(textOf(m_name, request));
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_replies.empty()) return httpReply("500 Internal Server Error");
-    HttpReply reply = m_replies.front();
-    m_replies.pop_front();
-    return reply;
+    return m_replies.next();
   }
 
   const std::string m_name;
   Journal& m_journal;
-  std::mutex m_mutex;
-  std::deque<HttpReply> m_replies;
+  testsupport::ReplyScript m_replies;
   HttpServer m_server;
 };
 

@@ -2,14 +2,16 @@
 #pragma once
 
 #include <initializer_list>
+#include <list>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "base/include/properties.h"
 #include "cloud/include/cloud_object_pool.h"
 #include "cloud/include/curl_object.h"
+#include "testsupport/failure_of.h"
+#include "testsupport/setting.h"
 
 // The process's pool, empty and without limits at the beginning and at the end of the scope.
 struct CloudCurlPoolAccess {
@@ -46,17 +48,12 @@ class SettingsScope {
  public:
   using Setting = std::pair<std::string, std::string>;
   SettingsScope(std::initializer_list<Setting> settings) : SettingsScope(std::vector<Setting>(settings)) {}
-  explicit SettingsScope(std::vector<Setting> settings) : m_settings(std::move(settings)) {
-    for (const auto& [key, value] : m_settings) lumo::Props(false, true).setProperty(key, value);
+  explicit SettingsScope(const std::vector<Setting>& settings) {
+    for (const auto& [key, value] : settings) m_settings.emplace_back(key, value);
   }
-  ~SettingsScope() {
-    for (const auto& [key, value] : m_settings) lumo::Props(false, true).eraseProperty(key);
-  }
-  SettingsScope(const SettingsScope&) = delete;
-  SettingsScope& operator=(const SettingsScope&) = delete;
 
  private:
-  std::vector<Setting> m_settings;
+  std::list<testsupport::Setting> m_settings;
 };
 
 inline CloudProxyInfo proxyInfo(const std::string& server, const std::string& auth = {}, const std::string& user = {},
@@ -80,13 +77,4 @@ inline std::vector<std::string> recordsOf(const std::vector<std::string>& texts,
   return records;
 }
 
-// What the statement throws: "CLASS RC TEXT".
-template <class Statement>
-std::string failureOf(Statement statement) {
-  try {
-    statement();
-  } catch (const LUMOException& failure) {
-    return std::string(failure.className()) + " " + std::to_string(failure.rc()) + " " + failure.what();
-  }
-  return "nothing thrown";
-}
+using testsupport::failureOf;

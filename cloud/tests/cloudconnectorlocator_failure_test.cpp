@@ -4,6 +4,7 @@
 
 #include "basalt/run_queue.h"
 #include "cloud/tests/cloudconnectorlocator_forest.h"
+#include "testsupport/failure_of.h"
 
 namespace {
 
@@ -16,17 +17,6 @@ using testing::ElementsAre;
 constexpr char IN_900[] = "DEBUG SetRefresh: refresh task is scheduled to execute in 900 seconds";
 constexpr char CONNECTOR_FILTER[] = "(&(objectclass=serviceConnectionPoint)(cn=proxy))";
 constexpr char URL[] = "https://other.example.test/";
-
-class MainQueue {
- public:
-  MainQueue() : m_queue(lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 1)) {}
-  ~MainQueue() { m_queue->shutdown(); }
-  MainQueue(const MainQueue&) = delete;
-  MainQueue& operator=(const MainQueue&) = delete;
-
- private:
-  const boost::shared_ptr<lumo::RunQueue> m_queue;
-};
 
 enum class Answer { Objects, Unavailable, Refused, OtherFailure, Foreign };
 
@@ -75,16 +65,11 @@ class FailedSearch : public locatortest::LocatorTest {
   }
   // "CLASS RC TEXT" of what the search throws.
   std::string search(const std::string& url, bool iwaRequired = true) {
-    try {
-      locator.locator.searchCloudConnetors(url, iwaRequired);
-      return "nothing thrown";
-    } catch (const lumo::CloudConnectorException& failure) {
-      return std::string(failure.className()) + " " + std::to_string(failure.rc()) + " " + failure.what();
-    }
+    return testsupport::failureOf([&] { locator.locator.searchCloudConnetors(url, iwaRequired); });
   }
   void expectNothingChanged() { EXPECT_EQ(stateOf(locator), m_before); }
 
-  const MainQueue m_queue;
+  const lumo::RunningQueues m_queues{lumo::MAIN_RUN_QUEUE};
   int m_askedCatalogue = 0;
   int m_askedController = 0;
 

@@ -18,43 +18,12 @@
 #include "testsupport/log_capture.h"
 #include "testsupport/memory_directory.h"
 #include "testsupport/setting.h"
+#include "testsupport/watched_directory.h"
 
 namespace locatortest {
 
 using Keywords = std::vector<std::string>;
 using Texts = std::vector<std::string>;
-
-// A directory that tells of each search before it is made; what `onSearch` throws is that search's failure.
-class WatchedDirectory : public DirectoryConnector {
- public:
-  explicit WatchedDirectory(DirectoryConnector& inner) : m_inner(inner) {}
-
-  std::function<void(const Target&, const DirectorySearch&)> onSearch = [](const Target&, const DirectorySearch&) {};
-
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    return std::make_unique<Connection>(*this, m_inner.open(target), target);
-  }
-  std::string site(const std::string& domain) override { return m_inner.site(domain); }
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    Connection(WatchedDirectory& directory, std::unique_ptr<DirectoryConnection> inner, Target target)
-        : m_directory(directory), m_inner(std::move(inner)), m_target(std::move(target)) {}
-    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
-      m_directory.onSearch(m_target, what);
-      return m_inner->search(what);
-    }
-    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
-
-   private:
-    WatchedDirectory& m_directory;
-    const std::unique_ptr<DirectoryConnection> m_inner;
-    const Target m_target;
-  };
-
-  DirectoryConnector& m_inner;
-};
 
 inline std::string computerDn(const std::string& name) { return "CN=" + name + ",OU=Servers,DC=forest,DC=test"; }
 inline std::string connectorDn(const std::string& name) { return "CN=proxy," + computerDn(name); }
@@ -119,7 +88,7 @@ class LocatorTest : public testing::Test {
  protected:
   testsupport::FakeCredentialSource credentials;
   testsupport::MemoryDirectory directory{"forest.test"};
-  WatchedDirectory watched{directory};
+  testsupport::WatchedDirectory watched{directory};
   testsupport::DirectoryInForce inForce{withSite()};
   testsupport::LogCapture log;
   AgentInForce agent;

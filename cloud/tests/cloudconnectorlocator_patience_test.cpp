@@ -14,35 +14,20 @@ using std::chrono::steady_clock;
 
 // Hangs in every question and every connection to their limit once `hang` was called; the first question waits until
 // it is let go.
-class HangingDirectory : public DirectoryConnector {
+class HangingDirectory : public testsupport::WatchedDirectory {
  public:
-  HangingDirectory(DirectoryConnector& inner, testsupport::ManualClock& clock) : m_inner(inner), m_clock(clock) {}
+  HangingDirectory(DirectoryConnector& inner, testsupport::ManualClock& clock)
+      : WatchedDirectory(inner), m_clock(clock) {
+    onOpen = [this](const Target&) {
+      if (m_hangs) m_clock.advance(ADCacheBinding::CONNECT_LIMIT);
+    };
+    onSearch = [this](const Target&, const DirectorySearch&) { answer(); };
+  }
 
   void hang() { m_hangs = true; }
   std::promise<void> entered, letGo;
 
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    if (m_hangs) m_clock.advance(ADCacheBinding::CONNECT_LIMIT);
-    return std::make_unique<Connection>(*this, m_inner.open(target));
-  }
-  std::string site(const std::string& domain) override { return m_inner.site(domain); }
-
  private:
-  class Connection : public DirectoryConnection {
-   public:
-    Connection(HangingDirectory& directory, std::unique_ptr<DirectoryConnection> inner)
-        : m_directory(directory), m_inner(std::move(inner)) {}
-    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
-      m_directory.answer();
-      return m_inner->search(what);
-    }
-    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
-
-   private:
-    HangingDirectory& m_directory;
-    const std::unique_ptr<DirectoryConnection> m_inner;
-  };
-
   void answer() {
     if (!m_hangs) return;
     if (!m_first.test_and_set()) {
@@ -54,7 +39,6 @@ class HangingDirectory : public DirectoryConnector {
     throw serverUnavailable("Can't contact LDAP server");
   }
 
-  DirectoryConnector& m_inner;
   testsupport::ManualClock& m_clock;
   std::atomic<bool> m_hangs{false};
   std::atomic_flag m_first = ATOMIC_FLAG_INIT;

@@ -1,6 +1,7 @@
 #include <set>
 
 #include "cloud/tests/cloudconnectorlocator_forest.h"
+#include "cloud/tests/cloudconnectorlocator_keywords.h"
 
 namespace {
 
@@ -23,22 +24,6 @@ class ConnectorRecord : public locatortest::LocatorTest {
     locator.loadAttributes(connector);
     return connector;
   }
-};
-
-const std::pair<const char*, const char*> KEYWORD_ROWS[] = {
-    {"morvane.core.cloudurl", LUMO_CLOUD_URL},
-    {"morvane.core.webproxy.port", LUMO_CLOUD_CONNECTOR_PORT},
-    {"morvane.mobile.proxyScp", LUMO_CLOUD_PROXY_SCP},
-    {"morvane.mobile.proxySite", LUMO_CLOUD_CONNECTOR_SITE},
-    {"morvane.mobile.proxySysId", LUMO_CLOUD_TENANT_ID},
-    {"morvane.mobile.proxyUri", LUMO_CLOUD_PROXY_FQDN},
-    {"morvane.core.webproxy", LUMO_CLOUD_WEB_PROXY},
-    {"morvane.core.webproxyenabled", LUMO_CLOUD_WEB_PROXYENABLED},
-    {"morvane.core.iwa.enabled", LUMO_CLOUD_CONNECTOR_IWA_ENABLED},
-    {"morvane.core.iwa.hostname", LUMO_CLOUD_CONNECTOR_IWA_HOSTNAME},
-    {"morvane.core.iwa.useHttps", LUMO_CLOUD_CONNECTOR_IWA_USEHTTPS},
-    {"morvane.core.iwa.httpPort", LUMO_CLOUD_CONNECTOR_IWA_HTTP_PORT},
-    {"morvane.core.iwa.httpsPort", LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT},
 };
 
 TEST_F(ConnectorRecord, EveryKeywordHasASettingOfItsOwn) {

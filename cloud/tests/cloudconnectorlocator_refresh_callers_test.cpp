@@ -24,12 +24,7 @@ class Refresh : public testing::Test {
     CloudConnectorLocatorAccess::resetProcess();
   }
 
-  Texts logged() {
-    Texts records = recordsOf(log.texts(), LOCATOR_LOGGER);
-    const Texts fresh(records.begin() + static_cast<std::ptrdiff_t>(m_seen), records.end());
-    m_seen = records.size();
-    return fresh;
-  }
+  Texts logged() { return log.newTexts(LOCATOR_LOGGER); }
   // The one refresh that waits is due in so many seconds.
   bool waits(long seconds) { return clock.awaitWaiting(clock.seconds() + seconds); }
 
@@ -42,9 +37,6 @@ class Refresh : public testing::Test {
   locatortest::AgentInForce agent;
   CloudCurlPoolAccess pool;
   boost::shared_ptr<lumo::RunQueue> queue = lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 1);
-
- private:
-  std::size_t m_seen = 0;
 };
 
 TEST_F(Refresh, TakesIdleConnectionsAwayWhereItSucceeds) {

@@ -13,15 +13,9 @@ using testing::IsEmpty;
 
 constexpr char OTHER_POD[] = "https://other.example.test/";
 
-// A host that remembers nothing before, and forgets afterwards.
-struct CleanHost {
-  CleanHost() { testsupport::cleanPrivateHost(); }
-  ~CleanHost() { testsupport::cleanPrivateHost(); }
-};
-
 // The process-wide locator: the report asks for the proxy, which asks for its connector and so may move on to another
 // one, which is remembered.
-class ConnectorReport : private CleanHost, public locatortest::WaitingLocatorTest {
+class ConnectorReport : private testsupport::CleanPrivateHost, public locatortest::WaitingLocatorTest {
  protected:
   ConnectorReport() { UpdateCloudHttpProxy(); }
   ~ConnectorReport() override {

@@ -35,16 +35,13 @@ class PrivateHost {
 
 class ConnectorSearchRoot : private PrivateHost, public locatortest::LocatorTest {
  protected:
-  ConnectorSearchRoot() : m_queue(lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, true, 1)) {}
-  ~ConnectorSearchRoot() override { m_queue->shutdown(); }
-
   void search(const char* url = POD1, bool iwaRequired = true) {
     locator.locator.searchCloudConnetors(url, iwaRequired);
   }
   static std::string stateFile() { return lumo::GetSetting(SETTING_CLOUD_CONNECTORS, "", true); }
 
  private:
-  const boost::shared_ptr<lumo::RunQueue> m_queue;
+  const lumo::RunningQueues m_queues{lumo::MAIN_RUN_QUEUE};
 };
 
 TEST_F(ConnectorSearchRoot, FindsRemembersAndUsesConnectors) {

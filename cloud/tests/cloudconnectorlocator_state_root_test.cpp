@@ -23,12 +23,7 @@ constexpr char ONE[] = "https://pod.example.test/|Berlin|one.test|TENANT|8080|80
 constexpr char TWO[] = "https://pod.example.test/|Hamburg|two.test|TENANT|8080|80|8443\n";
 constexpr char THREE[] = "https://pod.example.test/|Berlin|three.test|TENANT|8080|80|8443\n";
 
-struct CleanHost {
-  CleanHost() { testsupport::cleanPrivateHost(); }
-  ~CleanHost() { testsupport::cleanPrivateHost(); }
-};
-
-class ConnectorStore : private CleanHost, public locatortest::WaitingLocatorTest {
+class ConnectorStore : private testsupport::CleanPrivateHost, public locatortest::WaitingLocatorTest {
  protected:
   static std::string state() { return lumo::GetSetting(SETTING_CLOUD_CONNECTORS, "none", true); }
   static std::string file() { return std::string(lumo::path::SETTINGS_STORE) + SETTING_CLOUD_CONNECTORS; }

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "cloud/tests/cloudconnectorlocator_waiting.h"
+#include "testsupport/failure_of.h"
 
 namespace {
 
@@ -25,12 +26,7 @@ class OneLocator : public testing::Test {
 };
 
 std::string refusal() {
-  try {
-    CloudConnectorLocator::getInstance("https://late.test/");
-    return std::string();
-  } catch (const lumo::CloudConnectorException& failure) {
-    return std::string(failure.className()) + " " + std::to_string(failure.rc()) + " " + failure.what();
-  }
+  return testsupport::failureOf([] { CloudConnectorLocator::getInstance("https://late.test/"); });
 }
 
 TEST_F(OneLocator, IsRefusedWithoutAnAgentButMadeWithTheFirstUrl) {

@@ -4,38 +4,15 @@
 
 #include <gmock/gmock.h>
 
-#include <atomic>
-#include <memory>
+#include <set>
 #include <string>
-#include <vector>
 
-#include "basalt/directory.h"
 #include "cloud/include/curl_object.h"
+#include "testsupport/empty_directory.h"
+#include "testsupport/failure_of.h"
 #include "testsupport/fake_credential_source.h"
 
-// Every domain has a server, and no server an object.
-class EmptyDirectory : public DirectoryConnector {
- public:
-  EmptyDirectory() { setInstance(this); }
-  ~EmptyDirectory() override { setInstance(nullptr); }
-  EmptyDirectory(const EmptyDirectory&) = delete;
-  EmptyDirectory& operator=(const EmptyDirectory&) = delete;
-
-  std::unique_ptr<DirectoryConnection> open(const Target&) override {
-    ++opened;
-    return std::make_unique<Connection>();
-  }
-  std::string site(const std::string&) override { return {}; }
-
-  std::atomic<int> opened{0};  // connections, by any thread
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    std::vector<ADObjectPtr> search(const DirectorySearch&) override { return {}; }
-    ADObjectPtr rootDse() override { return ADObjectPtr(new lumo::ADObject("")); }
-  };
-};
+using testsupport::EmptyDirectory;
 
 class CurlObjectTest : public testing::Test {
  protected:
@@ -51,13 +28,8 @@ class CurlObjectTest : public testing::Test {
   }
 };
 
-// What the statement throws as CurlException: "CLASS RC TEXT".
+// What the statement throws: "CLASS RC TEXT".
 template <class Statement>
 std::string curlFailure(Statement statement) {
-  try {
-    statement();
-  } catch (const lumo::CurlException& failure) {
-    return std::string(failure.className()) + " " + std::to_string(failure.rc()) + " " + failure.what();
-  }
-  return "nothing thrown";
+  return testsupport::failureOf(statement);
 }

@@ -5,6 +5,7 @@
 #include <gssapi/gssapi_krb5.h>
 
 #include <cstdlib>
+#include <functional>
 #include <mutex>
 
 #include "basalt/base64.h"
@@ -108,6 +109,14 @@ class NegotiateRoot : public testing::Test {
       for (const std::string& scheme : alsoOffered) lines.push_back("Proxy-Authenticate: " + scheme);
       return httpReply("407 Proxy Authentication Required", lines);
     };
+  }
+
+  // A web server that wants a token: 401 without a good one, else its own token and the page for that client.
+  HttpReply answerAtServer(const HttpRequest& request, const std::function<std::string(const std::string&)>& pageFor) {
+    const Accepted accepted = acceptToken(tokenOf(request.header("Authorization")));
+    if (accepted.client.empty()) return httpReply("401 Unauthorized", {"WWW-Authenticate: Negotiate"});
+    note(accepted.client);
+    return httpReply("200 OK", {"WWW-Authenticate: Negotiate " + encoded(accepted.reply)}, pageFor(accepted.client));
   }
 
   void note(const std::string& client) {

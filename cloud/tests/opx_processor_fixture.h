@@ -3,12 +3,9 @@
 
 #include <gmock/gmock.h>
 
-#include <deque>
 #include <functional>
-#include <initializer_list>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "cloud/include/opx.h"
@@ -16,12 +13,11 @@
 #include "cloud/tests/opx_processor_access.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
+#include "testsupport/reply_script.h"
 #include "testsupport/temp_folder.h"
 
 class OpxTest : public CurlObjectTest {
  protected:
-  using Replies = std::initializer_list<testsupport::HttpReply>;
-
   static constexpr const char* PLATFORM = "https://localhost/";
   static constexpr const char* SSO = "GET /security/sso?OneTimePass=c-1";
   static constexpr const char* CODE = R"(<html>{"result":"success","otc":"c-1"}</html>)";
@@ -50,10 +46,7 @@ class OpxTest : public CurlObjectTest {
   }
 
   // What the platform answers next; past the end it is 500.
-  void script(Replies replies) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    scripted.assign(replies);
-  }
+  void script(const std::vector<testsupport::HttpReply>& answers) { replies.set(answers); }
   void connectorSays(const testsupport::HttpReply& reply) {
     const std::lock_guard<std::mutex> lock(mutex);
     connectorReply = reply;
@@ -88,10 +81,7 @@ class OpxTest : public CurlObjectTest {
     const std::lock_guard<std::mutex> lock(mutex);
     cookies.push_back(request.header("Cookie"));
     if (duringRequest) duringRequest();
-    if (scripted.empty()) return json("", "500 Internal Server Error");
-    const testsupport::HttpReply reply = scripted.front();
-    scripted.pop_front();
-    return reply;
+    return replies.next();
   }
   testsupport::HttpReply code() {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -99,7 +89,7 @@ class OpxTest : public CurlObjectTest {
   }
 
   std::mutex mutex;
-  std::deque<testsupport::HttpReply> scripted;
+  testsupport::ReplyScript replies;
   testsupport::HttpReply connectorReply = json(CODE);
   testsupport::TempFolder folder;
 

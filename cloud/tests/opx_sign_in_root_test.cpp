@@ -51,11 +51,7 @@ class OpxSignInRoot : public NegotiateRoot {
     return options;
   }
   testsupport::HttpReply answerAtConnector(const HttpRequest& request) {
-    const Accepted accepted = acceptToken(tokenOf(request.header("Authorization")));
-    if (accepted.client.empty()) return httpReply("401 Unauthorized", {"WWW-Authenticate: Negotiate"});
-    note(accepted.client);
-    return httpReply("200 OK", {"WWW-Authenticate: Negotiate " + encoded(accepted.reply)},
-                     platform.siteCheckReply(accepted.client));
+    return answerAtServer(request, [this](const std::string& client) { return platform.siteCheckReply(client); });
   }
   std::vector<std::string> logged() { return log.newTexts("OPX.processor"); }
   std::string siteCheckUrl() const { return "https://" + connector.address() + "/iwa/SiteCheck"; }

@@ -8,6 +8,7 @@
 #include "cloud/tests/opx_processor_fixture.h"
 #include "cloud/tests/opx_queue.h"
 #include "testsupport/manual_clock.h"
+#include "testsupport/watched_clock.h"
 
 namespace {
 
@@ -22,30 +23,6 @@ constexpr const char* REFETCHES = "DEBUG LogPrivEvent: machine cookie expired, w
 
 Event event(const std::string& user) { return {{"User", user}, {"Command", "/bin/id"}}; }
 std::string body(const std::string& user) { return R"({"User":")" + user + R"(","Command":"/bin/id"})"; }
-
-// The system's clock, and what its maker wants done whenever the maker's own thread reads it.
-class WatchedClock : public lumo::Clock {
- public:
-  WatchedClock() { setInstance(this); }
-  ~WatchedClock() override { setInstance(nullptr); }
-  WatchedClock(const WatchedClock&) = delete;
-  WatchedClock& operator=(const WatchedClock&) = delete;
-
-  std::chrono::system_clock::time_point now() override {
-    if (std::this_thread::get_id() == m_maker && onRead) onRead();
-    return std::chrono::system_clock::now();
-  }
-  std::chrono::steady_clock::time_point steadyNow() override { return std::chrono::steady_clock::now(); }
-  void sleepFor(std::chrono::milliseconds duration) override { std::this_thread::sleep_for(duration); }
-  void waitUntil(std::condition_variable& woken, std::unique_lock<std::mutex>& lock, std::time_t) override {
-    woken.wait(lock);
-  }
-
-  std::function<void()> onRead;
-
- private:
-  const std::thread::id m_maker = std::this_thread::get_id();
-};
 
 class OpxEventsLoopback : public OpxTest {
  protected:
@@ -310,7 +287,7 @@ TEST_F(OpxEventsLoopback, AnItemIsDueWhenItsEventCame) {
 }
 
 TEST_F(OpxEventsLoopback, AnEventWhoseItemCannotBeHadWaitsAndIsTold) {
-  WatchedClock clock;
+  testsupport::WatchedClock clock;
   const OpxQueue queue;
   clock.onRead = [] { throw std::runtime_error("The clock is broken."); };
   store({"a"});
@@ -355,7 +332,7 @@ TEST_F(OpxEventsLoopback, AfterASignInThatFailedThereIsNothingToSend) {
 }
 
 TEST_F(OpxEventsLoopback, AQueueThatShutsDownIsNoFailure) {
-  WatchedClock clock;
+  testsupport::WatchedClock clock;
   OpxQueue queue;
   // It was there when the event came, and takes no item any more.
   clock.onRead = [&queue] { queue.queue().shutdown(); };

@@ -80,17 +80,15 @@ void CurlObject::noteCookie(std::string_view headerLine) {
 }
 
 void CurlObject::forgetSession() {
-  if (hasSession && !hasOtherCookies) {
-    setCurl(handle, CURLOPT_COOKIELIST, "ALL");
-  } else {
-    const CurlList list = cookieList(handle);
-    for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
-      CookieLine line;
-      if (!line.parse(node->data) || line.name() != CurlObject::SESSION_COOKIE) continue;
-      std::string expired = line.expired();
-      const WipeAtEnd wipeLine(expired);
-      setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());
-    }
+  const CurlList list = hasSession && !hasOtherCookies ? CurlList() : cookieList(handle);
+  // Without a list there is nothing else to keep, or no memory for it: the session goes all the same.
+  if (hasSession && !list) setCurl(handle, CURLOPT_COOKIELIST, "ALL");
+  for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
+    CookieLine line;
+    if (!line.parse(node->data) || line.name() != CurlObject::SESSION_COOKIE) continue;
+    std::string expired = line.expired();
+    const WipeAtEnd wipeLine(expired);
+    setCurl(handle, CURLOPT_COOKIELIST, expired.c_str());
   }
   hasSession = false;
   clearOpt(CURLOPT_COOKIE);

@@ -1,8 +1,8 @@
 // What a connection is when it is handed out, and what of it stays when it comes back.
 #include <cstdio>
-#include <cstring>
 
 #include "cloud/tests/cloud_object_pool_fixture.h"
+#include "cloud/tests/curl_memory.h"
 
 namespace {
 
@@ -19,13 +19,6 @@ using testing::UnorderedElementsAre;
 std::string tooLong() { return std::string(8000001, 'x'); }
 constexpr char REFUSED[] =
     "CurlException -1 curl error occurred in curl_easy_setopt: A libcurl function was given a bad argument (43)";
-
-// What libcurl gets its memory from, until there is none.
-bool memoryIsGone = false;
-void* mallocForCurl(size_t size) { return memoryIsGone ? nullptr : std::malloc(size); }
-void* callocForCurl(size_t count, size_t size) { return memoryIsGone ? nullptr : std::calloc(count, size); }
-void* reallocForCurl(void* block, size_t size) { return memoryIsGone ? nullptr : std::realloc(block, size); }
-char* strdupForCurl(const char* text) { return memoryIsGone ? nullptr : strdup(text); }
 
 }  // namespace
 
@@ -241,13 +234,10 @@ TEST_F(CurlPoolTest, FailureOfTheServiceNameLeavesNothingOccupied) {
 TEST_F(CurlPoolTest, NoMemoryForAHandleIsToldAndNothingIsOccupied) {
   limit(1);
   const auto lack = [this] {
-    { const CurlObject initialisesLibcurl; }
-    curl_global_cleanup();
-    curl_global_init_mem(CURL_GLOBAL_DEFAULT, &mallocForCurl, &std::free, &reallocForCurl, &strdupForCurl,
-                         &callocForCurl);
-    memoryIsGone = true;
+    const CurlMemory memory;
+    CurlMemory::isGone = true;
     const std::string said = failureOf([this] { access.pool.getCurl("alice", "login"); });
-    memoryIsGone = false;
+    CurlMemory::isGone = false;
     const bool goesOn = access.connections.empty() && access.pool.getCurl("alice", "login") != nullptr;
     std::fprintf(stderr, "[%s] %s\n", said.c_str(), goesOn ? "goes on" : "is stuck");
     std::_Exit(7);

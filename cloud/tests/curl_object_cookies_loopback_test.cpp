@@ -1,3 +1,4 @@
+#include "cloud/tests/curl_memory.h"
 #include "cloud/tests/curl_object_fixture.h"
 #include "testsupport/http_server.h"
 
@@ -187,4 +188,20 @@ TEST_F(CurlObjectTest, CookieGivenByHandOutlivesTheSession) {
   server.cookieOf(object, "/set");
   object.forgetSession();
   EXPECT_EQ(server.cookieOf(object), "given=1");
+}
+
+// libcurl gives no list of its cookies then, as if it had none.
+TEST_F(CurlObjectTest, SessionIsForgottenWithoutMemoryForTheListToo) {
+  const auto forget = [] {
+    const CurlMemory memory;
+    CookieServer server;
+    server.lines = {"Set-Cookie: other=1; path=/", "Set-Cookie: .ASPXAUTH=bob; path=/"};
+    CurlObject object;
+    server.cookieOf(object, "/set");
+    CurlMemory::isGone = true;
+    object.forgetSession();
+    CurlMemory::isGone = false;
+    std::_Exit(object.cookie(".ASPXAUTH").empty() ? 7 : 8);
+  };
+  EXPECT_EXIT(forget(), testing::ExitedWithCode(7), "");
 }

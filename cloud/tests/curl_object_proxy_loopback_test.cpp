@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 
 #include "cloud/tests/curl_object_fixture.h"
@@ -58,6 +59,21 @@ std::string connectHead(const std::string& authorization) {
   return std::string("CONNECT ") + TARGET_HOST + " HTTP/1.1\r\nHost: " + TARGET_HOST + "\r\n" +
          (authorization.empty() ? "" : "Proxy-Authorization: " + authorization + "\r\n") +
          "Proxy-Connection: Keep-Alive\r\n\r\n";
+}
+
+// A cache that holds a ticket of nobody's making.
+void writeCache(const std::string& name, const std::string& owner) {
+  const KerberosContext context;
+  krb5_principal principal = nullptr;
+  krb5_ccache cache = nullptr;
+  ASSERT_EQ(krb5_parse_name(context.get(), owner.c_str(), &principal), 0);
+  ASSERT_EQ(krb5_cc_resolve(context.get(), name.c_str(), &cache), 0);
+  ASSERT_EQ(krb5_cc_initialize(context.get(), cache, principal), 0);
+  krb5_creds ticket = testsupport::handMadeTicket(context.get(), principal, 3600);
+  ASSERT_EQ(krb5_cc_store_cred(context.get(), cache, &ticket), 0);
+  krb5_free_cred_contents(context.get(), &ticket);
+  krb5_cc_close(context.get(), cache);
+  krb5_free_principal(context.get(), principal);
 }
 
 class CurlProxyTest : public CurlObjectTest {
@@ -273,6 +289,26 @@ TEST_F(CurlProxyTest, NegotiateAtAProxyThatRefusesIsRepeatedOnceWithTheSameCache
   EXPECT_EQ(proxy.connections(), 2);
   EXPECT_THAT(authorizations(proxy), ElementsAre("", ""));
   EXPECT_EQ(source.requests.size(), 1u) << "the cache is kept";
+}
+
+TEST_F(CurlProxyTest, CredentialThatCannotBeMadeAnewIsNotUsedAgain) {
+  const testsupport::TempFolder folder;
+  const std::string cache = folder.file("machine.ccache");
+  source.machineCacheName = "FILE:" + cache;
+  writeCache(source.machineCacheName, "HOST1$@EXAMPLE.TEST");
+  HttpServer proxy([&cache](const HttpRequest&) {
+    std::remove(cache.c_str());
+    return challenge({"Negotiate"});
+  });
+  CurlObject object;
+  object.setProxy(proxy.address(), "negotiate", "S-1-5-18", lumo::Shredder2());
+  ASSERT_THAT(object.recordedOptions(), Contains(int{CURLOPT_PROXY_GSS_CRED}));
+  EXPECT_EQ(curlFailure([&] { object.perform(TARGET, "", 0); }), TUNNEL_FAILED);
+  EXPECT_EQ(proxy.connections(), 2) << "the name of the cache is known, so there is a second attempt";
+  for (const int option : {CURLOPT_PROXY_GSS_CRED, CURLOPT_PROXY_GSS_SETUP_FUNCTION, CURLOPT_PROXY_GSS_SETUP_DATA}) {
+    EXPECT_EQ(object.recordedOptions().count(option), 0u) << option;
+  }
+  EXPECT_EQ(curlFailure([&] { object.perform(TARGET, "", 0); }), TUNNEL_FAILED);
 }
 
 TEST_F(CurlProxyTest, NegotiateWithoutATicketAsksTheKdcOnceMore) {

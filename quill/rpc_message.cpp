@@ -35,6 +35,21 @@ constexpr unsigned PARSE = rapidjson::kParseIterativeFlag | rapidjson::kParseVal
 using CheckedWriter = rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
                                         rapidjson::CrtAllocator, rapidjson::kWriteValidateEncodingFlag>;
 
+// Why the content is no JSON, and where; null where it is one. The library takes a zero byte for the end of the text.
+struct JsonFault {
+  JsonFault(const Document& message, const std::string& content) {
+    if (message.HasParseError()) {
+      words = rapidjson::GetParseError_En(message.GetParseError());
+      offset = message.GetErrorOffset();
+    } else if ((offset = content.find('\0')) != std::string::npos) {
+      words = "A zero byte stands in it.";
+    }
+  }
+
+  const char* words = nullptr;
+  std::size_t offset = 0;
+};
+
 std::string written(const Document& document) {
   rapidjson::StringBuffer buffer;
   CheckedWriter writer(buffer);
@@ -256,9 +271,8 @@ std::variant<RpcRequest, RpcReply> decodeRequest(const std::string& content) {
   const WipeAtEnd wiped(copy);
   Document message;
   message.ParseInsitu<PARSE>(copy.data());
-  if (message.HasParseError()) {
-    return RpcReply{std::nullopt, RpcFault{rpc::ParseError, std::string("The request is no JSON: ") +
-                                                                rapidjson::GetParseError_En(message.GetParseError())}};
+  if (const JsonFault fault(message, content); fault.words != nullptr) {
+    return RpcReply{std::nullopt, RpcFault{rpc::ParseError, std::string("The request is no JSON: ") + fault.words}};
   }
   const auto id = idOf(message);
   const Value* method = member(message, "method");
@@ -286,9 +300,8 @@ std::variant<RpcRequest, RpcReply> decodeRequest(const std::string& content) {
 RpcReply decodeReply(const std::string& content, RpcResultForm form) {
   Document message;
   message.Parse<PARSE>(content.data(), content.size());
-  if (message.HasParseError()) {
-    LUMO_THROW(IPCException, -1, "The agent's reply is no JSON: %s (byte %zu)",
-               rapidjson::GetParseError_En(message.GetParseError()), message.GetErrorOffset());
+  if (const JsonFault fault(message, content); fault.words != nullptr) {
+    LUMO_THROW(IPCException, -1, "The agent's reply is no JSON: %s (byte %zu)", fault.words, fault.offset);
   }
   const Value* result = member(message, "result");
   const Value* error = member(message, "error");

@@ -151,6 +151,8 @@ TEST(RpcMessage, RequestsComeBackAsTheyWere) {
 TEST(RpcMessage, UnreadableRequestsGetTheirErrorReply) {
   EXPECT_EQ(faultOf("garbage"), "-32700 null The request is no JSON: Invalid value.");
   EXPECT_EQ(faultOf("{\"a\":\"\xff\"}"), "-32700 null The request is no JSON: Invalid encoding in string.");
+  EXPECT_EQ(faultOf(requestWith("getFipsMode", "{}") + '\0' + "{}"),
+            "-32700 null The request is no JSON: A zero byte stands in it.");
   const std::string invalid = " The message is no JSON-RPC 2.0 request with an integer id";
   EXPECT_EQ(faultOf("[]"), "-32600 null" + invalid);
   EXPECT_EQ(faultOf("7"), "-32600 null" + invalid);
@@ -225,6 +227,8 @@ TEST(RpcMessage, AnAttributeNameThatIsNoUtf8CannotBeSent) {
 
 TEST(RpcMessage, BrokenRepliesAreRefused) {
   EXPECT_EQ(replyRefusal("garbage"), "The agent's reply is no JSON: Invalid value. (byte 0)");
+  EXPECT_EQ(replyRefusal(R"({"jsonrpc":"2.0","id":1,"result":true})" + std::string(1, '\0')),
+            "The agent's reply is no JSON: A zero byte stands in it. (byte 38)");
   const std::string noReply = "The agent's reply is no JSON-RPC 2.0 reply";
   for (const char* content :
        {"[]", R"({"jsonrpc":"2.0","id":1})", R"({"id":1,"result":true})", R"({"jsonrpc":"2.0","result":true})",

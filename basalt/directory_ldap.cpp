@@ -95,7 +95,8 @@ class LdapConnector : public DirectoryConnector {
 
   PingMemory m_ping{[](const auto& servers, const std::string& domain) { return netlogonPing(servers, domain); }};
   const LocatorSources m_sources{
-      lookUpSrv, [this](const auto& servers, const std::string& domain) { return m_ping(servers, domain); }, askForest,
+      [](const std::string& name) { return lookUpSrv(name); },
+      [this](const auto& servers, const std::string& domain) { return m_ping(servers, domain); }, askForest,
       randomUpTo};
 };
 

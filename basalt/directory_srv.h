@@ -1,6 +1,7 @@
 // Servers by DNS: SRV records, read and put in order.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -39,7 +40,9 @@ std::vector<SrvRecord> parseSrvAnswer(const unsigned char* bytes, std::size_t si
 // lots.
 std::vector<SrvRecord> orderSrvRecords(std::vector<SrvRecord> records, const RandomUpTo& random);
 
-// Asks the DNS servers of the host; a few seconds at the most for each of them. Never throws. Any thread.
-SrvAnswer lookUpSrv(const std::string& name);
+// Asks the DNS servers of the host; a few seconds at the most for each of them. What does not fit into a datagram is
+// asked for by TCP, within `tcpLimit` from each; where none gives it, the records that did fit are the answer. Never
+// throws. Any thread.
+SrvAnswer lookUpSrv(const std::string& name, std::chrono::milliseconds tcpLimit = std::chrono::seconds(2));
 
 }  // namespace lumo

@@ -83,7 +83,6 @@ void CurlObject::buildHeaderList() {
 void CurlObject::prepareAttempt(const std::string& url, const std::string& body, int post) {
   setOpt(CURLOPT_POST, post);
   forgetTrace();
-  dropHeaders();
   setOpt(CURLOPT_HEADERDATA, static_cast<void*>(this));
   setOpt(CURLOPT_HEADERFUNCTION, &CurlCallbacks::header);
   requestBody = body;

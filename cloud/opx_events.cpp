@@ -108,7 +108,6 @@ void OPXProcessor::cloudLogPrivEvent() {
   LUMO_LOG(logger, 1, "process a privilege event");
   const EventsInHand events;
   if (events.all().empty()) return;
-  requirePlatform();
   useSession(heldCurl(), machineCookie);
   for (const Event& event : events.all()) {
     // An agent that ends does not wait for a slow platform and all of them.

@@ -82,17 +82,10 @@ void OPXProcessor::cloudIWA() {
   LUMO_LOG(logger, 1, "siteCheck: complete successfully");
 }
 
-void OPXProcessor::requirePlatform() const {
-  if (!platformUrl.empty()) return;
-  LUMO_THROW(CloudException, -1, "The zone has no platform URL: set %s, or %s for a hierarchical zone",
-             PN::LEGACYZONE_CLOUDURL, PN::ZONE_CLOUDURL);
-}
-
 void OPXProcessor::cloudSSO() {
   std::string code;
   const WipeAtEnd wipeCode(code);
   CloudAuth::getJsonString(document, SITE_CHECK_CODE, code);
-  requirePlatform();
   const CodeUrl url(platformUrl + SSO_PATH, code);
   const int result = getMasked(url.whole(), url.shown());
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);

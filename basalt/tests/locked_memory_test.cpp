@@ -128,7 +128,7 @@ TEST(LockedMemory, AllocationIsWipedWhenItIsGivenBack) {
 }
 
 TEST(LockedMemory, SecretStandsInLockedMemoryAloneAndNowhereAfterwards) {
-  if (sanitized) GTEST_SKIP() << "the memory of a sanitizer is too large to search";
+  if (sanitized) GTEST_SKIP() << "the memory of a sanitizer is too large to search; the build without one runs this";
   const auto places = [] { return testsupport::placesOf(testsupport::RARE_LENGTH, &testsupport::rareCharacter); };
   {
     lumo::Shredder2 secret;

@@ -79,8 +79,6 @@ class OPXProcessor : public CloudBase {
   // Is the connector's reply a success?
   bool readSiteCheck();
   void trustPlatform();
-  // Without a URL the bare paths would name hosts, which are not to hear of codes and events.
-  void requirePlatform() const;
 
   boost::shared_ptr<Logger> logger;
   std::string machineCookie;  // empty when not signed in

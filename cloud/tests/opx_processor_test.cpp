@@ -44,8 +44,8 @@ TEST_F(OpxProcessor, SendsNothingWhereTheZoneHasNoPlatform) {
   processor.processor.cloudSetup();
   processor.document.Parse(R"({"otc":"c-1"})");
   const std::string why =
-      "CloudException -1 The zone has no platform URL: set ferrod.legacyzone.mfa.cloudurl, or ferrod.zone.cloudurl for "
-      "a hierarchical zone";
+      "CloudException -1 The platform's URL is empty or has no scheme: set ferrod.legacyzone.mfa.cloudurl, or "
+      "ferrod.zone.cloudurl for a hierarchical zone, beginning with https://";
   EXPECT_EQ(failureOf([this] { processor.processor.cloudSSO(); }), why);
   lumo::OPXProcessor::handleLogPrivEvent({{"User", "alice"}});
   EXPECT_EQ(failureOf([this] { processor.processor.cloudLogPrivEvent(); }), why);

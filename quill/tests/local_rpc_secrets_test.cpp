@@ -47,7 +47,7 @@ std::size_t places() { return testsupport::placesOf(RARE_LENGTH, &rareCharacter)
 
 TEST(LocalRpcSecrets, NothingOfARequestStaysInTheServersMemory) {
 #ifdef FERRO_SANITIZED
-  GTEST_SKIP() << "the memory of a sanitizer is too large to search";
+  GTEST_SKIP() << "the memory of a sanitizer is too large to search; the build without one runs this";
 #endif
   const testsupport::TempFolder folder;
   Agent agent;

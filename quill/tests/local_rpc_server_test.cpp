@@ -4,13 +4,14 @@
 
 #include "quill/rpc_message.h"
 #include "quill/tests/served_agent.h"
+#include "testsupport/failure_of.h"
 
 namespace {
 
 using lumo::IPCException;
 using lumo::LocalRpcServer;
 using lumo::LocalRpcSession;
-using raw::thrown;
+using testsupport::wordsOf;
 
 TEST_F(LocalRpcServerTest, ServesEveryMethod) {
   LocalRpcServer server(agent, options);
@@ -34,14 +35,14 @@ TEST_F(LocalRpcServerTest, ServesEveryMethod) {
 TEST_F(LocalRpcServerTest, DirectoryMethodsNeedAuthentication) {
   LocalRpcServer server(agent, options);
   auto client = session();
-  EXPECT_EQ(thrown<IPCException>([&] { client.getUserObj("jdoe", lumo::UNIX_ONLY); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { client.getUserObj("jdoe", lumo::UNIX_ONLY); }),
             "The agent could not serve getUserObj: The caller has not authenticated itself");
-  EXPECT_EQ(thrown<IPCException>([&] { client.ldapFetch("", "CN=h", nullptr, 0); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { client.ldapFetch("", "CN=h", nullptr, 0); }),
             "The agent could not serve ldapFetch: The caller has not authenticated itself");
   agent.refuse = true;
-  EXPECT_EQ(thrown<IPCException>([&] { client.authenticateProcess(); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { client.authenticateProcess(); }),
             "The agent could not serve authenticateProcess: process " + std::to_string(getpid()) + " is unknown");
-  EXPECT_EQ(thrown<IPCException>([&] { client.getUserObj("jdoe", lumo::UNIX_ONLY); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { client.getUserObj("jdoe", lumo::UNIX_ONLY); }),
             "The agent could not serve getUserObj: The caller has not authenticated itself");
   agent.refuse = false;
   client.authenticateProcess();
@@ -53,12 +54,12 @@ TEST_F(LocalRpcServerTest, AHandlersExceptionIsAnErrorReplyAndTheConversationGoe
   auto client = session();
   client.authenticateProcess();
   const auto failure = [&](const char* name) {
-    return thrown<IPCException>([&] { client.getUserObj(name, lumo::UNIX_ONLY); });
+    return wordsOf<IPCException>([&] { client.getUserObj(name, lumo::UNIX_ONLY); });
   };
   EXPECT_EQ(failure("fail"), "The agent could not serve getUserObj: out of luck");
   EXPECT_EQ(failure("odd"), "The agent could not serve getUserObj: The agent failed for an unknown reason");
   EXPECT_EQ(failure("broken"), "The agent could not serve getUserObj: An RPC message holds a name that is no UTF-8");
-  EXPECT_EQ(failure("jdoe"), "nothing");
+  EXPECT_EQ(failure("jdoe"), "nothing thrown");
 }
 
 TEST_F(LocalRpcServerTest, AReplyUpToOneMebibyteIsSentAndALargerOneIsAnError) {
@@ -73,7 +74,7 @@ TEST_F(LocalRpcServerTest, AReplyUpToOneMebibyteIsSentAndALargerOneIsAnError) {
   agent.padding = lumo::MAX_FRAME - rest;
   EXPECT_EQ((*client.ldapFetch("", "CN=h", nullptr, 0))["padding"].toString().size(), lumo::MAX_FRAME - rest);
   agent.padding = lumo::MAX_FRAME - rest + 1;
-  EXPECT_EQ(thrown<IPCException>([&] { client.ldapFetch("", "CN=h", nullptr, 0); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { client.ldapFetch("", "CN=h", nullptr, 0); }),
             "The agent could not serve ldapFetch: The reply is larger than 1 MiB");
   agent.padding = 1;
   EXPECT_NE(client.ldapFetch("", "CN=h", nullptr, 0), nullptr);
@@ -119,7 +120,7 @@ TEST_F(LocalRpcServerTest, AResultThatIsNoJsonIsAFailureOfTheAgent) {
   LocalRpcServer server(careless, options);
   auto client = session();
   client.authenticateProcess();
-  EXPECT_EQ(thrown<IPCException>([&] { client.call("any", "{}"); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { client.call("any", "{}"); }),
             "The agent could not serve any: What an RPC message holds as result is no JSON");
   EXPECT_EQ(client.getFipsMode(), 1);
 }

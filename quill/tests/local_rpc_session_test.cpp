@@ -6,6 +6,7 @@
 
 #include "base/include/exceptions.h"
 #include "quill/tests/raw_peer.h"
+#include "testsupport/failure_of.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ using lumo::IPCException;
 using lumo::LocalRpcSession;
 using lumo::rpcFrame;
 using lumo::SystemException;
-using raw::thrown;
+using testsupport::wordsOf;
 using namespace std::chrono_literals;
 
 const std::string TRUE_1 = raw::reply(R"("id":1,"result":true)");
@@ -27,13 +28,13 @@ std::string answerTo(const std::string& bytes) {
     raw::write(client, bytes);
   });
   LocalRpcSession session(peer.path(), false, false);
-  return thrown<IPCException>([&] { session.authenticateProcess(); });
+  return wordsOf<IPCException>([&] { session.authenticateProcess(); });
 }
 
 TEST(LocalRpcSession, ConnectingToNobodyIsAnIOException) {
   testsupport::TempFolder folder;
   const auto open = [&](const std::string& name) {
-    return thrown<IOException>([&] { LocalRpcSession(folder.file(name), false, false); });
+    return wordsOf<IOException>([&] { LocalRpcSession(folder.file(name), false, false); });
   };
   EXPECT_EQ(open("missing"), "Nobody serves " + folder.file("missing") + ": No such file or directory");
   raw::listenAt(folder.file("stale"));
@@ -45,7 +46,7 @@ TEST(LocalRpcSession, ConnectingToNobodyIsAnIOException) {
 
 TEST(LocalRpcSession, AnEmptyPathLeadsToNobodyWhoeverServesTheAddressWithoutOne) {
   const FileDescriptor anybody = raw::listenAt("");
-  EXPECT_EQ(thrown<IOException>([] { LocalRpcSession("", false, false); }), "The path of the agent's socket is empty");
+  EXPECT_EQ(wordsOf<IOException>([] { LocalRpcSession("", false, false); }), "The path of the agent's socket is empty");
 }
 
 TEST(LocalRpcSession, ConnectingToAFullBacklogEndsWithTheLimitAsAnIOException) {
@@ -55,17 +56,17 @@ TEST(LocalRpcSession, ConnectingToAFullBacklogEndsWithTheLimitAsAnIOException) {
   do {
     waiting.push_back(raw::connectTo(folder.file("hung"), SOCK_NONBLOCK));
   } while (waiting.back());
-  EXPECT_EQ(thrown<IOException>([&] { LocalRpcSession(folder.file("hung"), false, false, 30ms); }),
+  EXPECT_EQ(wordsOf<IOException>([&] { LocalRpcSession(folder.file("hung"), false, false, 30ms); }),
             "Nobody serves " + folder.file("hung") + ": Connection timed out");
 }
 
 TEST(LocalRpcSession, OtherFailuresToConnectAreSystemExceptions) {
   testsupport::TempFolder folder;
   const FileDescriptor datagram = raw::listenAt(folder.file("datagram"), 0, SOCK_DGRAM);
-  EXPECT_EQ(thrown<SystemException>([&] { LocalRpcSession(folder.file("datagram"), false, false); }),
+  EXPECT_EQ(wordsOf<SystemException>([&] { LocalRpcSession(folder.file("datagram"), false, false); }),
             "Cannot connect to " + folder.file("datagram") + ": Protocol wrong type for socket");
   const std::string tooLong(200, 'x');
-  EXPECT_EQ(thrown<SystemException>([&] { LocalRpcSession(tooLong, false, false); }),
+  EXPECT_EQ(wordsOf<SystemException>([&] { LocalRpcSession(tooLong, false, false); }),
             "Cannot connect to " + tooLong + ": the path is too long for a socket");
 }
 
@@ -139,8 +140,8 @@ TEST(LocalRpcSession, AnAgentThatIsGoneBeforeTheRequestIsAnIPCExceptionAndNoSign
   FileDescriptor listener = raw::listenAt(folder.file("agent"));
   LocalRpcSession session(folder.file("agent"), false, false);
   { const FileDescriptor client(accept(listener.get(), nullptr, nullptr)); }
-  EXPECT_EQ(thrown<IPCException>([&] { session.getFipsMode(); }), "The agent closed the connection");
-  EXPECT_EQ(thrown<IPCException>([&] { session.getFipsMode(); }), "The session with the agent is closed");
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.getFipsMode(); }), "The agent closed the connection");
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.getFipsMode(); }), "The session with the agent is closed");
 }
 
 TEST(LocalRpcSession, ARefusalSentUnaskedIsReadThoughTheAgentIsGone) {
@@ -151,7 +152,7 @@ TEST(LocalRpcSession, ARefusalSentUnaskedIsReadThoughTheAgentIsGone) {
     const FileDescriptor client(accept(listener.get(), nullptr, nullptr));
     raw::write(client, raw::reply(R"("id":null,"error":{"code":-32001,"message":"not you"})"));
   }
-  EXPECT_EQ(thrown<IPCException>([&] { session.authenticateProcess(); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.authenticateProcess(); }),
             "The agent could not serve authenticateProcess: not you");
 }
 
@@ -159,9 +160,9 @@ TEST(LocalRpcSession, ASilentAgentIsAnIPCExceptionWhenTheLimitHasPassed) {
   raw::Peer peer([](FileDescriptor& client) { raw::awaitEnd(client); });
   LocalRpcSession session(peer.path(), false, false, 30ms);
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(thrown<IPCException>([&] { session.getFipsMode(); }), "The RPC peer does not answer in time");
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.getFipsMode(); }), "The RPC peer does not answer in time");
   EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
-  EXPECT_EQ(thrown<IPCException>([&] { session.getFipsMode(); }), "The session with the agent is closed");
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.getFipsMode(); }), "The session with the agent is closed");
   session.close();
 }
 
@@ -172,7 +173,7 @@ TEST(LocalRpcSession, AnAgentThatStallsWithinAReplyIsAnIPCExceptionWhenTheLimitH
     raw::awaitEnd(client);
   });
   LocalRpcSession session(peer.path(), false, false, 30ms);
-  EXPECT_EQ(thrown<IPCException>([&] { session.authenticateProcess(); }), "The RPC peer does not answer in time");
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.authenticateProcess(); }), "The RPC peer does not answer in time");
   session.close();
 }
 
@@ -186,7 +187,7 @@ TEST(LocalRpcSession, AnAgentThatDribblesDoesNotStretchTheLimit) {
     } while (poll(&gone, 1, 5) == 0);
   });
   LocalRpcSession session(peer.path(), false, false, 50ms);
-  EXPECT_EQ(thrown<IPCException>([&] { session.authenticateProcess(); }), "The RPC peer does not answer in time");
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.authenticateProcess(); }), "The RPC peer does not answer in time");
   session.close();
 }
 
@@ -194,7 +195,7 @@ TEST(LocalRpcSession, AnAgentThatDoesNotReadIsAnIPCExceptionWhenTheLimitHasPasse
   testsupport::TempFolder folder;
   const FileDescriptor listener = raw::listenAt(folder.file("agent"));
   LocalRpcSession session(folder.file("agent"), false, false, 30ms);
-  EXPECT_EQ(thrown<IPCException>([&] { session.ldapFetch("", std::string(1000000, 'x'), nullptr, 0); }),
+  EXPECT_EQ(wordsOf<IPCException>([&] { session.ldapFetch("", std::string(1000000, 'x'), nullptr, 0); }),
             "The RPC peer does not take the message in time");
 }
 
@@ -205,7 +206,7 @@ TEST(LocalRpcSession, ARequestTooLargeIsRefusedBeforeItIsSent) {
   });
   LocalRpcSession session(peer.path(), false, false);
   const std::string rest = R"({"jsonrpc":"2.0","id":1,"method":"getUserObj","params":{"name":"","lookup":"unix"}})";
-  EXPECT_EQ(thrown<IPCException>(
+  EXPECT_EQ(wordsOf<IPCException>(
                 [&] { session.getUserObj(std::string(lumo::MAX_FRAME - rest.size() + 1, 'x'), lumo::UNIX_ONLY); }),
             "Cannot send the request getUserObj: RPC frame of 1048577 bytes, allowed are 1 to 1048576");
   EXPECT_EQ(session.getFipsMode(), 1);
@@ -226,7 +227,7 @@ TEST(LocalRpcSession, LeavesNoDescriptor) {
   answerTo(TRUE_1);
   answerTo("");
   testsupport::TempFolder folder;
-  thrown<IOException>([&] { LocalRpcSession(folder.file("missing"), false, false); });
+  wordsOf<IOException>([&] { LocalRpcSession(folder.file("missing"), false, false); });
   EXPECT_EQ(raw::countOf("fd"), before);
 }
 

@@ -117,15 +117,4 @@ inline int threadsDownTo(int expected) {
   return count;
 }
 
-// The words of the exception that the operation throws.
-template <typename Exception, typename Operation>
-std::string thrown(Operation operation) {
-  try {
-    operation();
-  } catch (const Exception& failure) {
-    return failure.what();
-  }
-  return "nothing";
-}
-
 }  // namespace raw

@@ -8,6 +8,7 @@
 
 #include "base/include/exceptions.h"
 #include "quill/tests/raw_peer.h"
+#include "testsupport/failure_of.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ using lumo::FileDescriptor;
 using lumo::IOException;
 using lumo::RpcSocketFile;
 using lumo::SystemException;
-using raw::thrown;
+using testsupport::wordsOf;
 
 class RpcSocketFileTest : public testing::Test {
  protected:
@@ -47,11 +48,11 @@ TEST_F(RpcSocketFileTest, AServedSocketIsLeftAlone) {
   const std::string served = "Another process serves " + path + " already";
   {
     const FileDescriptor other = raw::listenAt(path);
-    EXPECT_EQ(thrown<IOException>([&] { RpcSocketFile(path, 0600); }), served);
+    EXPECT_EQ(wordsOf<IOException>([&] { RpcSocketFile(path, 0600); }), served);
     EXPECT_TRUE(raw::connectTo(path));
   }
   const RpcSocketFile socket(path, 0600);
-  EXPECT_EQ(thrown<IOException>([&] { RpcSocketFile(path, 0600); }), served);
+  EXPECT_EQ(wordsOf<IOException>([&] { RpcSocketFile(path, 0600); }), served);
   EXPECT_TRUE(raw::connectTo(path));
 }
 
@@ -61,32 +62,32 @@ TEST_F(RpcSocketFileTest, AServerThatHungWithAFullBacklogIsLeftAlone) {
   do {
     waiting.push_back(raw::connectTo(path, SOCK_NONBLOCK));
   } while (waiting.back());
-  EXPECT_EQ(thrown<IOException>([&] { RpcSocketFile(path, 0600); }), "Another process serves " + path + " already");
+  EXPECT_EQ(wordsOf<IOException>([&] { RpcSocketFile(path, 0600); }), "Another process serves " + path + " already");
 }
 
 TEST_F(RpcSocketFileTest, AServerStartingAtTheSameMomentIsLeftAlone) {
   testsupport::writeFile(path + ".lock", "", 0600);
   const FileDescriptor lock(open((path + ".lock").c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), 0);
-  EXPECT_EQ(thrown<IOException>([&] { RpcSocketFile(path, 0600); }), "Another process serves " + path + " already");
+  EXPECT_EQ(wordsOf<IOException>([&] { RpcSocketFile(path, 0600); }), "Another process serves " + path + " already");
   EXPECT_FALSE(testsupport::exists(path));
 }
 
 TEST_F(RpcSocketFileTest, WhatIsNoSocketIsLeftAloneAndNamed) {
   testsupport::writeFile(path, "precious");
-  EXPECT_EQ(thrown<SystemException>([&] { RpcSocketFile(path, 0600); }),
+  EXPECT_EQ(wordsOf<SystemException>([&] { RpcSocketFile(path, 0600); }),
             "Cannot serve " + path + ": something that is no socket stands there; remove it");
   EXPECT_EQ(testsupport::readFile(path), "precious");
 }
 
 TEST_F(RpcSocketFileTest, ASocketThatCannotBeMadeSaysWhy) {
   path = folder.file("missing/agent");
-  EXPECT_EQ(thrown<SystemException>([&] { RpcSocketFile(path, 0600); }),
+  EXPECT_EQ(wordsOf<SystemException>([&] { RpcSocketFile(path, 0600); }),
             "Cannot serve " + path + ": its lock file " + path + ".lock cannot be taken");
   path = folder.file(std::string(150, 'x'));
-  EXPECT_EQ(thrown<SystemException>([&] { RpcSocketFile(path, 0600); }),
+  EXPECT_EQ(wordsOf<SystemException>([&] { RpcSocketFile(path, 0600); }),
             "Cannot serve " + path + ": File name too long");
-  EXPECT_EQ(thrown<SystemException>([] { RpcSocketFile("", 0600); }), "Cannot serve : No such file or directory");
+  EXPECT_EQ(wordsOf<SystemException>([] { RpcSocketFile("", 0600); }), "Cannot serve : No such file or directory");
   EXPECT_FALSE(testsupport::exists(".lock"));
 }
 

@@ -8,9 +8,11 @@
 
 #include <cerrno>
 #include <mutex>
+#include <string_view>
 
 #include "basalt/posix_file.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 
 namespace lumo {
 namespace {
@@ -41,43 +43,6 @@ class FileSink : public spdlog::sinks::base_sink<std::mutex> {
   FileDescriptor m_file;
 };
 
-// Length of the well-formed UTF-8 sequence at `at` that is no control character; 0 when there is none.
-std::size_t printableLength(const std::string& text, std::size_t at) {
-  const auto byte = [&](std::size_t i) -> unsigned {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const unsigned first = byte(at);
-  if (first < 0x80) return first >= 0x20 && first != 0x7F ? 1 : 0;
-  const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-  if (first < 0xC2 || first > 0xF4) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(at + i) & 0xC0U) != 0x80) return 0;
-  }
-  const unsigned second = byte(at + 1);
-  const bool overlongOrControl = (first == 0xC2 && second < 0xA0) || (first == 0xE0 && second < 0xA0) ||
-                                 (first == 0xED && second >= 0xA0) || (first == 0xF0 && second < 0x90) ||
-                                 (first == 0xF4 && second >= 0x90);
-  return overlongOrControl ? 0 : length;
-}
-
-void appendEscaped(std::string& out, char c) {
-  constexpr char digits[] = "0123456789abcdef";
-  const auto value = static_cast<unsigned char>(c);
-  switch (c) {
-    case '\n':
-      out += "\\n";
-      break;
-    case '\r':
-      out += "\\r";
-      break;
-    case '\t':
-      out += "\\t";
-      break;
-    default:
-      out += {'\\', 'x', digits[value >> 4U], digits[value & 15U]};
-  }
-}
-
 }  // namespace
 
 std::shared_ptr<spdlog::sinks::sink> makeFileSink(const std::string& path) { return std::make_shared<FileSink>(path); }
@@ -87,19 +52,7 @@ std::shared_ptr<spdlog::sinks::sink> makeSystemSink() {
 }
 
 std::string oneLine(const std::string& text) {
-  const std::size_t size = text.find_last_not_of('\n') + 1;
-  std::string out;
-  out.reserve(size);
-  for (std::size_t at = 0; at < size;) {
-    const std::size_t length = printableLength(text, at);
-    if (length == 0) {
-      appendEscaped(out, text[at++]);
-    } else {
-      out.append(text, at, length);
-      at += length;
-    }
-  }
-  return out;
+  return printable(std::string_view(text).substr(0, text.find_last_not_of('\n') + 1));
 }
 
 }  // namespace lumo

@@ -15,8 +15,7 @@ std::shared_ptr<spdlog::sinks::sink> makeFileSink(const std::string& path);
 // The system log, facility authpriv, ident the program's name, with the process id.
 std::shared_ptr<spdlog::sinks::sink> makeSystemSink();
 
-// Text in one line: newlines at the end are dropped, control characters and bytes that are no UTF-8 come out as \n, \t,
-// \r or \xHH.
+// Text in one line: newlines at the end are dropped, the rest is as `printable` has it.
 std::string oneLine(const std::string& text);
 
 }  // namespace lumo

@@ -2,6 +2,7 @@
 
 #include "cloud/curl_object_internal.h"
 #include "cloud/curl_object_layer.h"
+#include "cloud/include/transport_start.h"
 
 const std::map<std::string, long> proxyAuthTypes = {
     {"", static_cast<long>(CURLAUTH_NONE)},       {"negotiate", static_cast<long>(CURLAUTH_GSSNEGOTIATE)},
@@ -29,8 +30,8 @@ void requireNtlm(long mask, int features) {
 }
 
 CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
-  static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
-  CurlHandle created(initialised == CURLE_OK ? curl_easy_init() : nullptr);
+  lumo::startTransport();
+  CurlHandle created(curl_easy_init());
   if (!created) LUMO_THROW(lumo::CurlException, -1, "Failed to create curl context");
   handle = created.get();
   setOpt(CURLOPT_COOKIEFILE, "");

@@ -6,6 +6,8 @@
 
 #include "basalt/kerberos_handles.h"
 #include "basalt/kerberos_machine_cache.h"
+#include "basalt/kerberos_password.h"
+#include "basalt/kerberos_refusals.h"
 #include "basalt/kerberos_request.h"
 #include "basalt/settings_store.h"
 #include "base/include/kerb_wrap.h"
@@ -14,6 +16,8 @@
 
 namespace {
 
+constexpr char NOT_ASKED_AGAIN[] = " (refused a moment ago; the same password is not sent again)";
+
 // What a password request takes along to its thread.
 struct PasswordRequest {
   lumo::Shredder password;
@@ -21,17 +25,7 @@ struct PasswordRequest {
   int lifetime;
 
   krb5_error_code operator()(krb5_context context, krb5_creds* creds) const {
-    lumo::KrbPrincipal client(context);
-    krb5_error_code rc = krb5_parse_name(context, principal.c_str(), client.out());
-    lumo::KrbInitOptions options(context);
-    if (rc == 0) rc = krb5_get_init_creds_opt_alloc(context, options.out());
-    if (rc != 0) return rc;
-    krb5_get_init_creds_opt_set_tkt_life(options.get(), lifetime);
-    krb5_get_init_creds_opt_set_canonicalize(options.get(), 1);
-    krb5_get_init_creds_opt_set_change_password_prompt(options.get(), 0);
-    // Without a prompter nothing is ever asked: an expired password gives its error.
-    return krb5_get_init_creds_password(context, creds, client.get(), password.c_str(), nullptr, nullptr, 0, nullptr,
-                                        options.get());
+    return lumo::ticketForPassword(context, principal, password, lifetime, creds);
   }
 };
 
@@ -57,8 +51,17 @@ class RealCredentialSource : public KerberosCredentialSource {
       return static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED);
     }
     try {
-      return lumo::runKdcRequest(context, PasswordRequest{password, inRealm(context, principal, realm), lifetime},
-                                 lumo::KDC_LIMIT, creds, errorText);
+      const std::string client = inRealm(context, principal, realm);
+      if (const auto refusal = m_refusals.find(context, client, password)) {
+        if (errorText != nullptr) *errorText = refusal->text + NOT_ASKED_AGAIN;
+        return refusal->code;
+      }
+      std::string text;
+      const krb5_error_code code =
+          lumo::runKdcRequest(context, PasswordRequest{password, client, lifetime}, lumo::KDC_LIMIT, creds, &text);
+      m_refusals.add(context, client, password, {code, text});
+      if (code != 0 && errorText != nullptr) *errorText = text;
+      return code;
     } catch (const KerberosException& failure) {
       if (errorText != nullptr) *errorText = failure.what();
       return failure.rc();
@@ -68,6 +71,9 @@ class RealCredentialSource : public KerberosCredentialSource {
   std::string machineCache() override {
     return lumo::machineCredentialCache(lumo::path::MACHINE_KEYTAB, lumo::path::MACHINE_CCACHE);
   }
+
+ private:
+  lumo::PasswordRefusals m_refusals;
 };
 
 KerberosCredentialSource* replacement = nullptr;
@@ -75,8 +81,9 @@ KerberosCredentialSource* replacement = nullptr;
 }  // namespace
 
 KerberosCredentialSource& KerberosCredentialSource::getInstance() {
-  static RealCredentialSource own;
-  return replacement != nullptr ? *replacement : own;
+  // Never destroyed: threads may use it to the very end.
+  static auto* const own = new RealCredentialSource;
+  return replacement != nullptr ? *replacement : *own;
 }
 
 void KerberosCredentialSource::setInstance(KerberosCredentialSource* source) { replacement = source; }

@@ -18,7 +18,9 @@ class KerberosCredentialSource {
   // Ticket-granting ticket for a principal by password. The lifetime is in seconds. Returns 0 and fills creds, whose
   // contents the caller frees with krb5_free_cred_contents, or the Kerberos code and, when errorText is not null, a
   // text. A realm that is not empty takes the place of the principal's. Nobody is ever asked for anything: an empty
-  // password is KRB5_PREAUTH_FAILED, an expired one KRB5KDC_ERR_KEY_EXP. KRB5_KDC_UNREACH after 30 seconds at most.
+  // password is KRB5_PREAUTH_FAILED, an expired one KRB5KDC_ERR_KEY_EXP. KRB5_KDC_UNREACH after 30 seconds at most. One
+  // attempt is one guess at one KDC; a password that a KDC has refused in the last minute gets that refusal again
+  // without a request.
   virtual krb5_error_code ticketByPassword(krb5_context context, krb5_principal principal,
                                            const lumo::Shredder& password, const std::string& realm, int lifetime,
                                            krb5_creds* creds, std::string* errorText) = 0;

@@ -39,6 +39,7 @@ using KrbCCache = KrbHandle<krb5_ccache, krb5_cc_close>;
 using KrbNameText = KrbHandle<char*, krb5_free_unparsed_name>;
 using KrbEncTypes = KrbHandle<krb5_enctype*, krb5_free_enctypes>;
 using KrbInitOptions = KrbHandle<krb5_get_init_creds_opt*, krb5_get_init_creds_opt_free>;
+using KrbInitCreds = KrbHandle<krb5_init_creds_context, krb5_init_creds_free>;
 
 // Owns the contents of a filled-in record.
 template <class T, auto Free>

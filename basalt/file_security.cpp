@@ -12,6 +12,7 @@
 #include "basalt/child_process.h"
 #include "basalt/posix_file.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace lumo {
@@ -19,7 +20,9 @@ namespace {
 
 constexpr int mostLinks = 40;
 
-[[noreturn]] void throwUnsafe(const std::string& words) { LUMO_THROW(FileSecurityException, -1, "%s", words.c_str()); }
+[[noreturn]] void throwUnsafe(const std::string& words) {
+  LUMO_THROW(FileSecurityException, -1, "%s", printable(words).c_str());
+}
 
 struct Judge {
   bool requireRoot = true;
@@ -152,6 +155,17 @@ int openChecked(const std::string& path, FileSecrecy secrecy) {
   if (!file || fstat(file.get(), &status) != 0) throwSystem("Cannot read", path, errno);
   judge.file(path, status, forbidden);
   return file.release();
+}
+
+void checkSocketFile(const std::string& path, bool requireRoot) {
+  const Judge judge{requireRoot};
+  const SafeFolder folder(path, judge);
+  struct stat status {};
+  if (!folder.there() || fstatat(folder.fd(), folder.name().c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    throwSystem("Cannot look at", path, folder.there() ? errno : ENOENT);
+  }
+  if (!S_ISSOCK(status.st_mode)) throwUnsafe(path + " is not a socket; find out who put it there, and remove it");
+  judge.owner(path, status);
 }
 
 std::string FileSecurityCheck(const std::string& path, bool allowMissing, bool requireRoot, bool commandLine) {

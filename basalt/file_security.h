@@ -19,6 +19,12 @@ enum class FileSecrecy {
 // FileSecurityException with words that name the path and the fault, SystemException for any other failure.
 int openChecked(const std::string& path, FileSecrecy secrecy);
 
+// Judges the file of a Unix socket, without following a symbolic link: a socket, in folders that are writable by nobody
+// but their owner (sticky folders excepted); with `requireRoot` file and folders belong to root. The socket's own mode
+// is not judged: it says who may connect. Throws FileSecurityException with words that name the path and the fault,
+// SystemException for any other failure.
+void checkSocketFile(const std::string& path, bool requireRoot);
+
 // The command line when its program may safely be run by root, empty when not: the first word must be an absolute path
 // to a regular executable file, owner root, writable by nobody else, every folder above likewise. `allowMissing` lets a
 // program pass that is not there, `requireRoot` judges owners, `commandLine` says that arguments may follow the path.

@@ -10,12 +10,13 @@
 #include <thread>
 
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 
 namespace lumo {
 namespace {
 
 [[noreturn]] void throwWords(const char* doing, const std::string& path, const std::string& words, int error) {
-  LUMO_THROW(SystemException, error, "%s %s: %s", doing, path.c_str(), words.c_str());
+  LUMO_THROW(SystemException, error, "%s %s: %s", doing, printable(path).c_str(), words.c_str());
 }
 
 }  // namespace

@@ -4,12 +4,20 @@
 #include "basalt/lock_file.h"
 #include "basalt/settings_store.h"
 #include "base/include/exceptions.h"
+#include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "cli/cli_common.h"
 #include "quill/local_rpc_session.h"
 
 namespace {
+
+constexpr int WARNING = 3;
+
+// An agent that is there but is not trusted, or cannot be reached: no status says so.
+void logUnreachable(const lumo::SystemException& failure) {
+  LUMO_LOG(getLogger("cli.common", false), WARNING, "Cannot ask the agent: %s", failure.what());
+}
 
 struct StatusRow {
   const char* text;
@@ -55,6 +63,20 @@ AgentStatus lockStatus() {
   return state == 0 ? AgentDown : AgentStarting;
 }
 
+std::string askForUPN(const std::string& user) {
+  try {
+    lumo::LocalRpcSession session(
+        lumo::Props(false, false).getProperty(lumo::PN::LUMOD_SOCKET, lumo::path::AGENT_SOCKET), false, false);
+    session.authenticateProcess();
+    const ADObjectPtr object = session.getUserObj(user, lumo::UNIX_ONLY);
+    if (!object) return "";
+    return (*object)[LUMO_USER_PRINCIPAL_NAME].toString();
+  } catch (const lumo::SystemException& failure) {
+    logUnreachable(failure);
+    throw;
+  }
+}
+
 }  // namespace
 
 AgentStatus agentStatus() {
@@ -64,6 +86,9 @@ AgentStatus agentStatus() {
     return AgentRequestFailed;
   } catch (const lumo::IOException&) {
     return lockStatus();
+  } catch (const lumo::SystemException& failure) {
+    logUnreachable(failure);
+    return AgentUnknown;
   } catch (...) {
     return AgentUnknown;
   }
@@ -75,12 +100,7 @@ std::string agentStatusText() { return rowOf(agentStatus()).text; }
 
 std::string GetUserUPN(const std::string& user) {
   try {
-    lumo::LocalRpcSession session(
-        lumo::Props(false, false).getProperty(lumo::PN::LUMOD_SOCKET, lumo::path::AGENT_SOCKET), false, false);
-    session.authenticateProcess();
-    const ADObjectPtr object = session.getUserObj(user, lumo::UNIX_ONLY);
-    if (!object) return "";
-    return (*object)[LUMO_USER_PRINCIPAL_NAME].toString();
+    return askForUPN(user);
   } catch (...) {
     LUMO_LOG(getLogger("cli.common", false), 1,
              "Failed to get UPN for user '%s', maybe ferrod is not running/not available.", user.c_str());

@@ -4,12 +4,14 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <list>
+#include <map>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -19,6 +21,7 @@
 #include "base/include/wipe.h"
 #include "quill/rpc_channel.h"
 #include "quill/rpc_message.h"
+#include "quill/rpc_places.h"
 #include "quill/rpc_socket_file.h"
 
 namespace lumo {
@@ -27,6 +30,10 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr char LOGGER[] = "quill.server";
+
+// Refusals of one user are logged at WARN once in this time, at DEBUG otherwise.
+constexpr auto TOLD_AGAIN = std::chrono::minutes(1);
+constexpr std::size_t MOST_TOLD = 1000;
 
 // A counter that a poll can wait for.
 class Event {
@@ -59,15 +66,22 @@ class Conversation {
   void hold() {
     while (auto content = m_channel.receive(m_options.idleLimit, m_options.callLimit)) {
       const WipeAtEnd wiped(*content);
+      m_busy = true;
       send(answer(*content));
+      m_busy = false;
     }
   }
 
-  // Says why and leaves; a caller that may not talk to us never holds one of the places.
-  void refuse() {
-    const std::string words = "User " + std::to_string(m_caller.uid) + " may not talk to the agent";
-    m_channel.send(encodeReply({std::nullopt, RpcFault{rpc::CallerRefused, words}}), steady_clock::now());
-  }
+  // Says why and leaves; a caller that is refused never holds one of the places.
+  void refuse(const RpcFault& fault) { m_channel.send(encodeReply({std::nullopt, fault}), steady_clock::now()); }
+
+  // The client sees the end of the connection.
+  void shut() const { m_channel.shut(); }
+
+  // Has the client gone, with no request of it in hand? hold() is then about to return. Any thread.
+  bool isEnding() const { return !m_busy && m_channel.peerClosed(); }
+
+  const RpcCaller& caller() const { return m_caller; }
 
  private:
   RpcReply answer(const std::string& content) {
@@ -127,6 +141,7 @@ class Conversation {
   const LocalRpcServerOptions& m_options;
   RpcChannel m_channel;
   RpcCaller m_caller;
+  std::atomic<bool> m_busy{false};
   bool m_authenticated = false;
 };
 
@@ -146,7 +161,10 @@ std::string LocalRpcHandler::call(const RpcCaller&, const std::string&, const st
 class LocalRpcServer::Impl {
  public:
   Impl(LocalRpcHandler& handler, LocalRpcServerOptions options)
-      : m_handler(handler), m_options(std::move(options)), m_socket(std::in_place, m_options.path, m_options.mode) {
+      : m_handler(handler),
+        m_options(std::move(options)),
+        m_places(rpcPlaces(m_options.maxClients, m_options.rootOnly)),
+        m_socket(std::in_place, m_options.path, m_options.mode) {
     m_acceptor = std::thread([this] { accept(); });
   }
 
@@ -161,15 +179,16 @@ class LocalRpcServer::Impl {
 
  private:
   struct Client {
+    std::unique_ptr<Conversation> talk;
     std::thread thread;
     std::atomic<bool> done{false};
   };
 
-  // The acceptor's thread: the only one that touches m_clients until it ends.
+  // The acceptor's thread: the only one that touches m_clients and m_told until it ends.
   void accept() {
     bool resting = false;  // after a failure that a moment's patience may mend
     for (;;) {
-      const bool full = m_clients.size() >= static_cast<std::size_t>(std::max(m_options.maxClients, 1));
+      const bool full = m_clients.size() >= m_places.all;
       pollfd waiting[3] = {
           {m_stop.fd(), POLLIN, 0}, {m_freed.fd(), POLLIN, 0}, {full || resting ? -1 : m_socket->fd(), POLLIN, 0}};
       poll(waiting, 3, resting ? 100 : -1);
@@ -189,6 +208,41 @@ class LocalRpcServer::Impl {
     });
   }
 
+  // Root, and the user of this process, which can stop the server anyway. These alone may fill every place.
+  static bool isOwner(uid_t uid) { return uid == 0 || uid == geteuid(); }
+
+  // Why this caller is not served, if it is not.
+  std::optional<RpcFault> refusalOf(const RpcCaller& caller) const {
+    const std::string user = "User " + std::to_string(caller.uid);
+    if (m_options.rootOnly && caller.uid != 0) return RpcFault{rpc::CallerRefused, user + " may not talk to the agent"};
+    if (isOwner(caller.uid)) return std::nullopt;
+    std::size_t others = 0;
+    std::size_t own = 0;
+    for (const Client& client : m_clients) {
+      const uid_t uid = client.talk->caller().uid;
+      if (!isOwner(uid)) ++others;
+      // A client that closes one connection and opens the next must not depend on how soon our thread notices.
+      if (uid == caller.uid && !client.done && !client.talk->isEnding()) ++own;
+    }
+    if (own >= m_places.perUser) {
+      return RpcFault{rpc::TooManyOfUser,
+                      user + " has " + std::to_string(own) + " connections to the agent, as many as one user may have"};
+    }
+    if (others < m_places.others) return std::nullopt;
+    return RpcFault{rpc::NoPlace, "The agent serves as many clients as it can; try again later"};
+  }
+
+  // Users must not be able to fill the log, nor this memory of them.
+  void tell(const RpcCaller& caller, const RpcFault& fault) {
+    const auto now = steady_clock::now();
+    if (m_told.size() >= MOST_TOLD) m_told.clear();
+    const auto told = m_told.find(caller.uid);
+    const int level = told == m_told.end() || now - told->second >= TOLD_AGAIN ? 3 : 1;
+    if (level == 3) m_told[caller.uid] = now;
+    LUMO_LOG(getLogger(LOGGER, false), level, "Refused process %d of user %u: %s", static_cast<int>(caller.pid),
+             caller.uid, fault.message.c_str());
+  }
+
   // False when the system had no room for another client.
   bool acceptOne() {
     FileDescriptor socket(accept4(m_socket->fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -196,17 +250,21 @@ class LocalRpcServer::Impl {
     const auto caller = callerOf(socket.get());
     if (!caller) return true;
     auto conversation = std::make_unique<Conversation>(m_handler, m_options, std::move(socket), *caller, m_stop.fd());
-    if (m_options.rootOnly && caller->uid != 0) {
-      LUMO_LOG(getLogger(LOGGER, false), 3, "Refused process %d of user %u", static_cast<int>(caller->pid),
-               caller->uid);
-      guarded([&] { conversation->refuse(); });
+    if (const auto fault = refusalOf(*caller)) {
+      tell(*caller, *fault);
+      guarded([&] { conversation->refuse(*fault); });
       return true;
     }
+    return serve(std::move(conversation));
+  }
+
+  bool serve(std::unique_ptr<Conversation> conversation) {
     Client& client = m_clients.emplace_back();
+    client.talk = std::move(conversation);
     try {
-      client.thread = std::thread([this, talk = std::move(conversation), &client]() mutable {
-        guarded([&] { talk->hold(); });
-        talk.reset();
+      client.thread = std::thread([this, &client] {
+        guarded([&] { client.talk->hold(); });
+        client.talk->shut();
         client.done = true;
         m_freed.raise();
       });
@@ -230,10 +288,12 @@ class LocalRpcServer::Impl {
 
   LocalRpcHandler& m_handler;
   LocalRpcServerOptions m_options;
+  RpcPlaces m_places;
   std::optional<RpcSocketFile> m_socket;
   Event m_stop;
   Event m_freed;
   std::list<Client> m_clients;
+  std::map<uid_t, steady_clock::time_point> m_told;  // when a refusal of that user was last logged at WARN
   std::thread m_acceptor;
 };
 

@@ -50,7 +50,10 @@ struct LocalRpcServerOptions {
   std::string path = lumo::path::AGENT_SOCKET;
   mode_t mode = 0600;    // of the socket file
   bool rootOnly = true;  // other callers get an error reply and are disconnected, whatever the mode
-  int maxClients = 20;   // served at once; further ones wait in the backlog
+  // Served at once; an agent gives the value of `lumod.max.client.threads`. Root's further clients wait in the backlog.
+  // Where rootOnly is false a quarter of the places is root's alone, and one other user has at most a quarter
+  // (quill/rpc_places.h); its further clients get an error reply and are disconnected.
+  int maxClients = 20;
   std::chrono::milliseconds callLimit = std::chrono::seconds(10);   // for a request or a reply to get through
   std::chrono::milliseconds idleLimit = std::chrono::seconds(900);  // between two requests
 };

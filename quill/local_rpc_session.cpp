@@ -1,13 +1,17 @@
 #include "quill/local_rpc_session.h"
 
+#include <sys/auxv.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "basalt/file_security.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "quill/rpc_channel.h"
 #include "quill/rpc_message.h"
 
@@ -54,12 +58,42 @@ int connectWithin(int fd, const sockaddr_un& address, steady_clock::time_point d
   }
 }
 
+// Does this process act for its own user alone? One with more rights than the user who started it does not.
+bool isUsersOwn() { return geteuid() != 0 && getauxval(AT_SECURE) == 0; }
+
+// The agent answers with names and states that its callers act on, and is given passwords: whoever serves the socket
+// must be root. A process of an ordinary user also takes a server of that same user, which could read its memory and
+// answer in its place anyway; root, and a process with more rights than its user, never do.
+void requireTrusted(int fd, const std::string& path) {
+  const std::string shown = printable(path);
+  ucred server{};
+  socklen_t size = sizeof server;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &server, &size) != 0) {
+    LUMO_THROW(SystemException, errno, "Cannot tell who serves %s: %s", shown.c_str(), strerror(errno));
+  }
+  if (server.uid != 0 && !(isUsersOwn() && server.uid == geteuid())) {
+    LUMO_THROW(SystemException, EPERM,
+               "Refused the agent at %s: user %u serves it, not root; end that process, remove the socket and start "
+               "the agent again",
+               shown.c_str(), server.uid);
+  }
+  // Kernel and file may differ: a socket that root opened for a service of another user is that user's to serve.
+  try {
+    checkSocketFile(path, !isUsersOwn());
+  } catch (const FileSecurityException& fault) {
+    LUMO_THROW(SystemException, EPERM, "Refused the agent at %s: %s", shown.c_str(), fault.what());
+  }
+}
+
 FileDescriptor connected(const std::string& path, std::chrono::milliseconds limit) {
   const sockaddr_un address = addressOf(path);
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) LUMO_THROW(SystemException, errno, "Cannot make a socket: %s", strerror(errno));
   const int error = connectWithin(socket.get(), address, steady_clock::now() + limit);
-  if (error == 0) return socket;
+  if (error == 0) {
+    requireTrusted(socket.get(), path);
+    return socket;
+  }
   if (isNobodyThere(error)) {
     LUMO_THROW(IOException, error, "Nobody serves %s: %s", path.c_str(),
                error == EAGAIN ? strerror(ETIMEDOUT) : strerror(error));

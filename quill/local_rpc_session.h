@@ -19,7 +19,10 @@ enum UserLookup { UNIX_ONLY = 1 };
 class LocalRpcSession {
  public:
   // Connects to the agent. Both bools are false in every call of this system. Throws IOException when there is nobody
-  // there: no socket, nobody behind it, or no answer within the limit. Any other failure is a SystemException.
+  // there: no socket, nobody behind it, or no answer within the limit. Any other failure is a SystemException, also an
+  // agent that cannot be trusted: the socket is not served by root, or its file does not belong to root, is no socket
+  // or lies in a folder that others may write to (sticky folders excepted). A process of an ordinary user also takes a
+  // server and a file of that user; one that is set-user-id or has file capabilities does not.
   LocalRpcSession(const std::string& path, bool, bool, std::chrono::milliseconds limit = std::chrono::seconds(10));
   ~LocalRpcSession();
   LocalRpcSession(const LocalRpcSession&) = delete;

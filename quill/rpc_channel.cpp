@@ -73,6 +73,14 @@ bool RpcChannel::readSome() {
   return false;
 }
 
+bool RpcChannel::peerClosed() const {
+  char byte = 0;
+  const ssize_t n = recv(m_socket.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return n == 0 || (n < 0 && !mayRetry(errno));
+}
+
+void RpcChannel::shut() const { shutdown(m_socket.get(), SHUT_RDWR); }
+
 std::optional<std::string> RpcChannel::receive(Span idle, Span frame) try {
   bool begun = !m_reader.empty();
   Deadline deadline = std::chrono::steady_clock::now() + (begun ? frame : idle);

@@ -28,6 +28,11 @@ class RpcChannel {
   // frame or the frame's length is not allowed.
   std::optional<std::string> receive(Span idle, Span frame);
 
+  // Has the peer closed, and left nothing unread in the socket? Any thread, also while another one is in receive().
+  bool peerClosed() const;
+  // Ends the connection for the peer; the descriptor goes with the object. Never throws.
+  void shut() const;
+
  private:
   enum class Wait { Ready, TimedOut, Stopped };
   Wait wait(short events, Deadline deadline) const;

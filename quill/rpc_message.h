@@ -23,6 +23,8 @@ inline constexpr int RequestFailed = -32000;
 inline constexpr int CallerRefused = -32001;
 inline constexpr int NotAuthenticated = -32002;
 inline constexpr int ReplyTooLarge = -32003;
+inline constexpr int NoPlace = -32004;
+inline constexpr int TooManyOfUser = -32005;
 }  // namespace rpc
 
 // Own: a method that the agent has beside the others.

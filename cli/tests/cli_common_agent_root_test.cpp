@@ -202,6 +202,37 @@ TEST_F(CliCommonAgent, UnavailableAfterAnyOtherFailure) {
   EXPECT_EQ(status(), "4 <unavailable> no");
 }
 
+TEST_F(CliCommonAgent, UnavailableWhereAnotherUserServesTheSocketAndTheLogSaysSo) {
+  ASSERT_EQ(chmod("/var/morvand", 01777), 0);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t eve = fork();
+  if (eve == 0) {
+    if (setgid(1001) != 0 || setuid(1001) != 0) _exit(1);
+    const lumo::FileDescriptor listening = socketAt("/var/morvand/daemon");
+    if (listen(listening.get(), 4) != 0) _exit(1);
+    [[maybe_unused]] const ssize_t n = write(ready[1], "r", 1);
+    for (;;) pause();
+  }
+  close(ready[1]);
+  char byte = 0;
+  EXPECT_EQ(read(ready[0], &byte, 1), 1);
+  close(ready[0]);
+  configure();
+  EXPECT_EQ(agentStatus(), AgentUnknown);
+  EXPECT_EQ(GetUserUPN("jdoe"), "");
+  kill(eve, SIGKILL);
+  waitpid(eve, nullptr, 0);
+  const std::string refused =
+      "WARN cli.common: Cannot ask the agent: Refused the agent at /var/morvand/daemon: user 1001 serves it, not root; "
+      "end that process, remove the socket and start the agent again";
+  EXPECT_THAT(records(),
+              ElementsAre(refused, refused,
+                          "DEBUG cli.common: Failed to get UPN for user 'jdoe', maybe ferrod is not running/not "
+                          "available."));
+  ASSERT_EQ(chmod("/var/morvand", 0755), 0);
+}
+
 TEST_F(CliCommonAgent, AStatusThatThereIsNotCountsAsUnavailable) {
   for (const int number : {-1, 8, 1000}) EXPECT_FALSE(agentRunning(static_cast<AgentStatus>(number))) << number;
 }

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -139,6 +140,13 @@ void serve(const sigset_t& signals) {
   printReports();
 }
 
+lumo::LocalRpcServerOptions serverOptions() {
+  lumo::LocalRpcServerOptions options;
+  const std::string threads = lumo::Props(false, false).getProperty(lumo::PN::LUMOD_MAX_CLIENT_THREADS);
+  if (!threads.empty()) options.maxClients = static_cast<int>(std::strtol(threads.c_str(), nullptr, 10));
+  return options;
+}
+
 // The order of an agent's life; the end is the beginning backwards.
 void live(const ADAgent::Options& options, const sigset_t& signals) {
   const AgentLock lock;
@@ -151,7 +159,7 @@ void live(const ADAgent::Options& options, const sigset_t& signals) {
   UpdateCloudConnectors();
   AgentLogins logins;
   AgentRpc rpc(logins, reload);
-  const lumo::LocalRpcServer server(rpc);
+  const lumo::LocalRpcServer server(rpc, serverOptions());
   serve(signals);
 }
 

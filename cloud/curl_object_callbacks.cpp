@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cloud/curl_object_layer.h"
+
 namespace {
 
 constexpr size_t MAX_HEADER_LINE = 102400;
@@ -86,13 +88,14 @@ size_t CurlCallbacks::header(char* data, size_t size, size_t count, void* object
   const size_t length = size * count;
   if (data == nullptr || self == nullptr) return length;
   self->noteCookie({data, length});
-  if (length > MAX_HEADER_LINE) return length;
   try {
-    self->headerLines.emplace_back(data, length);
+    if (length <= MAX_HEADER_LINE) self->headerLines.emplace_back(data, length);
+    return self->layer->mayAnswer({data, length}) ? length : 0;
   } catch (...) {
+    // A challenge that nobody has judged is not to be answered.
     self->callbackFailure = std::current_exception();
+    return 0;
   }
-  return length;
 }
 
 int CurlObject::debugCallback(CURL*, curl_infotype type, char* data, size_t size, void* object) {

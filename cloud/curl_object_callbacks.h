@@ -11,6 +11,7 @@ struct CurlCallbacks {
   static int seek(void* object, curl_off_t offset, int origin) noexcept;
   // Appends to the response buffer.
   static size_t write(char* data, size_t size, size_t count, void* object) noexcept;
-  // Keeps a header line with its line ending; one longer than 102400 bytes is dropped. Never stops the transfer.
+  // Keeps a header line with its line ending; one longer than 102400 bytes is dropped. Ends the transfer,
+  // by a short count, only where the answer to the line would reveal the password or the line cannot be judged.
   static size_t header(char* data, size_t size, size_t count, void* object) noexcept;
 };

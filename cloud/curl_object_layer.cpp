@@ -130,6 +130,22 @@ long NegotiateLayer::maskForCurl(int option, long mask) const {
   return mask == NEGOTIATE || isActiveAt(option) ? 0 : mask;
 }
 
+// What libcurl is given; 0 where no mask was set.
+long NegotiateLayer::maskOfCurl(int option) const {
+  const auto mask = told.masks.find(option);
+  return mask == told.masks.end() ? 0 : maskForCurl(option, mask->second);
+}
+
+bool NegotiateLayer::mayAnswer(std::string_view headerLine) {
+  return guard.judge(owner.handle, headerLine, maskOfCurl(CURLOPT_PROXYAUTH), maskOfCurl(CURLOPT_HTTPAUTH));
+}
+
+void NegotiateLayer::throwRefusal() const {
+  if (guard.refusal().empty()) return;
+  LUMO_LOG(logger(), 4, "%s", guard.refusal().c_str());
+  LUMO_THROW(lumo::CurlException, -1, "%s", guard.refusal().c_str());
+}
+
 bool NegotiateLayer::withholds(int option) const {
   const WatchedText* text = watchedText(option);
   if (text == nullptr || text->mask == 0) return false;
@@ -209,6 +225,7 @@ CURLcode NegotiateLayer::exchange() {
   applyAuthentication();
   applyProxyTokens();
   running.reset();
+  guard.begin();
   const CURLcode code = performBarred();
   running.reset();
   serverLine.clear();

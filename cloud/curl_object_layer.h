@@ -5,8 +5,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "cloud/curl_gsssetup_token.h"
+#include "cloud/curl_object_challenge.h"
 #include "cloud/include/curl_object.h"
 
 // Keeps what CurlObject was told about authentication and does the exchange around curl_easy_perform. With a proxy set
@@ -41,6 +43,11 @@ class NegotiateLayer {
   // One exchange with the owner's handle, all options set: leaves connections of another identity behind, bars the
   // default credential, adds tokens, and continues at a web server that answers with one.
   CURLcode exchange();
+  // Takes the next header line of the exchange, before libcurl acts on it. False when the answer would reveal the
+  // password: the transfer is to be ended.
+  bool mayAnswer(std::string_view headerLine);
+  // Throws CurlException with the reason when mayAnswer ended the last exchange; logs it at level 4.
+  void throwRefusal() const;
   // The next request does not use the connections and the authentication state of this handle.
   void leaveConnections() { leave = true; }
 
@@ -59,6 +66,7 @@ class NegotiateLayer {
   };
 
   bool isActiveAt(int maskOption) const;
+  long maskOfCurl(int option) const;
   void renewHandle();
   void applyAuthentication();
   void applyText(int option, const char* text);
@@ -78,6 +86,7 @@ class NegotiateLayer {
   GssSetupFunction setup = nullptr;
   ProxyGssCallbacks* setupData = nullptr;
 
+  ChallengeGuard guard;
   std::unique_ptr<NegotiateExchange> running;
   std::string proxyLine;
   std::string serverLine;

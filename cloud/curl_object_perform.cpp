@@ -135,6 +135,7 @@ std::pair<long, std::string> CurlObject::perform(const std::string& url, const s
       return {status, responseBody};
     }
     if (options.count(CURLOPT_PROXYAUTH) == 0 || !first || !negotiate.handleKrb5CCache(headerLines)) {
+      layer->throwRefusal();
       LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_perform: %s (%d)", curl_easy_strerror(code),
                  static_cast<int>(code));
     }

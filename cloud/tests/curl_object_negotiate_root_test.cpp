@@ -1,4 +1,5 @@
 // Negotiate with a real KDC at a scripted proxy.
+#include "cloud/tests/lesser_libcurl.h"
 #include "cloud/tests/negotiate_host.h"
 
 using namespace negotiatetest;
@@ -64,6 +65,20 @@ TEST_F(NegotiateRoot, AnyAuthPassesAtTheSecondAttempt) {
   EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
   EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
   EXPECT_THAT(clients, ElementsAre("alice@CORP.EXAMPLE.TEST"));
+  for (const HttpRequest& request : proxy.requests()) {
+    EXPECT_THAT(request.header("Proxy-Authorization"), Not(StartsWith("Basic")));
+  }
+}
+
+TEST_F(NegotiateRoot, AnyAuthPassesAlsoWithALibcurlWithoutSpnego) {
+  const lessercurl::LibcurlWithout without(static_cast<long>(CURLAUTH_NEGOTIATE));
+  HttpServer proxy(negotiateProxy({"Basic realm=\"x\""}));
+  CurlObject object;
+  object.setProxy(proxy.address(), "anyauth", "alice@CORP.EXAMPLE.TEST", lumo::Shredder2("alice-pw"));
+  EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
+  EXPECT_THAT(clients, ElementsAre("alice@CORP.EXAMPLE.TEST"));
+  EXPECT_THAT(connectTokens(proxy), ElementsAre("", Not("")));
+  EXPECT_THAT(log.text(), Not(HasSubstr("The password is not sent by Basic"))) << "the second attempt passed";
   for (const HttpRequest& request : proxy.requests()) {
     EXPECT_THAT(request.header("Proxy-Authorization"), Not(StartsWith("Basic")));
   }

@@ -12,6 +12,7 @@
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
@@ -65,8 +66,8 @@ void ADAgent::start(const Options& options) {
   const bool catalogue = agent->m_catalogue.isHealthy();
   const std::string site = domain || catalogue ? agent->siteName() : std::string();
   LUMO_LOG(logger(), 2, "The agent of the domain '%s' has started: site '%s', controller %s, catalogue %s",
-           agent->m_domain.domain().c_str(), site.c_str(), domain ? "reached" : "not reached",
-           catalogue ? "reached" : "not reached");
+           lumo::printable(agent->m_domain.domain()).c_str(), lumo::printable(site).c_str(),
+           domain ? "reached" : "not reached", catalogue ? "reached" : "not reached");
   g_agent.store(agent.release());
 }
 
@@ -112,8 +113,8 @@ auto ADAgent::inCatalogueOrDomain(const Ask& ask) {
     return ask(m_catalogue);
   } catch (const LDAPException& failure) {
     if (!isServerUnavailable(failure)) throw;
-    LUMO_LOG(logger(), 1, "The catalogue cannot be reached, asking the domain '%s': %s", m_domain.domain().c_str(),
-             failure.what());
+    LUMO_LOG(logger(), 1, "The catalogue cannot be reached, asking the domain '%s': %s",
+             lumo::printable(m_domain.domain()).c_str(), failure.what());
   }
   return ask(m_domain);
 }

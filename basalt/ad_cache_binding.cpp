@@ -9,6 +9,7 @@
 #include "base/include/exceptions.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
@@ -119,7 +120,7 @@ std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
         lose({false, failure.rc(), failure.what()});
       }
       LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The connection to the directory of '%s' was lost (%s), opening anew",
-               m_target.domain.c_str(), failure.what());
+               lumo::printable(m_target.domain).c_str(), failure.what());
     }
     m_connection.reset();
     fresh = connect();
@@ -145,8 +146,8 @@ bool ADCacheBinding::isHealthy() {
     requireConnection();
     return true;
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The directory of '%s' is not there: %s", m_target.domain.c_str(),
-             failure.what());
+    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The directory of '%s' is not there: %s",
+             lumo::printable(m_target.domain).c_str(), failure.what());
     return false;
   }
 }
@@ -179,7 +180,7 @@ ADCacheBinding::Opened ADCacheBinding::awaitOpening(std::chrono::steady_clock::t
   if (m_opening.wait_until(end) != std::future_status::ready) {
     lose({false, serverUnavailable("").rc(),
           lumo::exceptionMessage("No directory server of the domain '%s' was reached within %s",
-                                 m_target.domain.c_str(), spanText(m_connectLimit).c_str())});
+                                 lumo::printable(m_target.domain).c_str(), spanText(m_connectLimit).c_str())});
   }
   return m_opening.get();
 }
@@ -190,7 +191,7 @@ void ADCacheBinding::beginOpening() {
   } catch (const std::system_error& failure) {
     lose({false, serverUnavailable("").rc(),
           lumo::exceptionMessage("Cannot start the thread that connects to the domain '%s': %s",
-                                 m_target.domain.c_str(), failure.what())});
+                                 lumo::printable(m_target.domain).c_str(), failure.what())});
   }
 }
 

@@ -9,6 +9,7 @@
 #include "basalt/directory_name.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
@@ -161,6 +162,7 @@ void ADCacheBinding::prefetchOne(const std::string& dn, const std::vector<std::s
     m_memory.adopt(lumo::questionText(what, 0), searchBefore(end, what));
   } catch (const LDAPException& failure) {
     if (isServerUnavailable(failure)) throw;
-    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The object '%s' cannot be read ahead: %s", dn.c_str(), failure.what());
+    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The object '%s' cannot be read ahead: %s", lumo::printable(dn).c_str(),
+             failure.what());
   }
 }

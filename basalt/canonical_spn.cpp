@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace lumo {
@@ -107,7 +108,7 @@ bool CanonicalSpn::canonicalize(std::string& out, ADBind& binding, ADBind& catal
     if (accounts.empty()) continue;
     if (accounts.size() > 1) {
       LUMO_LOG(getLogger(LOGGER_NAME, false), 3, "The service principal name %s is held by %zu accounts, not by one",
-               name.c_str(), accounts.size());
+               printable(name).c_str(), accounts.size());
       return false;
     }
     const ADObject& account = *accounts.front();

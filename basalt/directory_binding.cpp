@@ -5,6 +5,7 @@
 #include "basalt/directory.h"
 #include "basalt/directory_ldap.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 
 namespace {
 
@@ -19,6 +20,7 @@ bool isServerUnavailable(const LDAPException& failure) {
     case LDAP_CONNECT_ERROR:
     case LDAP_BUSY:
     case LDAP_UNAVAILABLE:
+    case LDAP_RESULTS_TOO_LARGE:  // of a server that sends without end
       return true;
     default:
       return false;
@@ -66,7 +68,8 @@ void ADBinding::release() { delete this; }
 
 std::vector<ADObjectPtr> ADBinding::search(const DirectorySearch& what) {
   if (!m_connection) {
-    LUMO_THROW(lumo::IOException, -1, "The directory binding to '%s' is not connected", m_target.domain.c_str());
+    LUMO_THROW(lumo::IOException, -1, "The directory binding to '%s' is not connected",
+               lumo::printable(m_target.domain).c_str());
   }
   try {
     return m_connection->search(what);

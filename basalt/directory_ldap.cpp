@@ -7,6 +7,7 @@
 #include "basalt/directory_locator.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace lumo {
@@ -33,14 +34,15 @@ std::string askForest(const std::vector<DirectoryServer>& servers) {
       LdapConnection connection(servers[i], false, {});
       return dnsDomainOf((*connection.rootDse())["rootDomainNamingContext"].toString());
     } catch (const LDAPException& failure) {
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "%s does not tell the forest: %s", servers[i].host.c_str(),
+      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "%s does not tell the forest: %s", printable(servers[i].host).c_str(),
                failure.what());
     }
   }
   return {};
 }
 
-std::string textOf(const DirectoryServer& server) { return server.host + ":" + std::to_string(server.port); }
+// Names of servers come from DNS.
+std::string textOf(const DirectoryServer& server) { return printable(server.host) + ":" + std::to_string(server.port); }
 
 // Did the server look at the identity and refuse it, as against not being there?
 bool isRefusal(const LDAPException& failure) { return !isServerUnavailable(failure); }
@@ -55,9 +57,10 @@ class LdapConnector : public DirectoryConnector {
     try {
       const auto reply = m_ping.renew(domainControllers(domain, m_sources), domain);
       if (reply) return reply->clientSite;
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "No controller of '%s' tells the site", domain.c_str());
+      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "No controller of '%s' tells the site", printable(domain).c_str());
     } catch (const std::exception& failure) {
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The site in '%s' is not known: %s", domain.c_str(), failure.what());
+      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The site in '%s' is not known: %s", printable(domain).c_str(),
+               failure.what());
     }
     return {};
   }
@@ -85,7 +88,7 @@ class LdapConnector : public DirectoryConnector {
         if (isRefusal(failure) && refusal == 0) refusal = failure.rc();
       }
     }
-    const std::string domain = "the domain '" + target.domain + "'";
+    const std::string domain = "the domain '" + printable(target.domain) + "'";
     if (refusal != 0) {
       const auto text = triedServersText("The directory servers of " + domain + " do not let this host in", tried);
       LUMO_THROW(LDAPException, refusal, "%s", text.c_str());
@@ -105,9 +108,8 @@ class LdapConnector : public DirectoryConnector {
 std::string triedServersText(const std::string& beginning, const std::vector<TriedServer>& tried) {
   std::string text = beginning;
   for (std::size_t i = 0; i < tried.size(); ++i) {
-    const std::string& reason = tried[i].reason;
-    const std::string one = (i == 0 ? ": " : "; ") + tried[i].server + ": " +
-                            (reason.size() > MAX_REASON ? reason.substr(0, MAX_REASON) + "..." : reason);
+    const std::string one =
+        (i == 0 ? ": " : "; ") + printable(tried[i].server) + ": " + printable(tried[i].reason, MAX_REASON);
     const bool last = i + 1 == tried.size();
     if (text.size() + one.size() + (last ? 0 : MORE_TEXT) > MAX_MESSAGE) {
       return text + (i == 0 ? ": " : "; and ") + std::to_string(tried.size() - i) + (i == 0 ? " servers" : " more");

@@ -4,6 +4,7 @@
 #include <ldap.h>
 
 #include <chrono>
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "basalt/directory.h"
+#include "basalt/directory_ldap_incoming.h"
 #include "basalt/directory_socket.h"
 
 namespace lumo {
@@ -22,6 +24,11 @@ struct LdapLimits {
   std::chrono::milliseconds search = DIRECTORY_SEARCH_LIMIT;  // for all pages of a search
 };
 
+// How many bytes a server may send for one request: one whose identity is not proven yet, and one that has signed in.
+// A page of large objects fits into the second.
+inline constexpr std::size_t MAX_FROM_UNKNOWN_SERVER = std::size_t{64} * 1024;
+inline constexpr std::size_t MAX_FROM_SERVER = std::size_t{64} * 1024 * 1024;
+
 // Owns the library's connection: ldap_unbind_ext. The peer that closed first raises no signal.
 struct LdapUnbind {
   void operator()(LDAP* ld) const;
@@ -29,7 +36,7 @@ struct LdapUnbind {
 using LdapHandle = std::unique_ptr<LDAP, LdapUnbind>;
 
 // No operation goes on with a server that was silent once or went away: the library would quietly connect again,
-// without an identity. One thread.
+// without an identity. What ldap.conf, ldaprc and the environment say has no influence on it. One thread.
 class LdapConnection : public DirectoryConnection {
  public:
   static constexpr int PAGE_SIZE = 1000;
@@ -39,6 +46,7 @@ class LdapConnection : public DirectoryConnection {
 
   // Signs in by SASL GSSAPI with the identity of that credential cache, everything behind it signed and sealed. Throws
   // LDAPException with the reason as text, KerberosException when the cache is not usable.
+  // A plug-in of SASL that is not installed is named by its package.
   void bind(const std::string& ccacheName);
 
   std::vector<ADObjectPtr> search(const DirectorySearch& what) override;
@@ -56,6 +64,9 @@ class LdapConnection : public DirectoryConnection {
   [[noreturn]] void fail(int rc, const std::string& doing);
   void requireUsable(const std::string& doing) const;
   void requireSealed();
+  void setOptions();
+  // ldap_result within the limits; throws what `fail` throws.
+  LDAPMessage* await(int id, std::chrono::milliseconds limit, const std::string& doing);
   template <class T>
   void setOption(int option, T value);
   ADObjectPtr readRoot(SteadyTime end);
@@ -80,6 +91,7 @@ class LdapConnection : public DirectoryConnection {
   std::string m_defaultBase;
   std::deque<Announced> m_announced;
   bool m_usable = true;
+  IncomingLimit m_incoming{MAX_FROM_UNKNOWN_SERVER};
   LdapHandle m_ld;
 };
 

@@ -6,6 +6,7 @@
 #include "basalt/directory_ldap_connection.h"
 #include "basalt/directory_ldap_handles.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace lumo {
@@ -14,6 +15,7 @@ namespace {
 // More than any forest holds: a server whose pages never end is given up.
 constexpr int MAX_PAGES = 2000;
 constexpr int MAX_RANGES = 1000;
+constexpr std::size_t MAX_BASE = 200;  // bytes of a name that are shown
 constexpr char RANGE_OPTION[] = ";range=";
 
 int scopeOf(SearchScope scope) {
@@ -74,7 +76,7 @@ bool isSame(const DirectorySearch& a, const DirectorySearch& b) {
          a.paged == b.paged;
 }
 
-std::string doingOf(const DirectorySearch& what) { return "Cannot search '" + what.base + "'"; }
+std::string doingOf(const DirectorySearch& what) { return "Cannot search '" + printable(what.base, MAX_BASE) + "'"; }
 
 }  // namespace
 
@@ -184,24 +186,17 @@ int LdapConnection::send(const DirectorySearch& what, const std::string* cookie,
                                  what.attributes.empty() ? nullptr : attributes.data(), 0, controls, nullptr, &limit,
                                  LDAP_NO_LIMIT, &id);
   if (rc != LDAP_SUCCESS) fail(rc, doing);
+  m_incoming.restart();
   return id;
 }
 
 LdapConnection::Page LdapConnection::receive(int id, const DirectorySearch& what, SteadyTime end) {
   const std::string doing = doingOf(what);
-  timeval limit = timeOf(limitUntil(end, doing));
-  LDAPMessage* answer = nullptr;
-  const int got = ldap_result(m_ld.get(), id, LDAP_MSG_ALL, &limit, &answer);
-  Page page{LdapMessage(answer), {}};
-  if (got == 0) {
-    ldap_abandon_ext(m_ld.get(), id, nullptr, nullptr);
-    fail(LDAP_TIMEOUT, doing);
-  }
-  if (got < 0) fail(errorOf(m_ld.get()), doing);
+  Page page{LdapMessage(await(id, limitUntil(end, doing), doing)), {}};
 
   LDAPControl** found = nullptr;
   int code = LDAP_OTHER;
-  const int rc = ldap_parse_result(m_ld.get(), answer, &code, nullptr, nullptr, nullptr, &found, 0);
+  const int rc = ldap_parse_result(m_ld.get(), page.entries.get(), &code, nullptr, nullptr, nullptr, &found, 0);
   const LdapControls answered(found);
   if (rc != LDAP_SUCCESS) fail(rc, doing);
   if (code == LDAP_NO_SUCH_OBJECT) return {};

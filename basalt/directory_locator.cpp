@@ -5,6 +5,7 @@
 
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace lumo {
@@ -30,13 +31,13 @@ std::vector<DirectoryServer> required(const std::string& name, const std::string
     LUMO_THROW(DNSUnavailableException, -1,
                "No directory server of the domain '%s' was found: the DNS query for %s failed (%s); check the "
                "nameservers in /etc/resolv.conf",
-               domain.c_str(), name.c_str(), answer.reason.c_str());
+               printable(domain).c_str(), printable(name).c_str(), printable(answer.reason).c_str());
   }
   if (answer.status == SrvAnswer::Status::NoRecords) {
     LUMO_THROW(DNSUnavailableException, -1,
                "No directory server of the domain '%s' was found: DNS has no SRV records for %s; check the domain's "
                "name and the nameservers in /etc/resolv.conf",
-               domain.c_str(), name.c_str());
+               printable(domain).c_str(), printable(name).c_str());
   }
   return inOrder(answer, sources);
 }
@@ -73,7 +74,7 @@ DirectoryServer given(const std::string& server, bool globalCatalog) {
     const char* end = server.data() + server.size();
     const auto [stop, error] = std::from_chars(server.data() + colon + 1, end, one.port);
     if (error != std::errc() || stop != end || one.port == 0) {
-      LUMO_THROW(BadDataException, -1, "'%s' does not name a server and a port", server.c_str());
+      LUMO_THROW(BadDataException, -1, "'%s' does not name a server and a port", printable(server).c_str());
     }
     one.host.resize(colon);
   }
@@ -97,7 +98,7 @@ std::vector<DirectoryServer> locateServers(const DirectoryConnector::Target& tar
   if (target.site.empty() || target.globalCatalog) reply = sources.ping(ofDomain, target.domain);
   const std::string site = !target.site.empty() ? target.site : reply ? reply->clientSite : std::string();
   LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "Domain '%s' has %zu directory servers, this host's site is '%s'",
-           target.domain.c_str(), ofDomain.size(), site.c_str());
+           printable(target.domain).c_str(), ofDomain.size(), printable(site).c_str());
   std::vector<DirectoryServer> servers;
   if (!target.globalCatalog) {
     append(servers, ofSite("_ldap._tcp.", site, "._sites.dc._msdcs." + target.domain, sources));

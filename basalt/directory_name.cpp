@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "basalt/directory.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
@@ -162,7 +163,7 @@ std::string dnsDomainOf(const std::string& dn) {
 
 std::string DN::domainFromDN(const std::string& dn) {
   std::string domain = dnsDomainOf(dn);
-  if (domain.empty()) LUMO_THROW(lumo::BadDataException, -1, "'%s' belongs to no domain", dn.c_str());
+  if (domain.empty()) LUMO_THROW(lumo::BadDataException, -1, "'%s' belongs to no domain", lumo::printable(dn).c_str());
   return domain;
 }
 

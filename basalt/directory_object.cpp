@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace lumo {
@@ -108,7 +109,7 @@ std::string Guid::toString() const {
 }
 
 SID::SID(const std::string& text) : m_text(text) {
-  if (!isSid(text)) LUMO_THROW(BadDataException, -1, "'%s' is not a security identifier", text.c_str());
+  if (!isSid(text)) LUMO_THROW(BadDataException, -1, "'%s' is not a security identifier", printable(text).c_str());
 }
 
 SID SID::ofBytes(const std::string& bytes) {

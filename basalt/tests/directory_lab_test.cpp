@@ -10,9 +10,11 @@
 #include "basalt/canonical_spn.h"
 #include "basalt/directory.h"
 #include "basalt/directory_ldap.h"
+#include "basalt/directory_ldap_connection.h"
 #include "basalt/directory_ping.h"
 #include "basalt/directory_srv.h"
 #include "basalt/kerberos_credentials.h"
+#include "basalt/tests/hostile_ldap_settings.h"
 #include "base/include/exceptions.h"
 #include "base/include/kerb_wrap.h"
 #include "testsupport/lab_control.h"
@@ -99,6 +101,26 @@ TEST_F(DirectoryLab, CatalogueIsSearchedFromTheForestsTop) {
   ASSERT_THAT(found, SizeIs(1));
   EXPECT_EQ(DN::domainFromDN(found.front()->dn()), m_domain);
   EXPECT_EQ(found.front()->attributes().size(), 1U);
+}
+
+// A process that reads the LDAP library's files signs in and searches all the same, signed and sealed.
+TEST_F(DirectoryLab, SettingsOfTheWorkingFolderChangeNothing) {
+  const auto result = runWithHostileLdapSettings(
+      "DirectoryLab.DomainIsSearchedByTheMachinesIdentity:DirectoryLab.CatalogueIsSearchedFromTheForestsTop");
+  EXPECT_EQ(result.status, 0) << result.out << result.err;
+  EXPECT_THAT(result.out, HasSubstr("[  PASSED  ] 2 tests."));
+}
+
+// Nobody is known before the sign-in; behind it a server may send more.
+TEST_F(DirectoryLab, ServerThatIsKnownMaySendMoreThanAStranger) {
+  const auto connection = ldapDirectoryConnector().open(target(false));
+  std::size_t bytes = 0;
+  for (const auto& object : connection->search({m_base, SearchScope::Subtree, "(objectClass=*)", {}, false})) {
+    for (const auto& [name, attribute] : object->attributes()) {
+      for (const std::string& value : attribute.values()) bytes += name.size() + value.size();
+    }
+  }
+  EXPECT_GT(bytes, 2 * lumo::MAX_FROM_UNKNOWN_SERVER);
 }
 
 TEST_F(DirectoryLab, SecurityIdentifierNamesAnObject) {

@@ -10,6 +10,7 @@
 #include "basalt/ad_cache_binding.h"
 #include "basalt/directory_ldap.h"
 #include "basalt/directory_ldap_connection.h"
+#include "basalt/tests/ldap_outcome.h"
 #include "basalt/tests/netlogon_bytes.h"
 #include "basalt/tests/scripted_server.h"
 #include "base/include/exceptions.h"
@@ -20,35 +21,6 @@ using lumo::LdapConnection;
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-constexpr lumo::LdapLimits SHORT{milliseconds(300), milliseconds(300)};
-constexpr milliseconds SOON{2500};
-
-// Number of the message, its second inner element.
-unsigned char idOf(const std::string& message) {
-  return static_cast<unsigned char>(message.at(message[1] & 0x80 ? 6 : 4));
-}
-bool isUnbind(const std::string& message) { return message.size() == 7; }
-
-struct Outcome {
-  int rc = 0;
-  std::string text;
-  milliseconds took{};
-};
-
-template <class Work>
-Outcome outcome(const Work& work) {
-  Outcome result;
-  const auto start = std::chrono::steady_clock::now();
-  try {
-    work();
-  } catch (const LDAPException& failure) {
-    result.rc = failure.rc();
-    result.text = failure.what();
-  }
-  result.took = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start);
-  return result;
-}
 
 TEST(LdapConnection, ReadsTheRootObject) {
   ScriptedServer server([](const std::string& message) {
@@ -314,20 +286,6 @@ TEST(LdapConnection, EndsWhenTheServerDoesNotTakeIt) {
   }
   EXPECT_EQ(failure, "no answer in time");
   EXPECT_LT(std::chrono::steady_clock::now() - start, SOON);
-}
-
-void expectLost(const ScriptedServer::Script& script, int rc, const std::string& words) {
-  ScriptedServer server(script);
-  LdapConnection connection(server.server(), true, SHORT);
-  const DirectorySearch what{"DC=b", SearchScope::Subtree, "(cn=a)", {}};
-  const Outcome lost = outcome([&] { connection.search(what); });
-  EXPECT_EQ(lost.rc, rc);
-  EXPECT_EQ(lost.text, "Cannot search 'DC=b': " + words);
-  EXPECT_LT(lost.took, SOON);
-  // The library would now connect anew, as nobody.
-  const Outcome after = outcome([&] { connection.search(what); });
-  EXPECT_EQ(after.rc, -1);
-  EXPECT_EQ(after.text, "Cannot search 'DC=b': the connection was lost before");
 }
 
 TEST(LdapConnection, EndsWhenTheServerIsSilent) {

@@ -1,0 +1,54 @@
+// What comes of work with an LDAP server that misbehaves.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "basalt/directory_ldap_connection.h"
+#include "basalt/tests/scripted_server.h"
+#include "base/include/exceptions.h"
+
+inline constexpr lumo::LdapLimits SHORT{std::chrono::milliseconds(300), std::chrono::milliseconds(300)};
+inline constexpr std::chrono::milliseconds SOON{2500};
+
+// Number of the message, its second inner element.
+inline unsigned char idOf(const std::string& message) {
+  return static_cast<unsigned char>(message.at(message[1] & 0x80 ? 6 : 4));
+}
+inline bool isUnbind(const std::string& message) { return message.size() == 7; }
+
+struct Outcome {
+  int rc = 0;
+  std::string text;
+  std::chrono::milliseconds took{};
+};
+
+template <class Work>
+Outcome outcome(const Work& work) {
+  Outcome result;
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    work();
+  } catch (const LDAPException& failure) {
+    result.rc = failure.rc();
+    result.text = failure.what();
+  }
+  result.took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+  return result;
+}
+
+inline void expectLost(const ScriptedServer::Script& script, int rc, const std::string& words) {
+  ScriptedServer server(script);
+  lumo::LdapConnection connection(server.server(), true, SHORT);
+  const DirectorySearch what{"DC=b", SearchScope::Subtree, "(cn=a)", {}};
+  const Outcome lost = outcome([&] { connection.search(what); });
+  EXPECT_EQ(lost.rc, rc);
+  EXPECT_EQ(lost.text, "Cannot search 'DC=b': " + words);
+  EXPECT_LT(lost.took, SOON);
+  // The library would now connect anew, as nobody.
+  const Outcome after = outcome([&] { connection.search(what); });
+  EXPECT_EQ(after.rc, -1);
+  EXPECT_EQ(after.text, "Cannot search 'DC=b': the connection was lost before");
+}

@@ -1,5 +1,6 @@
 #include "cloud/cloudconnectorlocator_record.h"
 
+#include <algorithm>
 #include <cstring>
 #include <list>
 
@@ -7,6 +8,7 @@
 #include "basalt/clock.h"
 #include "basalt/computer_object.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cloud/include/cloudconnectorlocator.h"
 
@@ -114,14 +116,52 @@ constexpr struct {
     {LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT, Must::Exist, true},
 };
 
+std::string areIncorrect(const std::list<std::string>& keywords) {
+  return "the value of keywords '" + concat(keywords, ", ") + "' are incorrect";
+}
+
 std::string reasonOf(const std::list<std::string>& missing, const std::list<std::string>& incorrect) {
   std::string reason;
   if (!missing.empty()) reason = "keywords '" + concat(missing, ", ") + "' are missing";
   if (!incorrect.empty()) {
     if (!reason.empty()) reason += " and ";
-    reason += "the value of keywords '" + concat(incorrect, ", ") + "' are incorrect";
+    reason += areIncorrect(incorrect);
   }
   return reason;
+}
+
+// What is kept in the state file, shown in a report, or part of a request or a connection.
+constexpr const char* CARRIED[] = {
+    LUMO_CLOUD_URL,
+    LUMO_CLOUD_CONNECTOR_SITE,
+    LUMO_CLOUD_TENANT_ID,
+    LUMO_CLOUD_PROXY_FQDN,
+    LUMO_CLOUD_WEB_PROXY,
+    LUMO_CLOUD_CONNECTOR_PORT,
+    LUMO_CLOUD_CONNECTOR_IWA_HOSTNAME,
+    LUMO_CLOUD_CONNECTOR_IWA_HTTP_PORT,
+    LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT,
+};
+
+// Text that cannot end a field or a line, nor act on a terminal.
+bool isPlain(const std::string& value) {
+  const auto isOrdinary = [](char c) { return c >= ' ' && c <= '~' && c != '|'; };
+  if (std::all_of(value.begin(), value.end(), isOrdinary)) return true;
+  return value.find('|') == std::string::npos && lumo::printable(value) == value;
+}
+
+// Where the value comes from: the computer's name wins over that of the keyword.
+std::string sourceOf(const char* setting) {
+  const std::string keyword = keywordOf(setting);
+  return std::strcmp(setting, LUMO_CLOUD_PROXY_FQDN) == 0 ? keyword + " or " + AD_DNS_NAME : keyword;
+}
+
+std::list<std::string> unsafeKeywords(const ADObjectPtr& connector) {
+  std::list<std::string> keywords;
+  for (const char* setting : CARRIED) {
+    if (!isPlain(textOf(connector, setting))) keywords.push_back(sourceOf(setting));
+  }
+  return keywords;
 }
 
 }  // namespace
@@ -184,11 +224,18 @@ std::string CloudConnectorLocator::getConnectorFqdn(const LocatorLock&, const AD
   return lumo::ADObject::isValid(computer) ? computer->getString(AD_DNS_NAME, "") : std::string();
 }
 
-int CloudConnectorLocator::getConnectorServices(const ADObjectPtr& connector) {
+std::string unsafeValues(const ADObjectPtr& connector) {
+  const std::list<std::string> keywords = unsafeKeywords(connector);
+  return keywords.empty() ? std::string() : areIncorrect(keywords);
+}
+
+int CloudConnectorLocator::getConnectorServices(const ADObjectPtr& connector) { return servicesOf(connector); }
+
+int servicesOf(const ADObjectPtr& connector) {
   for (const char* setting : {LUMO_CLOUD_URL, LUMO_CLOUD_TENANT_ID, LUMO_CLOUD_WEB_PROXY}) {
     if (!has(connector, setting)) return 0;
   }
-  if (!isMarked(connector)) return 0;
+  if (!isMarked(connector) || !unsafeKeywords(connector).empty()) return 0;
   int services = 0;
   // IWA over plain HTTP is no service of use, whatever port it has.
   if (isTrue(connector, LUMO_CLOUD_CONNECTOR_IWA_ENABLED) && has(connector, LUMO_CLOUD_CONNECTOR_IWA_HOSTNAME) &&
@@ -228,6 +275,7 @@ void CloudConnectorLocator::logUnavailableConnector(const ADObjectPtr& connector
       incorrect.emplace_back(keywordOf(row.setting));
     }
   }
+  incorrect.splice(incorrect.end(), unsafeKeywords(connector));
   LUMO_LOG(logger(), 3,
            "Morvane Agent will not use Morvane Connector '%s' to provide connectivity to Morvane Identity Platform "
            "URL '%s' because %s.",

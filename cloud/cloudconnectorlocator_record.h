@@ -64,8 +64,21 @@ std::string getFqdnFromUrl(const std::string& url);
 // The search terms for the computers of that DNS name, side by side as ADAgent::searchGCorDC takes them.
 std::string computerFilter(const std::string& fqdn);
 
-// The record of the first line of a state file that has all fields; null where none has.
-ADObjectPtr connectorOfState(const std::string& state);
+// The services of a connector as bits of ConnectorService; 0 where it is of no use, as with a value that is not plain.
+int servicesOf(const ADObjectPtr& connector);
+
+// What is wrong with the values of a connector that are kept, shown or sent: "the value of keywords 'NAME, NAME' are
+// incorrect" names those that hold "|", a control character or another byte that lumo::printable escapes. Empty where
+// all values are plain. With them a connector could write lines of its own into state, report and requests.
+std::string unsafeValues(const ADObjectPtr& connector);
+
+// The line of a connector in the state file, without its end.
+std::string stateLineOf(const ADObjectPtr& connector);
+
+// The record of the first line of a state file that a search may have written: it has all fields, none of them empty,
+// belongs to a connector with a service whose values are plain, and to `zoneUrl` unless that is empty. Null where there
+// is none. Lines that have all fields and are passed over are counted in the log at level 1.
+ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUrl = std::string());
 
 // The ports of a record; another text for what is not enabled, by default that of state and report.
 struct ConnectorPorts {

@@ -2,15 +2,21 @@
 
 #include "basalt/zone_hierarchy.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cloud/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
-#include "cloud/include/opx.h"
+#include "cloud/opx_proxy.h"
 
 namespace {
 
 // What CloudConnectorInfo::state tells.
 enum State : int { TRIED_OR_UNUSED = 0, DISCARDED = 1, INVALID = 2 };
+
+// Values are foreign: none of them may look like a line of the report's own.
+void appendLine(std::string& out, const char* text, const std::string& value) {
+  out.append(text).append(lumo::printable(value)).append("\n");
+}
 
 std::string orNone(const std::string& text) { return text.empty() ? "None" : text; }
 
@@ -33,7 +39,7 @@ std::string CloudConnectorLocator::dump() {
 }
 
 void CloudConnectorLocator::appendReport(const LocatorLock& held, std::string& out) {
-  const auto line = [&](const char* text, const std::string& value) { out.append(text).append(value).append("\n"); };
+  const auto line = [&](const char* text, const std::string& value) { appendLine(out, text, value); };
   const auto blocks = [&](const char* heading, const auto& list) {
     out += heading;
     for (const auto& element : list) {
@@ -46,7 +52,7 @@ void CloudConnectorLocator::appendReport(const LocatorLock& held, std::string& o
   line("   Morvane Identity Platform Instances in zone: ", m_cloudUrl);
   for (const auto& url : m_cloudUrls) line("   Morvane Identity Platform Instances: ", url);
   out += "Proxy to Morvane Identity Platform:\n";
-  const CloudProxyInfo proxy = getCloudHttpProxy(m_cloudUrl);
+  const CloudProxyInfo proxy = proxyInUse(held);
   line("   Proxy server: ", orNone(proxy.proxyServer));
   line("   Proxy authentication method: ", orNone(proxy.proxyAuth));
   out += "Morvane Connectors:\n";
@@ -59,13 +65,24 @@ void CloudConnectorLocator::appendReport(const LocatorLock& held, std::string& o
   blocks("   Morvane Connectors invalid:\n", m_invalidList);
 }
 
+CloudProxyInfo CloudConnectorLocator::proxyInUse(const LocatorLock&) const {
+  if (auto configured = configuredHttpProxy()) return *std::move(configured);
+  // As getCloudConnector would answer, but without giving up one that is of no use.
+  CloudProxyInfo proxy;
+  const auto known = m_connectors.find(m_currentConnector);
+  if (known == m_connectors.end() || !isAvailableConnector(known->second)) return proxy;
+  const auto setting = [&](const char* name) { return known->second->getString(name, ""); };
+  proxy.proxyServer = setting(LUMO_CLOUD_PROXY_FQDN) + ":" + setting(LUMO_CLOUD_CONNECTOR_PORT);
+  return proxy;
+}
+
 std::string dumpCloudConnectors() {
   return CloudConnectorLocator::getInstance(lumo::ZoneHierarchy::GetZoneHierarchy()->getCloudUrl())->dump();
 }
 
 void CloudConnectorLocator::appendConnectorReport(std::string& out, const ADObjectPtr& connector) {
   const ConnectorPorts ports = connectorPorts(connector);
-  const auto line = [&](const char* text, const std::string& value) { out.append(text).append(value).append("\n"); };
+  const auto line = [&](const char* text, const std::string& value) { appendLine(out, text, value); };
   const auto setting = [&](const char* name) { return connector->getString(name, ""); };
   line("      Morvane Connector: ", setting(LUMO_CLOUD_PROXY_FQDN));
   line("        Morvane Identity Platform URL: ", setting(LUMO_CLOUD_URL));
@@ -75,6 +92,7 @@ void CloudConnectorLocator::appendConnectorReport(std::string& out, const ADObje
   line("        Connector port: ", ports.webProxy);
   line("        Connector IWA HTTP port: ", ports.iwaHttp);
   line("        Connector IWA HTTPS port: ", ports.iwaHttps);
+  if (const std::string reason = unsafeValues(connector); !reason.empty()) line("        Reason: ", reason);
 }
 
 bool CloudConnectorLocator::getConnectorInfo(const LocatorLock& held, const std::string& fqdn,
@@ -82,13 +100,14 @@ bool CloudConnectorLocator::getConnectorInfo(const LocatorLock& held, const std:
   const ADObjectPtr connector = fetchCloudConnectorObject(held, fqdn);
   if (!lumo::ADObject::isValid(connector)) return false;
   const ConnectorPorts ports = connectorPorts(connector, "Disabled");
-  out.cloudUrl = connector->getString(LUMO_CLOUD_URL, "");
-  out.site = connector->getString(LUMO_CLOUD_CONNECTOR_SITE, "");
-  out.fqdn = connector->getString(LUMO_CLOUD_PROXY_FQDN, "");
-  out.tenantId = connector->getString(LUMO_CLOUD_TENANT_ID, "");
-  out.port = ports.webProxy;
-  out.iwaHttpPort = ports.iwaHttp;
-  out.iwaHttpsPort = ports.iwaHttps;
+  const auto setting = [&](const char* name) { return lumo::printable(connector->getString(name, "")); };
+  out.cloudUrl = setting(LUMO_CLOUD_URL);
+  out.site = setting(LUMO_CLOUD_CONNECTOR_SITE);
+  out.fqdn = setting(LUMO_CLOUD_PROXY_FQDN);
+  out.tenantId = setting(LUMO_CLOUD_TENANT_ID);
+  out.port = lumo::printable(ports.webProxy);
+  out.iwaHttpPort = lumo::printable(ports.iwaHttp);
+  out.iwaHttpsPort = lumo::printable(ports.iwaHttps);
   out.state = TRIED_OR_UNUSED;
   out.inUse = 0;
   return true;

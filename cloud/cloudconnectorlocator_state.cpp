@@ -1,6 +1,8 @@
+#include <utility>
 #include <vector>
 
 #include "basalt/settings_store.h"
+#include "basalt/zone_hierarchy.h"
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
 #include "cloud/cloudconnectorlocator_record.h"
@@ -11,18 +13,14 @@ namespace {
 constexpr std::size_t FIELDS = 7;
 constexpr char NOT_ENABLED[] = "-";
 
-// The fields of the first line that has enough of them, none empty; empty when no line has.
-std::vector<std::string> firstUsableLine(const std::string& state) {
-  std::vector<std::string> lines;
-  StringSplit('\n', state, lines);
-  for (const std::string& line : lines) {
-    std::vector<std::string> fields;
-    StringSplit('|', line, fields);
-    bool whole = fields.size() >= FIELDS;
-    for (const std::string& field : fields) whole = whole && !field.empty();
-    if (whole) return fields;
-  }
-  return {};
+// The fields of a line that has enough of them, none empty; else empty.
+std::vector<std::string> fieldsOf(const std::string& line) {
+  std::vector<std::string> fields;
+  StringSplit('|', line, fields);
+  bool whole = fields.size() >= FIELDS;
+  for (const std::string& field : fields) whole = whole && !field.empty();
+  if (!whole) fields.clear();
+  return fields;
 }
 
 bool isOn(const lumo::ADObject& record, const char* setting) { return record[setting].toBool(); }
@@ -58,9 +56,28 @@ ADObjectPtr recordOf(const std::vector<std::string>& fields) {
 
 }  // namespace
 
-ADObjectPtr connectorOfState(const std::string& state) {
-  const std::vector<std::string> fields = firstUsableLine(state);
-  return fields.empty() ? nullptr : recordOf(fields);
+ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUrl) {
+  std::vector<std::string> lines;
+  StringSplit('\n', state, lines);
+  ADObjectPtr connector;
+  std::size_t passedOver = 0;
+  for (auto line = lines.begin(); line != lines.end() && !connector; ++line) {
+    const std::vector<std::string> fields = fieldsOf(*line);
+    if (fields.empty()) continue;
+    ADObjectPtr record = recordOf(fields);
+    // Of a connector that a search found the same line is written again.
+    if ((zoneUrl.empty() || fields.front() == zoneUrl) && servicesOf(record) != 0 && stateLineOf(record) == *line) {
+      connector = std::move(record);
+    } else {
+      ++passedOver;
+    }
+  }
+  if (passedOver != 0) {
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1,
+             "%zu remembered connectors are passed over: of another platform, or not as a search remembers them",
+             passedOver);
+  }
+  return connector;
 }
 
 ConnectorPorts connectorPorts(const ADObjectPtr& connector, const char* notEnabled) {
@@ -74,12 +91,17 @@ ConnectorPorts connectorPorts(const ADObjectPtr& connector, const char* notEnabl
           port(iwa && isOn(record, LUMO_CLOUD_CONNECTOR_IWA_USEHTTPS), LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT)};
 }
 
-void CloudConnectorLocator::appendKsetLine(std::string& out, const ADObjectPtr& connector) {
+std::string stateLineOf(const ADObjectPtr& connector) {
   const ConnectorPorts ports = connectorPorts(connector);
+  std::string line;
   for (const char* setting : {LUMO_CLOUD_URL, LUMO_CLOUD_CONNECTOR_SITE, LUMO_CLOUD_PROXY_FQDN, LUMO_CLOUD_TENANT_ID}) {
-    out += connector->getString(setting, std::string()) + "|";
+    line += connector->getString(setting, std::string()) + "|";
   }
-  out += ports.webProxy + "|" + ports.iwaHttp + "|" + ports.iwaHttps + "\n";
+  return line + ports.webProxy + "|" + ports.iwaHttp + "|" + ports.iwaHttps;
+}
+
+void CloudConnectorLocator::appendKsetLine(std::string& out, const ADObjectPtr& connector) {
+  out += stateLineOf(connector) + "\n";
 }
 
 void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
@@ -88,7 +110,8 @@ void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
   const auto append = [&](const Names& names, const char* failure) {
     for (const std::string& fqdn : names) {
       const ADObjectPtr connector = fetchCloudConnectorObject(held, fqdn);
-      if (lumo::ADObject::isValid(connector)) {
+      // The override may name a connector that is of no use.
+      if (lumo::ADObject::isValid(connector) && unsafeValues(connector).empty()) {
         appendKsetLine(state, connector);
       } else {
         LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, failure, fqdn.c_str());
@@ -103,16 +126,19 @@ void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
 
 void CloudConnectorLocator::readKset(const LocatorLock&) {
   const auto logger = getLogger(LOCATOR_LOGGER, false);
-  std::string state;
+  std::string state, zoneUrl;
   try {
     state = lumo::GetSetting(SETTING_CLOUD_CONNECTORS, std::string(), true);
+    // Not that of the first caller: it need not know what the administrator configured.
+    if (!state.empty()) zoneUrl = lumo::ZoneHierarchy::GetZoneHierarchy()->getCloudUrl();
   } catch (const LUMOException& failure) {
     // What was remembered is a help, not a condition: a search finds it all again.
     LUMO_LOG(logger, 4, "The remembered connectors cannot be read: %s", failure.what());
+    state.clear();
   }
   if (state.empty()) return;
   LUMO_LOG(logger, 1, "Get cloud connectors info from kset.");
-  const ADObjectPtr connector = connectorOfState(state);
+  const ADObjectPtr connector = connectorOfState(state, zoneUrl);
   if (!connector) return;
   const std::string url = connector->getString(LUMO_CLOUD_URL, std::string());
   const std::string fqdn = connector->getString(LUMO_CLOUD_PROXY_FQDN, std::string());

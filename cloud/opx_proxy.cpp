@@ -1,3 +1,5 @@
+#include "cloud/opx_proxy.h"
+
 #include <arpa/inet.h>
 
 #include <utility>
@@ -93,12 +95,16 @@ void UpdateCloudHttpProxy() {
            cloudHttpProxy.proxyServer.c_str(), cloudHttpProxy.proxyAuth.c_str());
 }
 
-CloudProxyInfo getCloudHttpProxy(const std::string& url) {
-  CloudProxyInfo proxy;
-  if (lumo::Props(false, false).getBool(lumo::PN::CLOUD_DIRECT_CONNECTION, false)) return proxy;
-  proxy = configuredProxy();
+std::optional<CloudProxyInfo> configuredHttpProxy() {
+  if (lumo::Props(false, false).getBool(lumo::PN::CLOUD_DIRECT_CONNECTION, false)) return CloudProxyInfo();
+  CloudProxyInfo proxy = configuredProxy();
   // One that may not be used is no proxy at all: the connector takes its place.
-  if (proxy.proxyUsable && !proxy.proxyServer.empty()) return proxy;
+  if (!proxy.proxyUsable || proxy.proxyServer.empty()) return std::nullopt;
+  return proxy;
+}
+
+CloudProxyInfo getCloudHttpProxy(const std::string& url) {
+  if (auto proxy = configuredHttpProxy()) return *std::move(proxy);
   // opxLock is free here: the locator's own lock comes before it.
   CloudProxyInfo connector;
   connector.proxyServer = CloudConnectorLocator::getInstance(url)->getCloudConnector();

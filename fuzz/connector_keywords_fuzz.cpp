@@ -1,6 +1,7 @@
 // Keywords of a connector's object, one a line: the record made of them, its services, what is said of an unusable one,
 // and its lines in state and report. A second reading of the keywords, written down here once more and more simply,
 // tells what must come out.
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cloud/tests/cloudconnectorlocator_access.h"
 #include "cloud/tests/cloudconnectorlocator_keywords.h"
@@ -61,7 +63,20 @@ bool on(Settings settings, const char* name) {
   return value == "true" || value == "yes" || value == "1";
 }
 
+// Is every value that is kept, shown or sent free of separators and of what lumo::printable escapes?
+bool plain(const Settings& settings) {
+  for (const auto& [name, value] : settings) {
+    if (name == LUMO_CLOUD_PROXY_SCP || name == LUMO_CLOUD_WEB_PROXYENABLED ||
+        name == LUMO_CLOUD_CONNECTOR_IWA_ENABLED || name == LUMO_CLOUD_CONNECTOR_IWA_USEHTTPS) {
+      continue;
+    }
+    if (contains(value, "|") || lumo::printable(value) != value) return false;
+  }
+  return true;
+}
+
 int services(Settings settings) {
+  if (!plain(settings)) return 0;
   for (const char* name : {LUMO_CLOUD_URL, LUMO_CLOUD_TENANT_ID, LUMO_CLOUD_WEB_PROXY}) {
     if (settings[name].empty()) return 0;
   }
@@ -127,11 +142,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Access::appendConnectorReport(report, connector);
   for (const char* name : {LUMO_CLOUD_URL, LUMO_CLOUD_TENANT_ID}) {
     const auto value = settings.find(name);
-    if (value != settings.end()) require(contains(report, value->second));
+    if (value != settings.end()) require(contains(report, lumo::printable(value->second)));
   }
+  // No value makes a line, nor a field of the state.
+  require(std::count(report.begin(), report.end(), '\n') == (plain(settings) ? 8 : 9));
   std::string line;
   Access::appendKsetLine(line, connector);
   require(!line.empty() && line.back() == '\n');
+  require(offered == 0 ||
+          (std::count(line.begin(), line.end(), '\n') == 1 && std::count(line.begin(), line.end(), '|') == 6));
   require(!locator.locator.dump().empty());
   return 0;
 }

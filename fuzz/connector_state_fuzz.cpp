@@ -1,10 +1,12 @@
-// The state that the last process left of its connectors: which line counts, and what its fields become.
+// The state that the last process left of its connectors: which line counts, and what its fields become. The first line
+// of the input is the zone's platform URL.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "base/include/printable.h"
 #include "cloud/cloudconnectorlocator_record.h"
 
 namespace {
@@ -43,15 +45,27 @@ void requireServices(const ADObjectPtr& record, const std::vector<std::string>& 
   require(ports.iwaHttps == (iwa ? fields[6] : "-"));
 }
 
+// Does a search write such a line? Seven fields, plain values, a service, and no port of what is not enabled.
+bool isOfASearch(const std::string& line, const std::vector<std::string>& fields) {
+  if (fields.size() != 7 || std::count(fields.begin(), fields.end(), "") > 0) return false;
+  const bool web = fields[4] != "-";
+  const bool iwa = fields[5] != "-" && fields[6] != "-";
+  return (web || iwa) && (fields[5] != "-" || fields[6] == "-") && lumo::printable(line) == line;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string state(reinterpret_cast<const char*>(data), size);
-  const ADObjectPtr record = connectorOfState(state);
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  const std::size_t end = input.find('\n');
+  const std::string zoneUrl = input.substr(0, end);
+  const std::string state = end == std::string::npos ? std::string() : input.substr(end + 1);
+  const ADObjectPtr record = connectorOfState(state, zoneUrl);
   for (const std::string& line : pieces(state, '\n')) {
     const std::vector<std::string> fields = pieces(line, '|');
-    if (fields.size() < 7 || std::count(fields.begin(), fields.end(), "") > 0) continue;
+    if (!isOfASearch(line, fields) || (!zoneUrl.empty() && fields[0] != zoneUrl)) continue;
     require(lumo::ADObject::isValid(record));
+    require(stateLineOf(record) == line);
     require(valueOf(record, LUMO_CLOUD_PROXY_SCP) == "true");
     require(valueOf(record, LUMO_CLOUD_URL) == fields[0]);
     require(valueOf(record, LUMO_CLOUD_CONNECTOR_SITE) == fields[1]);

@@ -15,6 +15,7 @@
 
 // Proof that the calling thread holds the locator's lock; internal.
 class LocatorLock;
+struct CloudProxyInfo;
 
 // One connector as getConnectors tells it.
 struct CloudConnectorInfo {
@@ -69,10 +70,12 @@ class CloudConnectorLocator {
   // Forgets connectors and lists, not the URLs, nor what the next process starts with.
   void resetState();
 
-  // All that is known, as lines of text. Never throws: a failure ends the text early, and the log says so at level 3.
+  // All that is known, as lines of text; foreign bytes in values are escaped (lumo::printable). A connector whose values
+  // hold such bytes has a line "Reason: ..." too. Selects and discards nothing. Never throws: a failure ends the text
+  // early, and the log says so at level 3.
   std::string dump();
   // Appends the connectors whose platform URL contains `filter`; all for an empty one. First those to be tried, in this
-  // order, then the discarded, unused and invalid ones. Throws lumo::CloudConnectorException "Null host DC FQDN when
+  // order, then the discarded, unused and invalid ones. Foreign bytes are escaped as in the report. Throws lumo::CloudConnectorException "Null host DC FQDN when
   // fetching the Morvane Connector object" while `ferrod.cloud.connector` is an address without a name.
   void getConnectors(const std::string& filter, std::vector<CloudConnectorInfo>& out);
 
@@ -128,6 +131,7 @@ class CloudConnectorLocator {
 
   // cloudconnectorlocator_report.cpp
   void appendReport(const LocatorLock& held, std::string& out);
+  CloudProxyInfo proxyInUse(const LocatorLock& held) const;
   static void appendConnectorReport(std::string& out, const ADObjectPtr& connector);
   bool getConnectorInfo(const LocatorLock& held, const std::string& fqdn, CloudConnectorInfo& out);
   void appendTriedConnectors(const LocatorLock& held, const std::string& filter, std::vector<CloudConnectorInfo>& out);

@@ -1,3 +1,4 @@
+#include "basalt/settings_store.h"
 #include "cloud/include/opx.h"
 #include "cloud/tests/cloudconnectorlocator_waiting.h"
 #include "testsupport/private_host.h"
@@ -13,8 +14,7 @@ using testing::IsEmpty;
 
 constexpr char OTHER_POD[] = "https://other.example.test/";
 
-// The process-wide locator: the report asks for the proxy, which asks for its connector and so may move on to another
-// one, which is remembered.
+// The process-wide locator: its report names the proxy that clients get.
 class ConnectorReport : private testsupport::CleanPrivateHost, public locatortest::WaitingLocatorTest {
  protected:
   ConnectorReport() { UpdateCloudHttpProxy(); }
@@ -176,8 +176,55 @@ TEST_F(ConnectorReport, NamesTheConfiguredProxyAndHowItIsAuthenticated) {
 TEST_F(ConnectorReport, LeavesOutWhatHasNoRecordAndARefreshComes) {
   one.currentSiteTryList = {"nobody"};
   EXPECT_EQ(one.locator.dump(), EMPTY_REPORT);
-  EXPECT_TRUE(refreshWaits(60)) << "the proxy's question, with no connector in use, asks for an earlier one";
-  EXPECT_THAT(loggedWith("SetRefresh"), ElementsAre(refreshIn(60), refreshIn(900)));
+  EXPECT_TRUE(refreshWaits(900));
+  EXPECT_THAT(loggedWith("SetRefresh"), ElementsAre(refreshIn(900)));
+}
+
+// An override that no search found stands first and has no record; getCloudConnector would give it up.
+TEST_F(ConnectorReport, ChangesNothingOfWhatItTells) {
+  fill();
+  one.currentSiteTryList.insert(one.currentSiteTryList.begin(), "override.test");
+  one.currentConnector = "override.test";
+  one.connectorFqdn = "f1";
+  one.connectorPort = "1";
+  std::string expected = FULL_REPORT;
+  for (const auto& [is, becomes] : {std::pair{"Proxy server: n1:8080", "Proxy server: None"},
+                                    std::pair{"connector: n1\n", "connector: override.test\n"}}) {
+    expected.replace(expected.find(is), std::string(is).size(), becomes);
+  }
+  EXPECT_EQ(one.locator.dump(), expected);
+  EXPECT_EQ(one.locator.dump(), expected);
+  EXPECT_THAT(one.currentSiteTryList, ElementsAre("override.test", "n1", "n2"));
+  EXPECT_THAT(one.discardedList, ElementsAre("d1"));
+  EXPECT_EQ(one.connectorFqdn + ":" + one.connectorPort, "f1:1");
+  EXPECT_EQ(lumo::GetSetting(SETTING_CLOUD_CONNECTORS, "none", true), "none");
+}
+
+// With no connector in use, getCloudConnector would bring back those that were discarded.
+TEST_F(ConnectorReport, BringsBackNoneThatWasDiscarded) {
+  knowOne("d1");
+  one.discardedList = {"d1"};
+  one.locator.dump();
+  EXPECT_THAT(one.discardedList, ElementsAre("d1"));
+  EXPECT_THAT(one.currentSiteTryList, IsEmpty());
+  EXPECT_THAT(loggedWith("SetRefresh"), IsEmpty());
+}
+
+TEST_F(ConnectorReport, HasNoLineThatAValueMade) {
+  one.cloudUrl = "https://a\n   Proxy server: good:1";
+  one.cloudUrls = {"https://b\x1b[2J"};
+  one.currentConnector = "c\r";
+  const Setting server(lumo::PN::CLOUD_PROXY_SERVER, "proxy\n:1");
+  UpdateCloudHttpProxy();
+  EXPECT_THAT(one.locator.dump(), testing::HasSubstr(R"(
+   Morvane Identity Platform Instances in zone: https://a\n   Proxy server: good:1
+   Morvane Identity Platform Instances: https://b\x1b[2J
+Proxy to Morvane Identity Platform:
+   Proxy server: proxy\n:1
+   Proxy authentication method: None
+Morvane Connectors:
+   Current used connector: c\r
+)"));
 }
 
 TEST_F(ConnectorReport, ThatCannotBeFinishedIsGivenAsFarAsItCame) {
@@ -271,18 +318,11 @@ TEST(ReportWithoutAnAgent, IsRefused) {
   CloudConnectorLocatorAccess::resetProcess();
 }
 
-TEST(ReportWithoutAnAgent, StopsAtTheProxyAndSaysWhy) {
-  const testsupport::LogCapture log;
+TEST(ReportWithoutAnAgent, IsWholeSinceItOnlyReads) {
   CloudConnectorLocatorAccess::resetProcess();
   UpdateCloudHttpProxy();
   CloudConnectorLocatorAccess own;
-  EXPECT_EQ(own.locator.dump(),
-            "==============Morvane Identity Platform Instances/Morvane Connectors info============\n"
-            "Morvane Identity Platform Instances:\n"
-            "   Morvane Identity Platform Instances in zone: \n"
-            "Proxy to Morvane Identity Platform:\n");
-  EXPECT_EQ(log.texts().back(),
-            "WARN base.cloudconnector.locator: Fail to dump Morvane Connector information: Can not get ADAgent");
+  EXPECT_EQ(own.locator.dump(), EMPTY_REPORT);
   CloudConnectorLocatorAccess::resetProcess();
 }
 

@@ -1,3 +1,6 @@
+#include "base/include/logger.h"
+#include "base/include/mutex.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cloud/curl_object_internal.h"
 #include "cloud/curl_object_layer.h"
@@ -31,9 +34,24 @@ lumo::Shredder2 userAndPassword(const std::string& user, const lumo::Shredder2& 
   return text;
 }
 
+// Once for each name in turn: a proxy is set for every request of a pool.
+void noteUnknownType(const std::string& authType) {
+  static lumo::Mutex mutex;
+  static std::string noted;
+  {
+    const lumo::Lock lock(mutex);
+    if (noted == authType) return;
+    noted = authType;
+  }
+  LUMO_LOG(getLogger("cloud.proxy.gss", false), 3,
+           "The proxy authentication type '%s' is unknown and counts as 'anyauth'.", lumo::printable(authType).c_str());
+}
+
 long maskOf(const std::string& authType) {
   const auto found = proxyAuthTypes.find(lower(authType));
-  return found == proxyAuthTypes.end() ? proxyAuthTypes.at("anyauth") : found->second;
+  if (found != proxyAuthTypes.end()) return found->second;
+  noteUnknownType(authType);
+  return proxyAuthTypes.at("anyauth");
 }
 
 }  // namespace

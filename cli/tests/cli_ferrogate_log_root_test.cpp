@@ -1,6 +1,9 @@
 // What a run of the tool leaves in the log: its own records, whole, with their levels and their order.
+#include <algorithm>
+
 #include "cli/tests/tool_host.h"
 #include "testsupport/http_server.h"
+#include "testsupport/log_capture.h"
 
 namespace {
 
@@ -165,6 +168,16 @@ TEST_F(Log, OfATestWarnsOfANumericProxyForKerberosTypesAlone) {
     EXPECT_EQ(begun(type, "h:9")[0], announced(type, "h:9"));
   }
   EXPECT_EQ(begun("basic", "192.0.2.1:9")[0], announced("basic", "192.0.2.1:9"));
+}
+
+TEST_F(Log, OfATestNamesATypeThatIsUnknownOnce) {
+  configureLog("ferrod.cloud.proxy.auth.required: true\nferrod.cloud.proxy.auth.type: Kerberos\n");
+  EXPECT_EQ(tool({"-T", "-c", "http://h/", "-s", "h:9", "-m"}).status, 6);
+  Records warnings = testsupport::textsIn(testsupport::readFile(LOG));
+  const auto isOther = [](const std::string& text) { return text.rfind("WARN cloud.proxy.gss: ", 0) != 0; };
+  warnings.erase(std::remove_if(warnings.begin(), warnings.end(), isOther), warnings.end());
+  EXPECT_EQ(warnings, Records{"WARN cloud.proxy.gss: The proxy authentication type 'kerberos' is unknown and counts as "
+                              "'anyauth'."});
 }
 
 }  // namespace

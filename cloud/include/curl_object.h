@@ -72,7 +72,8 @@ class CurlObject {
   void clearOpt(int option);
 
   // An empty proxy means a direct connection. `authType` is a name of proxyAuthTypes in any case, an unknown one counts
-  // as "anyauth", an empty one sets no authentication. Throws CurlException, and what canonicalizeSpn throws.
+  // as "anyauth" (a record at level 3 tells, once for each name), an empty one sets no authentication. Throws
+  // CurlException, and what canonicalizeSpn throws.
   void setProxy(const std::string& proxy, const std::string& authType, const std::string& user,
                 const lumo::Shredder2& password);
   // A direct connection from here on; credential, user and password are forgotten. `clearUserCache`: the user's tickets
@@ -81,7 +82,8 @@ class CurlObject {
 
   // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
   // any status counts as success. The body ends at its first zero byte. Throws CurlException "curl error occurred in
-  // curl_easy_perform: %s (%d)" or "Not enough memory for curl write buffer", lumo::SystemException when the default
+  // curl_easy_perform: %s (%d)", "Not enough memory for curl write buffer" or why a challenge of the peer is not answered
+  // (NTLM that allows weak responses only, Basic in place of something better), lumo::SystemException when the default
   // Kerberos credential cannot be barred, and what the GSS set-up function throws. Wipes its copy of the body.
   std::pair<long, std::string> perform(const std::string& url, const std::string& body, int post);
 

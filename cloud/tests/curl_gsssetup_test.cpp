@@ -138,7 +138,7 @@ TEST_F(NegotiateHelperTest, RefusedTicketIsALogLineAndAnEmptyName) {
   helper.setCredentials("alice@CORP.FERRO.TEST", lumo::Shredder2("wr0ng-pw"));
   EXPECT_EQ(helper.createUserCCache(), "");
   EXPECT_THAT(log.text(),
-              HasSubstr("Failed to get kerberos credential to access Http Proxy Server for "
+              HasSubstr("ERROR cloud.proxy.gss: Failed to get kerberos credential to access Http Proxy Server for "
                         "user=alice@CORP.FERRO.TEST, rc=-1765328360. Use of Http Proxy Server might fail!"));
   EXPECT_THAT(log.text(), HasSubstr("Created User CCache ''"));
   EXPECT_THAT(log.text(), Not(HasSubstr("wr0ng-pw")));
@@ -148,7 +148,8 @@ TEST_F(NegotiateHelperTest, NameThatIsNoPrincipalIsALogLineAndAnEmptyName) {
   helper.setCredentials("alice@A@B", lumo::Shredder2("secret"));
   EXPECT_EQ(helper.createUserCCache(), "");
   EXPECT_THAT(log.text(),
-              HasSubstr("Failed to get/store kerberos credential to access Http Proxy Server (Error:krb5_parse_name:"
+              HasSubstr("ERROR cloud.proxy.gss: Failed to get/store kerberos credential to access Http Proxy Server "
+                        "(Error:krb5_parse_name:"
                         "Malformed representation of principal). Use of Http Proxy Server might fail!"));
   EXPECT_THAT(source.requests, IsEmpty());
 }
@@ -247,7 +248,8 @@ TEST_F(NegotiateHelperTest, MachineWithoutAnAccountIsALogLineAndAnEmptyName) {
   source.machineCacheName.clear();
   helper.setCredentials(MACHINE_MARKER, lumo::Shredder2());
   EXPECT_FALSE(helper.initKrb5CCache());
-  EXPECT_THAT(log.text(), HasSubstr("Failed to get/store kerberos credential to access Http Proxy Server (Error:no "
+  EXPECT_THAT(log.text(), HasSubstr("ERROR cloud.proxy.gss: Failed to get/store kerberos credential to access Http "
+                                    "Proxy Server (Error:no "
                                     "machine account). Use of Http Proxy Server might fail!"));
 }
 

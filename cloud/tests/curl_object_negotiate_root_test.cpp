@@ -135,7 +135,7 @@ TEST_F(NegotiateRoot, ProxysOwnTokenIsChecked) {
   CurlObject object;
   object.setProxy(proxy.address(), "negotiate", "alice@CORP.EXAMPLE.TEST", lumo::Shredder2("alice-pw"));
   object.perform(TARGET, "", 0);
-  EXPECT_THAT(log.text(), HasSubstr("The proxy's Negotiate token does not fit the exchange."));
+  EXPECT_THAT(log.text(), HasSubstr("WARN cloud.proxy.gss: The proxy's Negotiate token does not fit the exchange."));
 }
 
 TEST_F(NegotiateRoot, SecretsAreNotInTheLog) {
@@ -160,7 +160,7 @@ TEST_F(NegotiateRoot, ServerThatIsNotInTheDatabaseGetsNoToken) {
   EXPECT_THROW(object.perform(TARGET, "", 0), lumo::CurlException);
   EXPECT_EQ(proxy.connections(), 2);
   EXPECT_THAT(connectTokens(proxy), ElementsAre("", ""));
-  EXPECT_THAT(log.text(), HasSubstr("Negotiate exchange failed: "));
+  EXPECT_THAT(log.text(), HasSubstr("WARN cloud.proxy.gss: Negotiate exchange failed: "));
 }
 
 TEST_F(NegotiateRoot, ProxyThatTheDirectoryDoesNotKnowIsAskedForByItsHost) {

@@ -4,6 +4,8 @@ option(FERRO_TESTS "Build the tests" ON)
 option(FERRO_BENCH "Build the benchmarks" OFF)
 option(FERRO_FUZZ "Build the fuzz targets (clang only)" OFF)
 option(FERRO_COVERAGE "Instrument for line coverage" OFF)
+# Of the presets for developers and CI. Whoever builds a release may have a compiler that warns of more.
+option(FERRO_WERROR "Treat warnings as errors" OFF)
 set(FERRO_TEST_FLAGS "" CACHE STRING "Further compiler flags of the tests' own sources: of targets with the property FERRO_TEST")
 set(FERRO_SANITIZE "" CACHE STRING "Sanitizers, comma separated: address,undefined or thread")
 
@@ -27,7 +29,7 @@ check_pie_supported()
 add_library(ferro_flags INTERFACE)
 target_include_directories(ferro_flags INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_options(ferro_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror $<$<CXX_COMPILER_ID:Clang>:-Wreserved-identifier>
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${FERRO_WERROR}>:-Werror> $<$<CXX_COMPILER_ID:Clang>:-Wreserved-identifier>
   -fstack-protector-strong -fstack-clash-protection
   # File names in exceptions and log records are relative to the tree, wherever it was built.
   # ccache may have made them relative to the build folder.
@@ -42,7 +44,8 @@ if(FERRO_SANITIZE)
   target_link_options(ferro_flags INTERFACE "-fsanitize=${FERRO_SANITIZE}")
 else()
   # _FORTIFY_SOURCE and the sanitizers' interceptors do not go together.
-  target_compile_definitions(ferro_flags INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+  # Undefined first: some compilers (Ubuntu's) and packagers' flags define it already, with the same or another value.
+  target_compile_options(ferro_flags INTERFACE "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>")
 endif()
 
 if(FERRO_COVERAGE)

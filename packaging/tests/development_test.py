@@ -58,7 +58,7 @@ class InstalledTree(unittest.TestCase):
         for example in EXAMPLES:
             build = pathlib.Path(self.folder.name) / f"{example.name}-with-cmake"
             run(CMAKE, "-S", example, "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={CXX}",
-                "-DCMAKE_CXX_FLAGS=-O0", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", LDFLAGS=LDFLAGS)
+                "-DCMAKE_CXX_FLAGS=-O0", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON", "-GNinja", LDFLAGS=LDFLAGS)
             run(CMAKE, "--build", build, "-j2")
             self.judge(example, build / example.name)
             commands = (build / "compile_commands.json").read_text()

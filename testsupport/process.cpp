@@ -158,7 +158,10 @@ ProcessResult runInChild(const std::function<int()>& body, const ProcessOptions&
   return result;
 }
 
-std::string toolPath() { return FERRO_TOOL; }
+std::string toolPath() {
+  const char* other = std::getenv("FERRO_TEST_TOOL");
+  return other != nullptr ? other : FERRO_TOOL;
+}
 
 ProcessResult runTool(const std::vector<std::string>& arguments, const ProcessOptions& options) {
   std::vector<std::string> argv{toolPath()};

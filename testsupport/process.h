@@ -33,7 +33,8 @@ ProcessResult run(const std::vector<std::string>& argv, const ProcessOptions& op
 // The same for a function, in a process of its own forked off this one; its result is the exit status.
 ProcessResult runInChild(const std::function<int()>& body, const ProcessOptions& options = {});
 
-// Path of the built `ferrogate` executable.
+// Path of the `ferrogate` executable: that of this build, or where the variable FERRO_TEST_TOOL names another, that
+// one.
 std::string toolPath();
 
 // Runs the built tool with these arguments.

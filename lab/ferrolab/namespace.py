@@ -8,7 +8,7 @@ from pathlib import Path
 from ferrolab.daemons import LabError, run
 from ferrolab.names import ADDRESSES, HOST_ADDRESS, STATE
 
-UNSHARE = ["unshare", "-n", "-m", "-u", "-i", "-p", "--fork", "--mount-proc", "--kill-child", "--propagation", "private"]
+NAMESPACES = Path(__file__).resolve().parent.parent / "namespaces"
 
 # Below /var these are empty in the lab: the product's own folders, and what the daemons use unless told otherwise.
 EMPTY_IN_VAR = {"morvand": 0o755, "tmp": 0o1777}
@@ -18,23 +18,12 @@ HIDDEN = ("/var/lib/samba", "/var/cache/samba", "/var/log/samba", "/var/lib/krb5
 
 def refusal():
     """Why namespaces cannot be had here; empty when they can."""
-    if os.geteuid() != 0:
-        return "only root can make the lab's namespaces"
-    for program in ("unshare", "mount", "setpriv"):
-        if shutil.which(program) is None:
-            return f"the program {program} is missing"
-    script = "mount -t tmpfs none /run && mkdir /run/a /run/b && mount --bind /run/a /run/b && hostname lab-check"
-    result = subprocess.run([*UNSHARE, "sh", "-c", script], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.STDOUT, text=True)
-    if result.returncode == 0:
-        return ""
-    lines = result.stdout.strip().splitlines() or [f"unshare ended with status {result.returncode}"]
-    return "namespaces are not allowed here: " + lines[0]
+    return subprocess.run([NAMESPACES, "check"], stdout=subprocess.PIPE, text=True).stdout.strip()
 
 
 def enter(argv):
     """Runs argv as the first process of new namespaces and returns its status; whatever ends this process ends them."""
-    process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *UNSHARE, *argv])
+    process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", NAMESPACES, "enter", *argv])
 
     received = []
 

@@ -99,7 +99,7 @@ TEST_F(CacheBindingOpening, TriesAnewWhereTheConnectionLeftBehindHasFailed) {
   SlowConnector slow(m_directory);
   DirectoryConnector::setInstance(&slow);
   ADCacheBinding binding(
-      {"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; }, milliseconds(500));
+      {"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; }, std::chrono::seconds(2));
   m_directory.failOpen({Kind::Unreachable, -1, ""}, 1);
   leaveBehind(binding, slow, m_clock);
   EXPECT_THAT(binding.search({"", SearchScope::Subtree, "(cn=h1)", {}}), SizeIs(1));
@@ -110,7 +110,7 @@ TEST_F(CacheBindingOpening, OpensAnewWhereTheConnectionLeftBehindIsLost) {
   SlowConnector slow(m_directory);
   DirectoryConnector::setInstance(&slow);
   ADCacheBinding binding(
-      {"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; }, milliseconds(500));
+      {"corp.test", false, "", "", ""}, [] { return "FILE:/agent"; }, std::chrono::seconds(2));
   m_directory.failSearch({Kind::Gone, -1, ""}, 1);
   leaveBehind(binding, slow, m_clock);
   EXPECT_THAT(binding.search({"", SearchScope::Subtree, "(cn=h1)", {}}), SizeIs(1));

@@ -12,9 +12,11 @@
 #include <fstream>
 #include <string>
 
+#include "testsupport/in_time.h"
 #include "testsupport/temp_folder.h"
 
 using lumo::ArgV;
+using testsupport::onceWithin;
 using testsupport::readFile;
 using testsupport::TempFolder;
 
@@ -129,8 +131,7 @@ TEST_F(Spawn, ArgumentsAndStreamsAreTheGivenOnes) {
 }
 
 TEST_F(Spawn, ReturnsAsSoonAsTheChildEnds) {
-  EXPECT_EQ(shell("exit 0", -1), 0);
-  EXPECT_LT(took, milliseconds(900));
+  EXPECT_TRUE(onceWithin(milliseconds(900), [&] { EXPECT_EQ(shell("exit 0", -1), 0); }));
 }
 
 TEST_F(Spawn, DescriptorsInAnyOrder) {
@@ -201,30 +202,34 @@ TEST_F(Spawn, ClosedDescriptorIsAnError) {
 }
 
 TEST_F(Spawn, TimeOut) {
-  EXPECT_EQ(shell("exec sleep 30", 1), -1);
-  EXPECT_EQ(error, ETIMEDOUT);
-  EXPECT_GE(took, milliseconds(1000));
-  EXPECT_LT(took, milliseconds(1800));
+  EXPECT_TRUE(onceWithin(milliseconds(1800), [&] {
+    EXPECT_EQ(shell("exec sleep 30", 1), -1);
+    EXPECT_EQ(error, ETIMEDOUT);
+    EXPECT_GE(took, milliseconds(1000));
+  }));
 }
 
 TEST_F(Spawn, NoTimeAtAll) {
-  EXPECT_EQ(shell("exec sleep 30", 0), -1);
-  EXPECT_EQ(error, ETIMEDOUT);
-  EXPECT_LT(took, milliseconds(900));
+  EXPECT_TRUE(onceWithin(milliseconds(900), [&] {
+    EXPECT_EQ(shell("exec sleep 30", 0), -1);
+    EXPECT_EQ(error, ETIMEDOUT);
+  }));
 }
 
 TEST_F(Spawn, ChildThatEndsInOrderUponTermIsStillTimedOut) {
-  EXPECT_EQ(shell("trap 'echo bye; exit 0' TERM; sleep 30 & wait", 1), -1);
-  EXPECT_EQ(error, ETIMEDOUT);
-  EXPECT_EQ(output(), "bye\n");
-  EXPECT_LT(took, milliseconds(1900));
+  EXPECT_TRUE(onceWithin(milliseconds(1900), [&] {
+    EXPECT_EQ(shell("trap 'echo bye; exit 0' TERM; sleep 30 & wait", 1), -1);
+    EXPECT_EQ(error, ETIMEDOUT);
+    EXPECT_EQ(output(), "bye\n");
+  }));
 }
 
 TEST_F(Spawn, ChildThatIgnoresTermIsKilledASecondLater) {
-  EXPECT_EQ(shell("trap '' TERM; while :; do sleep 0.2; done", 1), -1);
-  EXPECT_EQ(error, ETIMEDOUT);
-  EXPECT_GE(took, milliseconds(2000));
-  EXPECT_LT(took, milliseconds(3500));
+  EXPECT_TRUE(onceWithin(milliseconds(3500), [&] {
+    EXPECT_EQ(shell("trap '' TERM; while :; do sleep 0.2; done", 1), -1);
+    EXPECT_EQ(error, ETIMEDOUT);
+    EXPECT_GE(took, milliseconds(2000));
+  }));
 }
 
 bool runs(const std::string& pid) {
@@ -239,14 +244,14 @@ TEST_F(Spawn, GrandchildrenGoWithATimedOutChild) {
   EXPECT_EQ(shell("sh -c 'trap \"\" TERM; echo $$; exec sleep 30' & wait", 1), -1);
   const std::string pid = output().substr(0, output().find('\n'));
   ASSERT_FALSE(pid.empty());
-  const auto deadline = Clock::now() + std::chrono::seconds(5);
+  const auto deadline = Clock::now() + std::chrono::seconds(20);
   while (runs(pid) && Clock::now() < deadline) usleep(5000);
   EXPECT_FALSE(runs(pid));
 }
 
 TEST_F(Spawn, GrandchildThatHoldsTheStreamsDoesNotHoldUs) {
   EXPECT_EQ(shell("sleep 30 & echo $!"), 0);
-  EXPECT_LT(took, milliseconds(2000));
+  EXPECT_LT(took, std::chrono::seconds(20));
   const std::string pid = output().substr(0, output().find('\n'));
   // Its own group is not ended: what the child leaves running is left alone.
   EXPECT_TRUE(runs(pid));
@@ -274,12 +279,12 @@ TEST_F(Spawn, SignalsOfTheChild) {
   sigaddset(&blocked, SIGUSR1);
   sigprocmask(SIG_BLOCK, &blocked, &before);
   const auto handler = signal(SIGUSR2, SIG_IGN);
-  // The signals from 32 on belong to the C library.
-  const std::string script = "exec sed -nE 's/^(Sig(Blk|Ign)):.*(.{8})$/\\1 \\3/p' < /proc/self/status";
+  // The signals 1 to 28: those from 32 on belong to the C library, whose versions differ in what they do with them.
+  const std::string script = "exec sed -nE 's/^(Sig(Blk|Ign)):.*(.{7})$/\\1 \\3/p' < /proc/self/status";
   EXPECT_EQ(shell(script, 20, 1, 1), 0);
-  EXPECT_EQ(output(), "SigBlk 00000000\nSigIgn 80000000\n");
+  EXPECT_EQ(output(), "SigBlk 0000000\nSigIgn 0000000\n");
   EXPECT_EQ(shell(script, 20, 1, 0), 0);
-  EXPECT_EQ(output(), "SigBlk 00000200\nSigIgn 80000800\n");
+  EXPECT_EQ(output(), "SigBlk 0000200\nSigIgn 0000800\n");
   signal(SIGUSR2, handler);
   sigprocmask(SIG_SETMASK, &before, nullptr);
 }

@@ -19,7 +19,7 @@ TEST(LdapLimits, EscapesAndCutsTheServersWords) {
   ScriptedServer server([](const std::string& message) {
     return ldapMessage(idOf(message), ldapDone(50, "no\n\x1b[31m" + std::string(4000, 'x')));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   const Outcome refused = outcome([&] { connection.search({"DC=b\r", SearchScope::Subtree, "(cn=a)", {}}); });
   EXPECT_EQ(refused.text,
             "Cannot search 'DC=b\\r': Insufficient access (no\\n\\x1b[31m" + std::string(248, 'x') + "...)");
@@ -60,7 +60,7 @@ TEST(LdapLimits, CountsWhatTheServerSendsForEachRequest) {
     }
     return answer + ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   for (int i = 0; i < 4; ++i) {
     EXPECT_EQ(connection.search({"DC=b", SearchScope::Base, "(cn=a)", {}}).size(), 40U);
   }

@@ -28,7 +28,7 @@ TEST(LdapConnection, ReadsTheRootObject) {
     return ldapMessage(idOf(message), ldapEntry("", "rootDomainNamingContext", "DC=corp,DC=test")) +
            ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), false, SHORT);
+  LdapConnection connection(server.server(), false, LONG);
   EXPECT_EQ((*connection.rootDse())["rootdomainnamingcontext"].toString(), "DC=corp,DC=test");
 }
 
@@ -38,7 +38,7 @@ TEST(LdapConnection, KeepsValuesThatAreNoText) {
     return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "objectGUID", value)) +
            ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {}});
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found.front()->dn(), "CN=a,DC=b");
@@ -56,7 +56,7 @@ TEST(LdapConnection, PutsValuesThatComeInPartsTogether) {
     return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", attribute, value)) +
            ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"member"}});
   ASSERT_EQ(found.size(), 1U);
   EXPECT_THAT((*found.front())["member"].values(), ElementsAre("one", "two", "three"));
@@ -69,7 +69,7 @@ TEST(LdapConnection, SaysOfAnAttributeThatTheServerShowsOnlyInPartThatItCannotBe
     return (more ? std::string() : ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "keywords;range=0-0", "one"))) +
            ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"keywords"}});
   ASSERT_EQ(found.size(), 1U);
   EXPECT_TRUE((*found.front())["keywords"].isNull());
@@ -87,7 +87,7 @@ TEST(LdapConnection, SaysOfValuesThatCannotBeDecodedThatTheyCannotBeRead) {
     return ldapMessage(idOf(message), berItem(0x64, berItem(0x04, "CN=a,DC=b") + berItem(0x30, list))) +
            ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   const auto found = connection.search({"CN=a,DC=b", SearchScope::Base, "(objectClass=*)", {"keywords"}});
   ASSERT_EQ(found.size(), 1U);
   EXPECT_TRUE((*found.front())["keywords"].isNull());
@@ -104,7 +104,7 @@ TEST(LdapConnection, EndsWhenAllPagesTogetherTakeTooLong) {
     return berItem(
         0x30, berItem(0x02, std::string(1, static_cast<char>(idOf(message)))) + ldapDone(0) + berItem(0xa0, control));
   });
-  LdapConnection connection(server.server(), true, {milliseconds(300), milliseconds(300), milliseconds(200)});
+  LdapConnection connection(server.server(), true, {std::chrono::minutes(1), milliseconds(300), milliseconds(200)});
   const Outcome lost = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
   EXPECT_EQ(lost.rc, -5);
   EXPECT_EQ(lost.text, "Cannot search 'DC=b': no answer in time");
@@ -121,7 +121,7 @@ TEST(LdapConnection, EndsWhenTheBaseAndTheAnswerTogetherTakeTooLong) {
                                                           : ldapEntry("CN=a,DC=corp,DC=test", "cn", "a");
     return ldapMessage(idOf(message), entry) + ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), false, {milliseconds(300), milliseconds(300), milliseconds(100)});
+  LdapConnection connection(server.server(), false, {std::chrono::minutes(1), milliseconds(300), milliseconds(100)});
   const Outcome lost = outcome([&] { connection.search({"", SearchScope::Subtree, "(cn=a)", {}}); });
   EXPECT_EQ(lost.rc, -5);
   EXPECT_THAT(lost.text, HasSubstr("no answer in time"));
@@ -135,7 +135,7 @@ TEST(LdapConnection, DoesNotTakeAPageForTheLastWhereItCannotReadWhatTheServerSay
     return ldapMessage(idOf(message), ldapEntry("CN=a,DC=b", "cn", "a")) +
            berItem(0x30, id + ldapDone(0) + berItem(0xa0, control));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   const Outcome damaged = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
   EXPECT_EQ(damaged.rc, -4);
   EXPECT_EQ(damaged.text, "Cannot search 'DC=b': Decoding error");
@@ -147,7 +147,7 @@ TEST(LdapConnection, AsksForPages) {
     if (!isUnbind(message)) request = message;
     return ldapMessage(idOf(message), ldapDone(0));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   EXPECT_TRUE(connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}).empty());
   // Critical, a thousand at a time.
   EXPECT_THAT(request, HasSubstr(berItem(0x04, "1.2.840.113556.1.4.319") + std::string("\x01\x01\xff", 3)));
@@ -183,7 +183,7 @@ class AnnouncedSearches : public testing::Test {
     if (m_silent) return std::string(ScriptedServer::CLOSE);
     return ldapMessage(idOf(message), ldapEntry(base, "cn", base)) + ldapMessage(idOf(message), ldapDone(0));
   }};
-  LdapConnection m_connection{m_server.server(), true, SHORT};
+  LdapConnection m_connection{m_server.server(), true, LONG};
 };
 
 TEST_F(AnnouncedSearches, AreAskedOnceAndAnsweredInTheirOrder) {
@@ -226,7 +226,7 @@ TEST(LdapConnection, GivesTheObjectsOfAllPages) {
     return ldapMessage(idOf(message), ldapEntry("CN=" + page, "cn", page)) +
            berItem(0x30, id + ldapDone(0) + berItem(0xa0, control));
   });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   std::vector<std::string> names;
   for (const auto& object : connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}))
     names.push_back(object->dn());
@@ -236,14 +236,14 @@ TEST(LdapConnection, GivesTheObjectsOfAllPages) {
 
 TEST(LdapConnection, TakesAMissingBaseForNothing) {
   ScriptedServer server([](const std::string& message) { return ldapMessage(idOf(message), ldapDone(32)); });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   EXPECT_TRUE(connection.search({"CN=none,DC=b", SearchScope::Subtree, "(cn=a)", {}}).empty());
 }
 
 TEST(LdapConnection, PassesOnTheServersWords) {
   ScriptedServer server(
       [](const std::string& message) { return ldapMessage(idOf(message), ldapDone(50, "00002098: not for you")); });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   for (int i = 0; i < 2; ++i) {
     const Outcome refused = outcome([&] { connection.search({"DC=b", SearchScope::Subtree, "(cn=a)", {}}); });
     EXPECT_EQ(refused.rc, 50);
@@ -253,21 +253,21 @@ TEST(LdapConnection, PassesOnTheServersWords) {
 
 TEST(LdapConnection, DoesNotFollowAReferral) {
   ScriptedServer server([](const std::string& message) { return ldapMessage(idOf(message), ldapDone(10)); });
-  LdapConnection connection(server.server(), true, SHORT);
+  LdapConnection connection(server.server(), true, LONG);
   EXPECT_EQ(outcome([&] { connection.search({"DC=else", SearchScope::Subtree, "(cn=a)", {}}); }).rc, 10);
 }
 
 TEST(LdapConnection, EndsWhenNobodyListens) {
   lumo::DirectoryServer server;
   { const auto gone = boundSocket(SOCK_STREAM, server); }
-  const Outcome refused = outcome([&] { LdapConnection(server, false, SHORT); });
+  const Outcome refused = outcome([&] { LdapConnection(server, false, LONG); });
   EXPECT_EQ(refused.rc, -11);
   EXPECT_EQ(refused.text, "Connection refused");
   EXPECT_LT(refused.took, SOON);
 }
 
 TEST(LdapConnection, EndsWhenTheNameDoesNotResolve) {
-  const Outcome unknown = outcome([] { LdapConnection({"name..of.nobody", 389}, false, SHORT); });
+  const Outcome unknown = outcome([] { LdapConnection({"name..of.nobody", 389}, false, LONG); });
   EXPECT_EQ(unknown.rc, -11);
   EXPECT_NE(unknown.text, "");
 }

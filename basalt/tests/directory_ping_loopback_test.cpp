@@ -7,6 +7,7 @@
 #include "basalt/directory_ping.h"
 #include "basalt/tests/netlogon_bytes.h"
 #include "basalt/tests/scripted_server.h"
+#include "testsupport/in_time.h"
 
 namespace {
 
@@ -70,10 +71,11 @@ TEST(LdapPing, GivesTheReply) {
 
 TEST(LdapPing, EndsInTimeWhenTheServerIsSilent) {
   const OneAnswer server([](unsigned char) { return std::string(); });
-  const auto took =
-      timeOf([&] { EXPECT_FALSE(lumo::netlogonPing({server.server()}, "corp.test", milliseconds(250))); });
-  EXPECT_GE(took, milliseconds(250));
-  EXPECT_LT(took, milliseconds(1500));
+  EXPECT_TRUE(testsupport::onceWithin(milliseconds(1500), [&] {
+    const auto took =
+        timeOf([&] { EXPECT_FALSE(lumo::netlogonPing({server.server()}, "corp.test", milliseconds(250))); });
+    EXPECT_GE(took, milliseconds(250));
+  }));
 }
 
 TEST(LdapPing, EndsAtOnceWhenNobodyListens) {

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -110,7 +111,7 @@ TEST_F(DirectorySocketRoot, ASilentAddressLeavesTimeForTheNext) {
     const SilentListener nobody(silent, port);
     const FileDescriptor server = boundAt(answering, SOCK_STREAM, port);
     ASSERT_EQ(listen(server.get(), 4), 0);
-    const lumo::Connected connected = connectTcp({"dc.corp.test", port}, 200ms);
+    const lumo::Connected connected = connectTcp({"dc.corp.test", port}, 2s);
     EXPECT_TRUE(connected.socket) << silent << " is silent: " << connected.failure;
   });
 }
@@ -120,7 +121,7 @@ TEST_F(DirectorySocketRoot, APingGoesToAllAddresses) {
     std::uint16_t port = 0;
     const FileDescriptor nobody = boundAt(silent, SOCK_DGRAM, port);
     const PingAnswer server(answering, port);
-    EXPECT_TRUE(lumo::netlogonPing({{"dc.corp.test", port}}, "corp.test", 500ms)) << silent << " is silent";
+    EXPECT_TRUE(lumo::netlogonPing({{"dc.corp.test", port}}, "corp.test", 20s)) << silent << " is silent";
   });
 }
 
@@ -133,21 +134,29 @@ class SlowNameService : public testing::Test {
   }
 
   DnsServer m_names{{{"dc.corp.test", {{DNS_A, std::string("\x7f\0\0\x02", 4)}}}}, 50ms};
+  // A failure of all of several tries: a busy machine delays some of them, a wrong count of the time ends each.
+  static std::string withinTries(const std::function<std::string()>& attempt) {
+    std::string failure = attempt();
+    for (int more = 0; more < 20 && !failure.empty(); ++more) failure = attempt();
+    return failure;
+  }
+
   std::uint16_t m_port = 0;
 };
 
 TEST_F(SlowNameService, TakesNothingOfTheTimeForConnecting) {
   const FileDescriptor server = boundAt(ONE, SOCK_STREAM, m_port);
   ASSERT_EQ(listen(server.get(), 4), 0);
-  const lumo::Connected connected = connectTcp({"dc.corp.test", m_port}, 30ms);
-  EXPECT_TRUE(connected.socket) << connected.failure;
+  EXPECT_EQ(withinTries([&] { return connectTcp({"dc.corp.test", m_port}, 30ms).failure; }), "");
 }
 
 TEST_F(SlowNameService, LeavesAPingAMomentForItsAnswer) {
-  const PingAnswer server(ONE, m_port, 20ms);
-  const auto reply = lumo::netlogonPing({{"dc.corp.test", m_port}}, "corp.test", 30ms);
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->clientSite, "Berlin");
+  EXPECT_EQ(withinTries([&] {
+              const PingAnswer server(ONE, m_port, 20ms);
+              const auto reply = lumo::netlogonPing({{"dc.corp.test", m_port}}, "corp.test", 30ms);
+              return reply ? "" : "no answer";
+            }),
+            "");
 }
 
 }  // namespace

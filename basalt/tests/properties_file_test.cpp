@@ -240,13 +240,13 @@ TEST_F(PropertiesFile, TenMegabytesAreRefusedInBoundedTimeAndMemory) {
   noise = std::string();
   rusage before{};
   getrusage(RUSAGE_SELF, &before);
-  const auto start = std::chrono::steady_clock::now();
+  const std::clock_t start = std::clock();  // the processor's, whatever else the machine has to do
   Properties settings;
   EXPECT_EQ(wordsOf<lumo::SystemException>([&] { settings.loadFile(file); }),
             "Cannot read " + file + ": it is larger than 1048576 bytes");
   rusage after{};
   getrusage(RUSAGE_SELF, &after);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_LT(std::clock() - start, 2 * CLOCKS_PER_SEC);
   EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 8 * 1024);
 }
 

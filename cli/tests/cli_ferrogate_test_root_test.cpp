@@ -251,7 +251,7 @@ TEST_F(Connection, SilentProxyEndsTheTestWhenTheTimeIsUp) {
   EXPECT_EQ(tool({"-T", "-c", "http://h/", "-s", mute.address()}), failed("http://h/", mute.address()));
   const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_GE(took, std::chrono::seconds(29));
-  EXPECT_LT(took, std::chrono::seconds(45));
+  EXPECT_LT(took, std::chrono::seconds(60));
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // Every member of every reply: missing, of the wrong type, empty, huge; replies with another's session; very long
 // lists.
-#include <chrono>
+#include <ctime>
 
 #include "cloud/tests/cloud_auth_bad_reply.h"
+#include "cloud/tests/curl_words.h"
 #include "testsupport/sanitizers.h"
 
 namespace {
@@ -193,7 +194,7 @@ TEST_F(Members, ConnectorsReply) {
       {R"({\"result\":\"success\",\"otc\":\"OTC-0\"})", refused},
       {R"({\"result\":\"success\",\"otc\":\")" + std::string(100000, 'x') + R"(\"})", refused},
       {R"({\"result\":\"success\",\"otc\":\"OTC-0 \\r\\nX: y\"})",
-       "CurlException 8 curl error occurred in curl_easy_perform: URL using bad/illegal format or missing URL (3)"},
+       "CurlException 8 " + curltest::transferFailed(CURLE_URL_MALFORMAT)},
   };
   for (const auto& [body, outcome] : rows) {
     EXPECT_EQ(outcomeOf(siteCheck(), R"("body":")" + body + "\""), outcome) << body.substr(0, 60);
@@ -265,11 +266,11 @@ TEST_F(Members, LongLists) {
   for (const Row& row : rows) {
     std::unique_ptr<CloudAuth> login = begin(row.scene);
     platform.fault(faultText(row.scene, to(row.path, list(row.element))));
-    const auto begun = std::chrono::steady_clock::now();
+    const std::clock_t begun = std::clock();  // the processor's: other processes may have it meanwhile
     const std::string outcome = outcomeOf(row.scene, *login);
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begun;
+    const double took = static_cast<double>(std::clock() - begun) / CLOCKS_PER_SEC;
     EXPECT_EQ(outcome, row.outcome) << row.path;
-    EXPECT_LT(took.count(), SECONDS) << row.path;
+    EXPECT_LT(took, SECONDS) << row.path;
     end(row.scene, login, outcome);
   }
 }

@@ -1,5 +1,6 @@
 // Every request of every login meets a reply that does not come, comes damaged or says no.
 #include "cloud/tests/cloud_auth_bad_reply.h"
+#include "cloud/tests/curl_words.h"
 
 namespace {
 
@@ -12,8 +13,8 @@ constexpr char NO_BRACE[] = "CloudIwaException 9 There's no valid json string in
 constexpr char CUT_BEFORE[] = R"("cut":"before","count":)";
 
 // Libcurl tells a peer that hung up without a word by either text.
-constexpr char NOTHING[] = "Server returned nothing (no headers, no data) (52)";
-constexpr char RESET[] = "Failure when receiving data from the peer (56)";
+const std::string NOTHING = curltest::curlWords(CURLE_GOT_NOTHING);
+const std::string RESET = curltest::curlWords(CURLE_RECV_ERROR);
 
 std::string statusFault(int status) { return "\"status\":" + std::to_string(status); }
 
@@ -81,7 +82,7 @@ TEST_F(Scenes, CutRepliesAreTransferFailures) {
     // Libcurl takes the head of a reply as it stands when the peer hangs up: a status, and no body.
     EXPECT_EQ(outcomeOf(scene, R"("cut":"headers")"), scene.name == "SiteCheck" ? NO_BRACE : scene.refused)
         << scene.name;
-    EXPECT_EQ(outcomeOf(scene, R"("cut":"body")"), transferFailure(scene, "Transferred a partial file (18)"))
+    EXPECT_EQ(outcomeOf(scene, R"("cut":"body")"), transferFailure(scene, curltest::curlWords(CURLE_PARTIAL_FILE)))
         << scene.name;
   }
 }
@@ -107,7 +108,7 @@ TEST_F(Scenes, TransferEndsAtItsTimeLimit) {
       connection().setOpt(CURLOPT_TIMEOUT_MS, LIMIT_MS);
       platform.fault(faultText(scene, fault));
       const std::string outcome = outcomeOf(scene, *login);
-      EXPECT_EQ(outcome, transferFailure(scene, "Timeout was reached (28)")) << scene.name;
+      EXPECT_EQ(outcome, transferFailure(scene, curltest::curlWords(CURLE_OPERATION_TIMEDOUT))) << scene.name;
       connection().setOpt(CURLOPT_TIMEOUT, 30);
       end(scene, login, outcome);
     }

@@ -2,6 +2,7 @@
 #include <cstdlib>
 
 #include "cloud/tests/cloud_auth_lab.h"
+#include "cloud/tests/curl_words.h"
 #include "testsupport/lab_control.h"
 #include "testsupport/temp_folder.h"
 
@@ -22,7 +23,7 @@ const std::string NO_CONNECTOR =
     "network connectivity and that 'Web Server (IWA)' is an enabled service for the Morvane Connector in the Admin "
     "Portal. If there is no network connectivity issues and 'Web Server (IWA)' is already enabled, please contact "
     "Morvane support for help.";
-const std::string CANNOT_CONNECT = "curl error occurred in curl_easy_perform: Couldn't connect to server (7)";
+const std::string CANNOT_CONNECT = curltest::transferFailed(CURLE_COULDNT_CONNECT);
 
 class CloudAuthFaultsLab : public CloudAuthLab {
  protected:
@@ -203,10 +204,7 @@ TEST_F(CloudAuthFaultsLab, CertificateOfThePageHasToBeTrusted) {
   steps();
   {
     const testsupport::Setting trusted(lumo::PN::FERROSEC_CERT_DIR, nobody.path());
-    EXPECT_EQ(
-        loginFailure(*client),
-        "CurlException 8 curl error occurred in curl_easy_perform: SSL peer certificate or SSH remote key was not "
-        "OK (60)");
+    EXPECT_EQ(loginFailure(*client), "CurlException 8 " + curltest::transferFailed(CURLE_PEER_FAILED_VERIFICATION));
     EXPECT_THAT(steps(), ElementsAre("FATAL " + NO_CONNECTOR));
     EXPECT_THAT(warned(), ElementsAre("FATAL cloud.object: " + NO_CONNECTOR));
     EXPECT_THAT(asked(), IsEmpty());

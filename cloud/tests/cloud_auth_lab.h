@@ -150,7 +150,7 @@ class CloudAuthLab : public ConnectorLab {
   // closed, "CONNECTOR proxy USER STATUS METHOD URL". Waits for so many.
   Texts came(std::size_t count) const {
     Texts found;
-    EXPECT_TRUE(comesTrue([&] { return (found = m_roads->came()).size() >= count; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(comesTrue([&] { return (found = m_roads->came()).size() >= count; }, std::chrono::seconds(60)));
     return found;
   }
 

@@ -13,6 +13,7 @@
 #include "cloud/tests/cloud_auth_v1s_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
+#include "cloud/tests/curl_words.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/reply_script.h"
@@ -91,7 +92,7 @@ inline HttpReply refusal() { return json(R"({"success":false,"Message":"no"})");
 inline HttpReply unauthorized() { return httpReply("401 Unauthorized"); }
 // The connection ends in the middle of the reply.
 inline HttpReply cut() { return {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nabc", HttpReply::Close}; }
-inline const std::string CUT_SHORT = "curl error occurred in curl_easy_perform: Transferred a partial file (18)";
+inline const std::string CUT_SHORT = curltest::transferFailed(CURLE_PARTIAL_FILE);
 // The connector's code.
 inline HttpReply code(const std::string& otc = "CODE-1") {
   return json("<html>" + std::string(R"({"result":"success","otc":")") + otc + "\"}</html>");

@@ -1,5 +1,6 @@
 // The machine's sign-in: what goes to connector and platform, what is logged, what fails how.
 #include "cloud/tests/cloud_auth_v1s_machine_sign_in.h"
+#include "cloud/tests/curl_words.h"
 
 using namespace v1stest;
 using testing::AllOf;
@@ -175,8 +176,7 @@ TEST_F(MachineSignInLoopback, BrokenTransferFromTheConnectorIsToldAsSuch) {
 
 TEST_F(MachineSignInLoopback, ConnectorThatIsAway) {
   begin(platform.url(), "http://127.0.0.1:1/");
-  EXPECT_EQ(signInFailure(),
-            "CurlException 8 curl error occurred in curl_easy_perform: Couldn't connect to server (7)");
+  EXPECT_EQ(signInFailure(), "CurlException 8 " + curltest::transferFailed(CURLE_COULDNT_CONNECT));
   EXPECT_THAT(records(), ElementsAre(NO_CONNECTOR));
 }
 
@@ -238,9 +238,7 @@ TEST_F(MachineSignInLoopback, CodeIsNotEscaped) {
 
 TEST_F(MachineSignInLoopback, CodeThatNoUrlCanHoldIsATransferFailure) {
   connector.script({code("two\\r\\nlines")});
-  EXPECT_EQ(
-      signInFailure(),
-      "CurlException 8 curl error occurred in curl_easy_perform: URL using bad/illegal format or missing URL (3)");
+  EXPECT_EQ(signInFailure(), "CurlException 8 " + curltest::transferFailed(CURLE_URL_MALFORMAT));
   EXPECT_THAT(journal.take(), ElementsAre("connector GET /iwa/SiteCheck"));
   EXPECT_THAT(log.text(), Not(HasSubstr("lines")));
 }

@@ -4,6 +4,7 @@
 #include "cloud/tests/cloud_auth_v1s_client.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/connector_trust.h"
+#include "cloud/tests/curl_words.h"
 #include "cloud/tests/negotiate_host.h"
 #include "testsupport/setting.h"
 #include "testsupport/temp_folder.h"
@@ -188,8 +189,7 @@ TEST_F(MachineSignInRoot, AfterABrokenTransferTheProxyStaysAwayAndNoCredentialGo
   const Setting trusted(lumo::PN::FERROSEC_CERT_DIR, folder.file("trusted"));
   cutsOff = true;
   begin();
-  EXPECT_EQ(signInFailure(),
-            "CurlException 8 curl error occurred in curl_easy_perform: Transferred a partial file (18)");
+  EXPECT_EQ(signInFailure(), "CurlException 8 " + curltest::transferFailed(CURLE_PARTIAL_FILE));
   EXPECT_FALSE(hasOption(CURLOPT_PROXY));
   EXPECT_FALSE(hasOption(CURLOPT_PROXY_GSS_CRED));
   const HttpServer platform([](const HttpRequest&) { return httpReply("200 OK", {}, R"({"success":true})"); });

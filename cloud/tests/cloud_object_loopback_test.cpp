@@ -1,9 +1,13 @@
 // The calls of a REST client over real exchanges: what goes out, what is logged, what is kept.
 #include <gmock/gmock.h>
 
+#include <memory>
+#include <string>
+
 #include "cloud/include/cloud_object.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
+#include "cloud/tests/curl_words.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 
@@ -95,11 +99,21 @@ TEST_F(CloudObjectLoopback, ZeroByteInAParameterIsEncodedToo) {
   EXPECT_EQ(last().target(), "/path?key=a%00b");
 }
 
+// A path with an empty query, as libcurl sends it: some versions leave out the question mark.
+std::string withEmptyQuery(const std::string& url, const std::string& path) {
+  const std::unique_ptr<CURLU, void (*)(CURLU*)> parts(curl_url(), curl_url_cleanup);
+  EXPECT_EQ(curl_url_set(parts.get(), CURLUPART_URL, (url + "?").c_str(), 0), CURLUE_OK);
+  char* query = nullptr;
+  const bool keepsIt = curl_url_get(parts.get(), CURLUPART_QUERY, &query, 0) == CURLUE_OK;
+  curl_free(query);
+  return keepsIt ? path + "?" : path;
+}
+
 TEST_F(CloudObjectLoopback, NoParametersLeaveABareQuestionMark) {
   client.get(url(), CloudBase::Parameters());
-  EXPECT_EQ(last().target(), "/path?");
+  EXPECT_EQ(last().target(), withEmptyQuery(url(), "/path"));
   client.post(url(), CloudBase::Parameters(), "{}");
-  EXPECT_EQ(last().target(), "/path?");
+  EXPECT_EQ(last().target(), withEmptyQuery(url(), "/path"));
 }
 
 TEST_F(CloudObjectLoopback, EachExchangeReplacesTheResult) {
@@ -123,7 +137,7 @@ TEST_F(CloudObjectLoopback, FailedTransferLeavesTheLastResultAndIsNotJudged) {
     return testsupport::HttpReply{"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc", testsupport::HttpReply::Close};
   });
   EXPECT_EQ(failureOf([&] { client.get("http://" + cut.address() + "/"); }),
-            "CurlException -1 curl error occurred in curl_easy_perform: Transferred a partial file (18)");
+            "CurlException -1 " + curltest::transferFailed(CURLE_PARTIAL_FILE));
   EXPECT_THAT(client.getResult(), Pair(403, "first"));
   EXPECT_EQ(client.judged, 1);
 }

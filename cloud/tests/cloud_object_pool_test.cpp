@@ -3,6 +3,7 @@
 
 #include "cloud/tests/cloud_object_pool_fixture.h"
 #include "cloud/tests/curl_memory.h"
+#include "cloud/tests/curl_words.h"
 
 namespace {
 
@@ -17,8 +18,7 @@ using testing::UnorderedElementsAre;
 
 // More than libcurl takes for one text.
 std::string tooLong() { return std::string(8000001, 'x'); }
-constexpr char REFUSED[] =
-    "CurlException -1 curl error occurred in curl_easy_setopt: A libcurl function was given a bad argument (43)";
+const std::string REFUSED = "CurlException -1 " + curltest::setOptFailed(CURLE_BAD_FUNCTION_ARGUMENT);
 
 }  // namespace
 

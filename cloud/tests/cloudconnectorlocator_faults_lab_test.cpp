@@ -165,7 +165,7 @@ TEST_F(ConnectorFaultLab, SilentControllerKeepsNobodyWaitingLongerThanItsLimit) 
   Duration waited{};
   auto client = std::async(std::launch::async, [&] {
     // A client that asks while the search holds the lock.
-    comesTrue([&] { return log.text().find("Refresh cloud connector information") != std::string::npos; }, seconds(5));
+    comesTrue([&] { return log.text().find("Refresh cloud connector information") != std::string::npos; }, seconds(60));
     waited = timeOf([] { EXPECT_NE(locator().getCloudConnector(), ""); });
   });
   const auto silent = timeOf([] { EXPECT_FALSE(RefreshCloudConnectorsInfo()); });
@@ -174,9 +174,9 @@ TEST_F(ConnectorFaultLab, SilentControllerKeepsNobodyWaitingLongerThanItsLimit) 
   EXPECT_LT(silent, 2 * ADCacheBinding::SEARCH_LIMIT);
   EXPECT_LT(silent, seconds(60)) << "two searches of a page, two connections";
   // It begins later than the search, and ends a moment after it: it is woken by its end, and then looks and logs.
-  EXPECT_LT(waited, silent + seconds(1));
+  EXPECT_LT(waited, silent + seconds(10));
   const auto known = timeOf([] { EXPECT_TRUE(RefreshCloudConnectorsInfo()); });
-  EXPECT_LT(known, seconds(1)) << "nobody waits for what is known to be silent";
+  EXPECT_LT(known, seconds(10)) << "nobody waits for what is known to be silent";
   EXPECT_THAT(logged(), unhealthy(60));
   EXPECT_EQ(knowledge(), before);
   RecordProperty("silent_ms", static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(silent).count()));
@@ -189,7 +189,7 @@ TEST_F(ConnectorFaultLab, ProcessThatStartsAtASilentControllerFindsItsConnectors
   EXPECT_LT(start, seconds(30)) << "a step of the sign-in at each of the two, and the question for the site";
   logged();
   const auto search = timeOf([] { EXPECT_TRUE(RefreshCloudConnectorsInfo()); });
-  EXPECT_LT(search, seconds(15));
+  EXPECT_LT(search, seconds(30));
   EXPECT_EQ(logged(), unhealthy(60));
   EXPECT_EQ(CloudConnectorLocatorAccess(locator()).connectors.size(), 0U);
   mend();

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "cloud/tests/curl_object_fixture.h"
+#include "cloud/tests/curl_words.h"
 #include "cloud/tests/lesser_libcurl.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
@@ -26,8 +27,7 @@ using Lines = std::vector<std::string>;
 
 constexpr char TARGET[] = "http://server.example.test/";
 constexpr char BASIC_OF_ALICE[] = "Basic YWxpY2U6c2VjcmV0";
-constexpr char TUNNEL_FAILED[] =
-    "CurlException -1 curl error occurred in curl_easy_perform: Failure when receiving data from the peer (56)";
+const std::string TUNNEL_FAILED = "CurlException -1 " + curltest::transferFailed(CURLE_RECV_ERROR);
 constexpr long NEGOTIATE = static_cast<long>(CURLAUTH_NEGOTIATE);
 constexpr long NTLM = static_cast<long>(CURLAUTH_NTLM);
 constexpr long DIGEST = static_cast<long>(CURLAUTH_DIGEST);

@@ -1,6 +1,7 @@
 #include "cloud/curl_object_internal.h"
 #include "cloud/curl_object_layer.h"
 #include "cloud/tests/curl_object_fixture.h"
+#include "cloud/tests/curl_words.h"
 
 using testing::ElementsAre;
 using testing::Pair;
@@ -31,12 +32,10 @@ TEST_F(CurlObjectTest, SetOptRecordsTheNumberOnce) {
 
 TEST_F(CurlObjectTest, RefusedOptionThrowsAndIsNotRecorded) {
   CurlObject object;
-  EXPECT_EQ(
-      curlFailure([&] { object.setOpt(9999, 1); }),
-      "CurlException -1 curl error occurred in curl_easy_setopt: An unknown option was passed in to libcurl (48)");
-  EXPECT_EQ(
-      curlFailure([&] { object.setOpt(CURLOPT_TIMEOUT, -1); }),
-      "CurlException -1 curl error occurred in curl_easy_setopt: A libcurl function was given a bad argument (43)");
+  EXPECT_EQ(curlFailure([&] { object.setOpt(9999, 1); }),
+            "CurlException -1 " + curltest::setOptFailed(CURLE_UNKNOWN_OPTION));
+  EXPECT_EQ(curlFailure([&] { object.setOpt(CURLOPT_TIMEOUT, -1); }),
+            "CurlException -1 " + curltest::setOptFailed(CURLE_BAD_FUNCTION_ARGUMENT));
   EXPECT_EQ(object.recordedOptions(), defaults);
 }
 
@@ -58,10 +57,10 @@ TEST_F(CurlObjectTest, ClearOptThatLibcurlRefusesThrowsAndForgetsTheNumber) {
   CurlObject object;
   object.setOpt(CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
   object.setOpt(CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
-  object.setOpt(CURLOPT_PROTOCOLS_STR, "http");
-  EXPECT_EQ(curlFailure([&] { object.clearOpt(CURLOPT_PROTOCOLS_STR); }),
-            "CurlException -1 curl error occurred in curl_easy_setopt to clear option: A libcurl function was given a "
-            "bad argument (43)");
+  object.setOpt(CURLOPT_ALTSVC_CTRL, CURLALTSVC_H1);
+  EXPECT_EQ(curlFailure([&] { object.clearOpt(CURLOPT_ALTSVC_CTRL); }),
+            "CurlException -1 curl error occurred in curl_easy_setopt to clear option: " +
+                curltest::curlWords(CURLE_BAD_FUNCTION_ARGUMENT));
   EXPECT_EQ(object.recordedOptions(), defaultsAnd({CURLOPT_SSLVERSION, CURLOPT_HTTP_VERSION}));
 }
 
@@ -83,8 +82,7 @@ TEST_F(CurlObjectTest, OwnOptionsAreKeptAndNeverReachLibcurl) {
 
 TEST_F(CurlObjectTest, OwnOptionWithAValueOfAnotherKindIsRefused) {
   CurlObject object;
-  const std::string refused =
-      "CurlException -1 curl error occurred in curl_easy_setopt: A libcurl function was given a bad argument (43)";
+  const std::string refused = "CurlException -1 " + curltest::setOptFailed(CURLE_BAD_FUNCTION_ARGUMENT);
   EXPECT_EQ(curlFailure([&] { object.setOpt(CURLOPT_PROXY_GSS_SPN, 1); }), refused);
   EXPECT_EQ(curlFailure([&] { object.setOpt(CURLOPT_PROXY_GSS_CRED, "text"); }), refused);
   EXPECT_EQ(curlFailure([&] { object.setOpt(CURLOPT_PROXY_GSS_SPN, &proxyGssSetup); }), refused);

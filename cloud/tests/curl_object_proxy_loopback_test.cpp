@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "cloud/tests/curl_object_fixture.h"
+#include "cloud/tests/curl_words.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
@@ -28,8 +29,7 @@ namespace {
 // The peer of every tunnel here: nobody resolves the name, the proxy plays the server itself.
 constexpr char TARGET[] = "http://server.example.test/path";
 constexpr char TARGET_HOST[] = "server.example.test:80";
-constexpr char TUNNEL_FAILED[] =
-    "CurlException -1 curl error occurred in curl_easy_perform: Failure when receiving data from the peer (56)";
+const std::string TUNNEL_FAILED = "CurlException -1 " + curltest::transferFailed(CURLE_RECV_ERROR);
 
 HttpReply challenge(const std::vector<std::string>& schemes) {
   std::vector<std::string> lines;
@@ -330,7 +330,7 @@ TEST_F(CurlProxyTest, SecondFailureIsTheOneThatIsTold) {
   object.setOpt(CURLOPT_TIMEOUT_MS, 300);
   object.setProxy(proxy.address(), "negotiate", "alice@EXAMPLE.TEST", lumo::Shredder2("secret"));
   EXPECT_EQ(curlFailure([&] { object.perform(TARGET, "", 0); }),
-            "CurlException -1 curl error occurred in curl_easy_perform: Timeout was reached (28)");
+            "CurlException -1 " + curltest::transferFailed(CURLE_OPERATION_TIMEDOUT));
   EXPECT_EQ(proxy.connections(), 2);
   EXPECT_THAT(object.lastHeaderLines(), IsEmpty()) << "the second attempt's lines";
 }

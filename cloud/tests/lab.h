@@ -72,7 +72,7 @@ class LogTail {
   std::vector<Entry> waitFor(const std::function<bool(const std::vector<Entry>&)>& enough) const {
     std::vector<Entry> found;
     const auto grown = [&] { return enough(found = read()); };
-    EXPECT_TRUE(comesTrue(grown, std::chrono::seconds(10))) << m_path << ": " << found.size() << " lines";
+    EXPECT_TRUE(comesTrue(grown, std::chrono::seconds(60))) << m_path << ": " << found.size() << " lines";
     return found;
   }
   size_t size() const {

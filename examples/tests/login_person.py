@@ -15,7 +15,7 @@ import urllib.request
 
 PROGRAM = sys.argv[1]
 CONFIGURATION = pathlib.Path("/etc/morvand/morvand.conf")
-PATIENCE = 30
+PATIENCE = 90
 
 
 class Platform:

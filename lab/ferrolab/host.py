@@ -25,7 +25,7 @@ KRB5_CONF_MIT = """
 \t.{domain} = {realm}
 """
 
-TICKET_LIMIT = 10.0
+TICKET_LIMIT = 60.0
 
 
 def replace(path, text):

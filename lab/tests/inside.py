@@ -7,7 +7,7 @@ import time
 import urllib.request
 from collections import namedtuple
 
-LIMIT = 20.0
+LIMIT = 60.0
 PAUSE = 0.02
 Result = namedtuple("Result", "status text")
 Answer = namedtuple("Answer", "status code connect text")

@@ -32,7 +32,7 @@ TEST_F(LocalRpcServerLimitsTest, AClientThatStallsWithinARequestIsDisconnected) 
 }
 
 TEST_F(LocalRpcServerLimitsTest, AnIdleClientIsDisconnected) {
-  options.idleLimit = 30ms;
+  options.idleLimit = 2s;  // time enough for the request, on a busy machine too
   LocalRpcServer server(agent, options);
   const FileDescriptor client = raw::connectTo(options.path);
   raw::write(client, FIPS_FRAME);
@@ -41,7 +41,7 @@ TEST_F(LocalRpcServerLimitsTest, AnIdleClientIsDisconnected) {
 }
 
 TEST_F(LocalRpcServerLimitsTest, AClientThatDoesNotReadItsReplyIsDisconnected) {
-  options.callLimit = 30ms;
+  options.callLimit = 500ms;  // time enough for the session's call, on a busy machine too
   options.maxClients = 1;
   agent.padding = 1000000;
   LocalRpcServer server(agent, options);

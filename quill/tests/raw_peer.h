@@ -105,10 +105,10 @@ inline void haveHadAThread() {
   while (access(("/proc/self/task/" + std::to_string(id)).c_str(), F_OK) == 0) std::this_thread::yield();
 }
 
-// The threads of this process once there are no more than `expected`, or after five seconds: the kernel lists a thread
+// The threads of this process once there are no more than `expected`, or after a minute: the kernel lists a thread
 // for a moment longer than a join waits for it.
 inline int threadsDownTo(int expected) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   int count = countOf("task");
   while (count > expected && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();

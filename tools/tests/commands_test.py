@@ -82,6 +82,19 @@ class Commands(unittest.TestCase):
         self.assertRegex(said, r"tidy as (?!0\n)\d+\n")
         self.assertRegex(said, r"== all checks passed: tidy \(\d+ s\)\n$")
 
+    def test_clang_tidy_beside_the_tests_counts_as_it_does_alone(self):
+        for program in ("cmake", "ctest"):
+            (self.folder / "bin" / program).unlink(missing_ok=True)
+            self.script(f"bin/{program}", f'echo "{program} here"')
+        status, said = self.call("./check", "tests", "tidy")
+        self.assertEqual(status, 0, said)
+        self.assertRegex(said, r"(?s)== tests .*Left out: the tests labelled root and lab, .*ctest here\n.*== tidy .*tidy as ")
+        self.assertRegex(said, r"== all checks passed: tests tidy \(\d+ s\)\n$")
+        self.script("tree/tools/tidy", "echo 'x.cpp:1: warning: bad'; exit 1")
+        status, said = self.call("./check", "tests", "tidy")
+        self.assertEqual(status, 1)
+        self.assertRegex(said, r"(?s)== tidy failed; .*x.cpp:1: warning: bad\n.*== FAILED: tidy \(\d+ s\)\n$")
+
     def test_the_check_ends_where_packages_are_missing(self):
         self.script("tree/tools/install-packages", "echo missing: g++; exit 1")
         status, said = self.call("./check", "tidy")

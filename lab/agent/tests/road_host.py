@@ -19,7 +19,7 @@ from ferrolab import commands  # noqa: E402
 from inside import Log, password, var  # noqa: E402
 
 CONFIGURATION = pathlib.Path("/etc/morvand/morvand.conf")
-PATIENCE = 30
+PATIENCE = 90
 CONNECTORS = ("connector1", "connector2", "branch1")
 
 

@@ -1,26 +1,15 @@
 // What the platform adds to a Kerberos context: its copy, the joined domain as default realm, and its trace.
-#include <profile.h>
-
-#include <memory>
+#include <algorithm>
+#include <iterator>
 
 #include "basalt/kerberos_handles.h"
 #include "basalt/settings_store.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
-
-bool profileNamesRealm(krb5_context context) {
-  profile_t raw = nullptr;
-  if (krb5_get_profile(context, &raw) != 0) return false;
-  const std::unique_ptr<struct _profile_t, decltype(&profile_release)> profile(raw, &profile_release);
-  char* realm = nullptr;
-  if (profile_get_string(profile.get(), "libdefaults", "default_realm", nullptr, nullptr, &realm) != 0) return false;
-  const bool named = realm != nullptr && realm[0] != '\0';
-  profile_release_string(realm);
-  return named;
-}
 
 // The joined domain as a realm; empty when there is none or the settings cannot be read.
 std::string joinedRealm() {
@@ -33,9 +22,21 @@ std::string joinedRealm() {
 }
 
 void setDefaultRealm(krb5_context context) {
-  if (profileNamesRealm(context)) return;
+  if (!lumo::realmOfProfile(context).empty()) return;
   const std::string realm = joinedRealm();
   if (!realm.empty()) krb5_set_default_realm(context, realm.c_str());
+}
+
+constexpr std::size_t LONGEST_TRACE_LINE = 4096;
+
+// What the library's trace tells of a long-term key, or of what a key was proved with: with the sniffed exchange, or by
+// itself, it lets a weak password be guessed. The phrases are the library's own.
+constexpr const char* TELLS_OF_A_KEY[] = {"ncrypted timestamp", "ncrypted challenge", "AS key",
+                                          "FAST reply key",     "FAST armor key",     "SPAKE "};
+
+bool tellsOfAKey(const std::string& line) {
+  return std::any_of(std::begin(TELLS_OF_A_KEY), std::end(TELLS_OF_A_KEY),
+                     [&](const char* phrase) { return line.find(phrase) != std::string::npos; });
 }
 
 }  // namespace
@@ -60,9 +61,12 @@ void KerberosContext::profileUpdate() {
 void mvd_krb5_trace_cb(krb5_context, const krb5_trace_info* info, void*) {
   if (info == nullptr) return;  // the context is being freed
   try {
+    const auto logger = getLogger("base.kerberos.wrap", false);
+    if (!logger->isLevelEnabled(1)) return;
     std::string line = info->message;
+    if (tellsOfAKey(line)) return;
     while (!line.empty() && line.back() == '\n') line.pop_back();
-    LUMO_LOG(getLogger("base.kerberos.wrap", false), 1, "%s", line.c_str());
+    LUMO_LOG(logger, 1, "%s", lumo::printable(line, LONGEST_TRACE_LINE).c_str());
   } catch (...) {
     // No exception may cross the library's frames; the line is lost.
   }

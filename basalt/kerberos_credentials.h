@@ -74,7 +74,7 @@ class GSSCredential {
   GSSCredential& operator=(const GSSCredential&) = delete;
 
   // Builds the credential from the cache; one held before is released. Returns the raw handle, GSS_C_NO_CREDENTIAL on
-  // failure, which is logged at level 1 with the library's words. An empty name never means the default cache: it
+  // failure, which is logged as a warning with the library's words. An empty name never means the default cache: it
   // fails.
   gss_cred_id_t acquireCred(const char* ccacheName);
   // Handle back to GSS_C_NO_CREDENTIAL.

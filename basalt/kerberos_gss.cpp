@@ -6,8 +6,12 @@
 
 #include "basalt/kerberos_credentials.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 
 namespace {
+
+// Of foreign words in one record, in bytes.
+constexpr std::size_t LONGEST_WORDS = 512;
 
 // The library's words for one status value; both kinds may have several lines.
 std::string statusText(OM_uint32 status, int kind) {
@@ -43,8 +47,9 @@ gss_cred_id_t GSSCredential::acquireCred(const char* ccacheName) {
                                                 GSS_C_INITIATE, &store, &m_handle, nullptr, nullptr);
   if (major != GSS_S_COMPLETE) {
     releaseCred();
-    LUMO_LOG(logger, 1, "Cannot make a GSS credential from %s: %s: %s", ccacheName,
-             statusText(major, GSS_C_GSS_CODE).c_str(), statusText(minor, GSS_C_MECH_CODE).c_str());
+    const std::string reason = statusText(major, GSS_C_GSS_CODE) + ": " + statusText(minor, GSS_C_MECH_CODE);
+    LUMO_LOG(logger, 3, "Cannot make a GSS credential from %s: %s", printable(ccacheName, LONGEST_WORDS).c_str(),
+             printable(reason, LONGEST_WORDS).c_str());
   }
   return m_handle;
 }

@@ -28,6 +28,17 @@ std::string krbErrorText(krb5_context context, krb5_error_code code) {
   return copy;
 }
 
+std::string realmOfProfile(krb5_context context) {
+  profile_t raw = nullptr;
+  if (krb5_get_profile(context, &raw) != 0) return std::string();
+  const std::unique_ptr<struct _profile_t, decltype(&profile_release)> profile(raw, &profile_release);
+  char* realm = nullptr;
+  if (profile_get_string(profile.get(), "libdefaults", "default_realm", nullptr, nullptr, &realm) != 0) return {};
+  const std::string copy = realm != nullptr ? realm : "";
+  profile_release_string(realm);
+  return copy;
+}
+
 std::string principalText(krb5_context context, krb5_const_principal principal) {
   KrbNameText text(context);
   requireKrb(context, krb5_unparse_name(context, principal, text.out()), "krb5_unparse_name");

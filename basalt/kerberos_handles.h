@@ -86,6 +86,9 @@ class BareKerberosContext {
 // The library's own words for its last error in this context.
 std::string krbErrorText(krb5_context context, krb5_error_code code);
 
+// The default realm that the context's configuration files name; empty when they name none.
+std::string realmOfProfile(krb5_context context);
+
 // "NAME@REALM" of a principal. Throws KerberosException.
 std::string principalText(krb5_context context, krb5_const_principal principal);
 

@@ -1,12 +1,15 @@
 #include "basalt/kerberos_keytab.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
+#include "basalt/first_time.h"
 #include "basalt/kerberos_handles.h"
 #include "base/include/kerb_wrap.h"
+#include "base/include/logger.h"
 
 namespace lumo {
 namespace {
@@ -26,10 +29,25 @@ bool isComputerAccount(krb5_const_principal principal) {
   throw KerberosException(code, text.c_str(), __FILE__, __LINE__);
 }
 
+// Whoever reads the keys is this machine to the whole domain: a file that is open to others is used, but not silently.
+void reportIfOpen(const std::string& path, const struct stat& status) {
+  std::string text;
+  if ((status.st_mode & (S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH)) != 0) {
+    const bool written = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    text = exceptionMessage("The keytab %s can be %s by others than its owner (mode %04o); run: chmod go-rwx '%s'",
+                            path.c_str(), written ? "written" : "read", status.st_mode & 07777U, path.c_str());
+  } else if (status.st_uid != 0 && status.st_uid != geteuid()) {
+    text = exceptionMessage("The keytab %s belongs to user %u, not to root; run: chown root '%s'", path.c_str(),
+                            status.st_uid, path.c_str());
+  }
+  if (!text.empty() && isFirstTime(text)) LUMO_LOG(getLogger("base.kerberos.wrap", false), 3, "%s", text.c_str());
+}
+
 // The library would wait at a pipe in the keytab's place.
 void requireRegular(const std::string& path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return;
+  if (stat(path.c_str(), &status) != 0) return;
+  if (S_ISREG(status.st_mode)) return reportIfOpen(path, status);
   const std::string text = exceptionMessage(
       "Cannot read the keytab %s: it is not a regular file; repair it or join the machine again", path.c_str());
   throw KerberosException(static_cast<int>(KRB5_KT_IOERR), text.c_str(), __FILE__, __LINE__);
@@ -89,18 +107,6 @@ std::vector<MachineKey> readMachineKeys(krb5_context context, const std::string&
     }
   }
   return keys;
-}
-
-const MachineKey* newestKey(const std::vector<MachineKey>& keys) {
-  const MachineKey* newest = nullptr;
-  for (const auto& key : keys) {
-    if (newest == nullptr || key.version() > newest->version() ||
-        (key.version() == newest->version() &&
-         static_cast<unsigned>(key.writtenAt()) > static_cast<unsigned>(newest->writtenAt()))) {
-      newest = &key;
-    }
-  }
-  return newest;
 }
 
 void throwNoMachineKey(const std::string& path) {

@@ -36,11 +36,9 @@ class MachineKey {
 
 // The keys of all computer accounts (NAME$@REALM) in the keytab at `path`, in the file's order; key types that the
 // library does not know are left out. The context must outlive them. Throws KerberosException when the file is
-// missing, cannot be read or is damaged, with words that say what to do.
+// missing, cannot be read or is damaged, with words that say what to do. A file that others may read or write, or that
+// belongs to somebody else, is a warning in the log, once.
 std::vector<MachineKey> readMachineKeys(krb5_context context, const std::string& path);
-
-// The key of the newest account entry: highest key version, and of these the one written last. Null when there is none.
-const MachineKey* newestKey(const std::vector<MachineKey>& keys);
 
 // Throws the KerberosException of a keytab without a key of the machine's account.
 [[noreturn]] void throwNoMachineKey(const std::string& path);

@@ -13,9 +13,11 @@
 #include "basalt/clock.h"
 #include "basalt/kerberos_handles.h"
 #include "basalt/kerberos_keytab.h"
+#include "basalt/kerberos_machine_account.h"
 #include "basalt/kerberos_request.h"
 #include "basalt/posix_file.h"
 #include "basalt/secure_file.h"
+#include "basalt/state_folder.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
 #include "base/include/shredder.h"
@@ -87,7 +89,6 @@ const char* adviceFor(krb5_error_code code) {
       {static_cast<krb5_error_code>(KRB5KDC_ERR_C_PRINCIPAL_UNKNOWN), "; join the machine again"},
       {static_cast<krb5_error_code>(KRB5KDC_ERR_KEY_EXP), "; join the machine again"},
       {static_cast<krb5_error_code>(KRB5KDC_ERR_CLIENT_REVOKED), "; enable the machine's account in the domain"},
-      {static_cast<krb5_error_code>(KRB5KDC_ERR_ETYPE_NOSUPP), "; join the machine again"},
       {static_cast<krb5_error_code>(KRB5_KDC_UNREACH), "; check the network and the name service"},
       {static_cast<krb5_error_code>(KRB5_REALM_CANT_RESOLVE), "; check the network and the name service"},
       {static_cast<krb5_error_code>(KRB5_REALM_UNKNOWN), "; check the network and the name service"},
@@ -100,12 +101,32 @@ const char* adviceFor(krb5_error_code code) {
   return "";
 }
 
+// The host or the KDC rules out encryption types: is it this host's configuration that rules out the keytab's?
+const char* adviceForTypes(krb5_context context, const std::string& account, const std::string& keytabPath) {
+  KrbEncTypes permitted(context);
+  requireKrb(context, krb5_get_permitted_enctypes(context, permitted.out()), "krb5_get_permitted_enctypes");
+  for (const MachineKey& key : readMachineKeys(context, keytabPath)) {
+    const krb5_enctype* type = permitted.get();
+    while (*type != 0 && *type != key.encType()) ++type;
+    if (*type == 0 && key.principal() == account) return "; permit its types (permitted_enctypes in krb5.conf)";
+  }
+  return "; join the machine again";
+}
+
+bool isAboutTypes(krb5_error_code code) {
+  return code == static_cast<krb5_error_code>(KRB5KDC_ERR_ETYPE_NOSUPP) ||
+         code == static_cast<krb5_error_code>(KRB5_KT_NOTFOUND) ||
+         code == static_cast<krb5_error_code>(KRB5_PREAUTH_FAILED) ||
+         code == static_cast<krb5_error_code>(KRB5_CONFIG_ETYPE_NOSUPP);
+}
+
 void requestTicket(krb5_context context, const std::string& account, const std::string& keytabPath, krb5_creds* creds) {
   std::string reason;
   const krb5_error_code rc = runKdcRequest(context, KeytabRequest{account, keytabPath}, KDC_LIMIT, creds, &reason);
   if (rc == 0) return;
-  const std::string text = exceptionMessage("Cannot get a ticket for the machine account %s: %s%s", account.c_str(),
-                                            reason.c_str(), adviceFor(rc));
+  const std::string text =
+      exceptionMessage("Cannot get a ticket for the machine account %s: %s%s", account.c_str(), reason.c_str(),
+                       isAboutTypes(rc) ? adviceForTypes(context, account, keytabPath) : adviceFor(rc));
   throw KerberosException(rc, text.c_str(), __FILE__, __LINE__);
 }
 
@@ -157,9 +178,9 @@ void renew(const std::string& account, const std::string& keytabPath, const std:
 
 std::string accountIn(krb5_context context, const std::string& keytabPath) {
   const std::vector<MachineKey> keys = readMachineKeys(context, keytabPath);
-  const MachineKey* newest = newestKey(keys);
-  if (newest == nullptr) throwNoMachineKey(keytabPath);
-  return newest->principal();
+  const MachineKey* own = machineKey(keys);
+  if (own == nullptr) throwNoMachineKey(keytabPath);
+  return own->principal();
 }
 
 }  // namespace
@@ -169,6 +190,7 @@ std::string machineCredentialCache(const std::string& keytabPath, const std::str
   const std::string account = accountIn(context.get(), keytabPath);
   std::string name = "FILE:" + cachePath;
   if (lifeLeft(context.get(), cachePath, account) >= MACHINE_CACHE_RESERVE) return name;
+  makeStateFolderFor(cachePath);
   // A holder is busy for one request to the KDC at most.
   const FileLock lock(cachePath + ".lock", 2 * KDC_LIMIT);
   const seconds left = lifeLeft(context.get(), cachePath, account);

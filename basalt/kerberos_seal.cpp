@@ -8,9 +8,12 @@
 #include <utility>
 #include <vector>
 
+#include "basalt/first_time.h"
 #include "basalt/kerberos_handles.h"
 #include "basalt/kerberos_keytab.h"
+#include "basalt/kerberos_machine_account.h"
 #include "base/include/kerb_wrap.h"
+#include "base/include/logger.h"
 
 namespace lumo {
 namespace {
@@ -80,7 +83,10 @@ LockedBytes headerBytes(const MachineKey& key) {
   return bytes;
 }
 
-[[noreturn]] void throwDamaged() {
+// One sentence for whoever asked, as none of the causes can be mended in another way; the log has the cause, once.
+[[noreturn]] void throwDamaged(const std::string& cause) {
+  const std::string text = "The stored credential cannot be opened: " + cause;
+  if (isFirstTime(text)) LUMO_LOG(getLogger("base.credential", false), 3, "%s", text.c_str());
   LUMO_THROW(BadDataException, -1, "The stored credential is damaged or another machine's; store the credential again");
 }
 
@@ -88,7 +94,9 @@ Header readHeader(Reader& reader) {
   const char* magic = reader.take(sizeof MAGIC);
   const char* version = reader.take(1);
   Header header;
-  if (version == nullptr || !reader.takeNumber(header.keyVersion) || !reader.takeNumber(header.encType)) throwDamaged();
+  if (version == nullptr || !reader.takeNumber(header.keyVersion) || !reader.takeNumber(header.encType)) {
+    throwDamaged("it ends within its header");
+  }
   if (std::memcmp(magic, MAGIC, sizeof MAGIC) != 0) {
     LUMO_THROW(BadDataException, -1, "The file holds no stored credential; store the credential again");
   }
@@ -151,18 +159,20 @@ bool decrypt(krb5_context context, const MachineKey& key, const char* cipher, st
 OpenedCredential readPlain(const LockedBytes& plain, const std::string& bytes) {
   Reader reader(plain.data(), plain.size());
   const char* header = reader.take(HEADER_SIZE);
-  if (header == nullptr || std::memcmp(header, bytes.data(), HEADER_SIZE) != 0) throwDamaged();
+  if (header == nullptr || std::memcmp(header, bytes.data(), HEADER_SIZE) != 0) {
+    throwDamaged("its header was changed after it was sealed");
+  }
   OpenedCredential opened;
   std::uint32_t size = 0;
   const char* text = nullptr;
-  if (!reader.takeNumber(size) || (text = reader.take(size)) == nullptr) throwDamaged();
+  if (!reader.takeNumber(size) || (text = reader.take(size)) == nullptr) throwDamaged("its user name is cut");
   opened.user.assign(text, size);
-  if (!reader.takeNumber(size) || (text = reader.take(size)) == nullptr) throwDamaged();
+  if (!reader.takeNumber(size) || (text = reader.take(size)) == nullptr) throwDamaged("its password is cut");
   opened.secret = Shredder2(text, size);
   const char* padding = reader.take(0);
   if (reader.left() > LONGEST_PADDING ||
       std::count(padding, padding + reader.left(), '\0') != static_cast<std::ptrdiff_t>(reader.left())) {
-    throwDamaged();
+    throwDamaged("something follows its password");
   }
   return opened;
 }
@@ -192,13 +202,13 @@ SealedCredential sealCredential(const std::string& user, const Shredder2& secret
   }
   const BareKerberosContext context;
   const std::vector<MachineKey> keys = readMachineKeys(context.get(), keytabPath);
-  const MachineKey* newest = newestKey(keys);
+  const MachineKey* newest = machineKey(keys);
   if (newest == nullptr) throwNoMachineKey(keytabPath);
   const MachineKey* key = strongestPermitted(keys, *newest);
   if (key == nullptr) {
     const std::string text = exceptionMessage(
-        "The keytab %s holds no key of %s, version %d, of a permitted encryption type; join the machine again or "
-        "permit its types",
+        "The keytab %s holds no key of %s, version %d, of a permitted encryption type; permit its types "
+        "(permitted_enctypes in krb5.conf)",
         keytabPath.c_str(), newest->principal().c_str(), newest->version());
     throw KerberosException(static_cast<int>(KRB5_KT_NOTFOUND), text.c_str(), __FILE__, __LINE__);
   }
@@ -219,7 +229,7 @@ SealedCredential sealCredential(const std::string& user, const Shredder2& secret
 }
 
 OpenedCredential openCredential(const std::string& bytes, const std::string& keytabPath) {
-  if (bytes.size() > SEALED_LIMIT) throwDamaged();
+  if (bytes.size() > SEALED_LIMIT) throwDamaged("it is longer than any that is written");
   Reader reader(bytes.data(), bytes.size());
   const Header header = readHeader(reader);
   const BareKerberosContext context;
@@ -240,7 +250,9 @@ OpenedCredential openCredential(const std::string& bytes, const std::string& key
     return opened;
   }
   if (!keyHeld) throwKeyGone(header, keys);
-  throwDamaged();
+  throwDamaged("the keytab's key of version " + std::to_string(header.keyVersion) + " and encryption type " +
+               std::to_string(header.encType) +
+               " does not fit: it is another machine's or of another join, or the file was changed");
 }
 
 }  // namespace lumo

@@ -31,7 +31,8 @@ struct SealedCredential {
 SealedCredential sealCredential(const std::string& user, const Shredder2& secret, const std::string& keytabPath);
 
 // Decrypts what sealCredential made, with any key version that the keytab still holds. Throws BadDataException for
-// bytes that are cut, changed, too long, of another format or under another key, with words that say what to do;
+// bytes that are cut, changed, too long, of another format or under another key, with words that say what to do; which
+// of them it is, the log tells as a warning, once.
 // KerberosException when the keytab cannot be read or holds no key of the machine account.
 OpenedCredential openCredential(const std::string& bytes, const std::string& keytabPath);
 

@@ -19,6 +19,7 @@ namespace lumo {
 namespace {
 
 constexpr std::size_t largestFile = 1U << 20U;
+constexpr int warning = 3;
 constexpr int error = 4;
 
 // A configuration file as it was found.
@@ -26,17 +27,27 @@ struct Found {
   std::string text;
   FileOwnerMode ownerMode{geteuid(), getegid(), 0644};
   bool othersMayWrite = false;
+  bool othersMayReplace = false;
 };
+
+bool isOthers(const struct stat& status) { return status.st_uid != 0 && status.st_uid != geteuid(); }
+
+// In a sticky folder others can make files, not replace root's.
+bool isOpenFolder(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return false;
+  return isOthers(status) || ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0);
+}
 
 Found readConfiguration(const std::string& path) {
   Found found;
+  found.othersMayReplace = isOpenFolder(folderOf(path));
   const FileDescriptor file = openRegular(path, O_RDONLY, 0, "Cannot read", true);
   if (!file) return found;
   struct stat status {};
   if (fstat(file.get(), &status) != 0) throwSystem("Cannot read", path, errno);
   found.ownerMode = FileOwnerMode{status.st_uid, status.st_gid, status.st_mode & 07777U};
-  found.othersMayWrite =
-      (status.st_uid != 0 && status.st_uid != geteuid()) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  found.othersMayWrite = isOthers(status) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
   found.text = readAll(file.get(), path, largestFile);
   return found;
 }
@@ -46,6 +57,19 @@ void report(const std::string& path, const Found& found, const ParsedProperties&
   if (found.othersMayWrite) {
     LUMO_LOG(logger, error, "%s can be written by others than root; run: chown root '%s'; chmod go-w '%s'",
              path.c_str(), path.c_str(), path.c_str());
+  }
+  if (found.othersMayReplace) {
+    const std::string folder = folderOf(path);
+    LUMO_LOG(logger, warning, "The folder %s can be written by others than root; run: chown root '%s'; chmod go-w '%s'",
+             folder.c_str(), folder.c_str(), folder.c_str());
+  }
+  for (const std::size_t line : parsed.oddKeys) {
+    LUMO_LOG(logger, warning, "%s line %zu has a key with \"=\" in it; a setting is written as key: value",
+             path.c_str(), line);
+  }
+  if (parsed.oddKeyCount > parsed.oddKeys.size()) {
+    LUMO_LOG(logger, warning, "%s has %zu more keys with \"=\" in them", path.c_str(),
+             parsed.oddKeyCount - parsed.oddKeys.size());
   }
   for (const std::size_t line : parsed.badLines) {
     LUMO_LOG(logger, error, "%s line %zu is not a setting (key: value)", path.c_str(), line);

@@ -112,6 +112,11 @@ std::string_view newlineOf(std::string_view text) {
   return newline != std::string_view::npos && newline > 0 && text[newline - 1] == '\r' ? "\r\n" : "\n";
 }
 
+void note(std::size_t line, std::vector<std::size_t>& lines, std::size_t& count) {
+  ++count;
+  if (lines.size() < ParsedProperties::mostBadLines) lines.push_back(line);
+}
+
 }  // namespace
 
 ParsedProperties parseProperties(std::string_view text) {
@@ -122,9 +127,9 @@ ParsedProperties parseProperties(std::string_view text) {
     ++number;
     if (line.kind == Line::Kind::Setting) {
       parsed.values[std::string(line.key)] = std::string(line.value);
+      if (line.key.find('=') != std::string_view::npos) note(number, parsed.oddKeys, parsed.oddKeyCount);
     } else if (line.kind == Line::Kind::Bad) {
-      ++parsed.badLineCount;
-      if (parsed.badLines.size() < ParsedProperties::mostBadLines) parsed.badLines.push_back(number);
+      note(number, parsed.badLines, parsed.badLineCount);
     }
   }
   return parsed;

@@ -14,12 +14,15 @@ namespace lumo {
 
 using PropertyMap = std::map<std::string, std::string, StringCaseLessThan>;
 
-// The settings of a file and the numbers of the lines that are none: at most `mostBadLines`, and the count of all.
+// The settings of a file; the numbers of the lines that are none, and of the settings whose key holds "=", which
+// somebody meant otherwise ("key = host:port"): at most `mostBadLines` of each, and the count of all.
 struct ParsedProperties {
   static constexpr std::size_t mostBadLines = 20;
   PropertyMap values;
   std::vector<std::size_t> badLines;
   std::size_t badLineCount = 0;
+  std::vector<std::size_t> oddKeys;
+  std::size_t oddKeyCount = 0;
 };
 
 // Of a key given twice the last one holds, in the spelling of the first.

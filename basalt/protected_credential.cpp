@@ -7,14 +7,42 @@
 #include <utility>
 
 #include "basalt/file_security.h"
+#include "basalt/first_time.h"
+#include "basalt/kerberos_names.h"
 #include "basalt/kerberos_seal.h"
 #include "basalt/posix_file.h"
 #include "basalt/secure_file.h"
+#include "basalt/state_folder.h"
 #include "base/include/exceptions.h"
+#include "base/include/logger.h"
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 
 namespace lumo {
+namespace {
+
+void report(const std::string& text) {
+  if (isFirstTime(text)) LUMO_LOG(getLogger("base.credential", false), 3, "%s", text.c_str());
+}
+
+void reportWeak(const std::string& path, int encType) {
+  if (!krb5EncTypeIsWeak(encType)) return;
+  report("The credential in " + path + " is encrypted with " + krb5EncTypeName(encType).value_or("a former type") +
+         ", which is weak; give the machine account AES keys and store the credential again");
+}
+
+}  // namespace
+
 void ProtectedCredential::loadFromFile(bool verifyFile) {
+  try {
+    load(verifyFile);
+  } catch (const LUMOException& failure) {
+    report("Cannot read the credential in " + path + ": " + printable(failure.what(), 1024));
+    throw;
+  }
+}
+
+void ProtectedCredential::load(bool verifyFile) {
   loaded = false;
   const FileDescriptor file = verifyFile ? FileDescriptor(openChecked(path, FileSecrecy::Secret))
                                          : openRegular(path, O_RDONLY, 0, "Cannot read", true);
@@ -26,6 +54,7 @@ void ProtectedCredential::loadFromFile(bool verifyFile) {
   keyVersion = opened.keyVersion;
   encType = opened.encType;
   loaded = true;
+  reportWeak(path, encType);
 }
 
 void ProtectedCredential::getSecret(Shredder2& out) const {
@@ -43,9 +72,11 @@ void ProtectedCredential::storeToFile() {
   Shredder2 plain;
   getSecret(plain);
   const SealedCredential sealed = sealCredential(user, plain, path::MACHINE_KEYTAB);
+  makeStateFolderFor(path);
   replaceFile(path, sealed.bytes.data(), sealed.bytes.size(), FileOwnerMode{0, 0, 0600});
   keyVersion = sealed.keyVersion;
   encType = sealed.encType;
+  reportWeak(path, encType);
 }
 
 void ProtectedCredential::cleanup() {

@@ -29,14 +29,15 @@ class ProtectedCredential {
   // Reads and decrypts the file. `verifyFile` checks owner and modes of the file and its folders first. A missing file
   // leaves isLoaded() false. Throws FileSecurityException when a check fails; a LUMOException for everything else that
   // is wrong with the file or the keytab, e.g. "encrypted with key version 3, which the keytab no longer holds; store
-  // the credential again".
+  // the credential again". What is thrown stands in the log too, as a warning, once for each cause, and so does an
+  // encryption type that is weak.
   void loadFromFile(bool verifyFile);
   // Copies the secret.
   void getSecret(Shredder2& out) const;
   // Sets account and secret in memory.
   void setCred(const std::string& account, const Shredder2& newSecret);
-  // Encrypts with the current key and replaces the file; getKeyVersion() and getEncType() are then those of that key.
-  // Throws a LUMOException; the old file is then whole.
+  // Encrypts with the current key and replaces the file, whose folder is made when it is missing; getKeyVersion() and
+  // getEncType() are then those of that key. Throws a LUMOException; the old file is then whole.
   void storeToFile();
   // Removes the file; one that is not there is no failure. Throws a LUMOException.
   void cleanup();
@@ -47,6 +48,8 @@ class ProtectedCredential {
   bool isLoaded() const { return loaded; }
 
  private:
+  void load(bool verifyFile);
+
   std::string name;
   std::string path;
   bool loaded = false;

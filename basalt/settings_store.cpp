@@ -10,6 +10,7 @@
 #include "basalt/kerberos_names.h"
 #include "basalt/posix_file.h"
 #include "basalt/secure_file.h"
+#include "basalt/state_folder.h"
 #include "base/include/exceptions.h"
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"
@@ -55,12 +56,12 @@ std::string loadSetting(const std::string& name, bool required, bool /*refresh*/
   return value.value_or(std::string());
 }
 
+std::string storedDomainName() { return stored(SETTING_DOMAIN_NAME).value_or(std::string()); }
+
 void saveSetting(const std::string& name, const std::string& value, SettingAccess, bool, bool) {
   const std::string where = pathOf(name);
-  for (const std::string& folder : {folderOf(path::STATE_FOLDER), folderOf(path::SETTINGS_STORE)}) {
-    const mode_t mode = folder == folderOf(path::STATE_FOLDER) ? 0755 : 0700;
-    if (mkdir(folder.c_str(), mode) != 0 && errno != EEXIST) throwSystem("Cannot make", folder, errno);
-  }
+  makeStateFolderFor(where);
+  makeFolder(folderOf(path::SETTINGS_STORE), 0700);
   const std::string content = value + "\n";
   replaceFile(where, content.data(), content.size(), FileOwnerMode{geteuid(), getegid(), 0600});
 }

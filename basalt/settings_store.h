@@ -15,11 +15,15 @@ namespace lumo {
 // or read, and SystemException for one that cannot be read. Any thread.
 std::string loadSetting(const std::string& name, bool required, bool refresh);
 
+// The value of SETTING_DOMAIN_NAME as the store has it, without a look at the keytab; empty when there is none. Throws
+// as loadSetting does. Any thread.
+std::string storedDomainName();
+
 // Every setting is for root alone.
 enum class SettingAccess : int { Root = 1 };
 
-// Replaces the value; the folder is made when needed. Throws SystemException, the old value then stays. The last three
-// arguments are accepted for the callers' sake: every value is written at once, to the disk, with mode 0600. Any
+// Replaces the value; the folders are made when needed. Throws SystemException, the old value then stays. The last
+// three arguments are accepted for the callers' sake: every value is written at once, to the disk, with mode 0600. Any
 // thread.
 void saveSetting(const std::string& name, const std::string& value, SettingAccess access = SettingAccess::Root,
                  bool sync = true, bool create = true);

@@ -10,12 +10,16 @@
 #include "basalt/settings_store.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
 
 // A year, in seconds: the KDC shortens it to what it allows.
 constexpr int TICKET_LIFETIME = 31536000;
+
+// Of foreign words in one record, in bytes.
+constexpr std::size_t LONGEST_WORDS = 512;
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.proxy.gss", false); }
 
@@ -166,7 +170,8 @@ std::string CurlProxyNegotiateHelper::requestTicket() {
              "Failed to get kerberos credential to access Http Proxy Server for user=%s, rc=%d. Use of Http Proxy "
              "Server might fail!",
              user.c_str(), static_cast<int>(rc));
-    LUMO_LOG(logger(), 1, "The KDC's answer for user=%s: %s", user.c_str(), errorText.c_str());
+    LUMO_LOG(logger(), 3, "The KDC's answer for user=%s: %s", lumo::printable(user, LONGEST_WORDS).c_str(),
+             lumo::printable(errorText, LONGEST_WORDS).c_str());
     return std::string();
   }
   userCCache = new MemoryCCache(krbContext, principal.get());

@@ -6,6 +6,7 @@
 #include "basalt/base64.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 
 namespace {
@@ -14,6 +15,9 @@ namespace {
 gss_OID_desc spnegoMechanism = {6, const_cast<char*>("\x2b\x06\x01\x05\x05\x02")};
 
 constexpr OM_uint32 WANTED_FLAGS = GSS_C_MUTUAL_FLAG | GSS_C_REPLAY_FLAG;
+
+// Of foreign words in one record, in bytes.
+constexpr std::size_t LONGEST_WORDS = 512;
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.proxy.gss", false); }
 
@@ -69,8 +73,9 @@ gss_name_t importName(const std::string& serviceName) {
   const OM_uint32 major =
       gss_import_name(&minor, &view, principal ? GSS_KRB5_NT_PRINCIPAL_NAME : GSS_C_NT_HOSTBASED_SERVICE, &name);
   if (GSS_ERROR(major)) {
-    LUMO_LOG(logger(), 1, "The service name '%s' is not usable: %s", serviceName.c_str(),
-             statusText(major, minor).c_str());
+    LUMO_LOG(logger(), 3, "The service name '%s' is not usable: %s",
+             lumo::printable(serviceName, LONGEST_WORDS).c_str(),
+             lumo::printable(statusText(major, minor), LONGEST_WORDS).c_str());
     return GSS_C_NO_NAME;
   }
   return name;
@@ -93,7 +98,7 @@ DefaultCredentialBar::~DefaultCredentialBar() {
 }
 
 NegotiateExchange::NegotiateExchange(const std::string& serviceName, gss_cred_id_t credential)
-    : m_name(importName(serviceName)), m_credential(credential) {}
+    : m_serviceName(serviceName), m_name(importName(serviceName)), m_credential(credential) {}
 
 NegotiateExchange::~NegotiateExchange() {
   OM_uint32 minor = 0;
@@ -123,7 +128,9 @@ bool NegotiateExchange::step(const std::string& input, std::string& output) {
       gss_init_sec_context(&minor, m_credential, &m_context, m_name, &spnegoMechanism, WANTED_FLAGS, 0,
                            GSS_C_NO_CHANNEL_BINDINGS, &view, nullptr, &token.buffer, nullptr, nullptr);
   if (GSS_ERROR(major)) {
-    LUMO_LOG(logger(), 3, "Negotiate exchange failed: %s", statusText(major, minor).c_str());
+    LUMO_LOG(logger(), 3, "Negotiate exchange failed: %s (service name '%s')",
+             lumo::printable(statusText(major, minor), LONGEST_WORDS).c_str(),
+             lumo::printable(m_serviceName, LONGEST_WORDS).c_str());
     return false;
   }
   m_established = major == GSS_S_COMPLETE;

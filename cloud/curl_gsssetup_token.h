@@ -26,8 +26,8 @@ class NegotiateExchange {
   NegotiateExchange(const NegotiateExchange&) = delete;
   NegotiateExchange& operator=(const NegotiateExchange&) = delete;
 
-  // The first token in base64. Empty on failure, which is logged with the library's words. Asks the KDC for the service
-  // ticket when the credential's cache has none: it waits as long as the Kerberos library does.
+  // The first token in base64. Empty on failure, which is logged with the library's words and the service name. Asks
+  // the KDC for the service ticket when the credential's cache has none: it waits as long as the Kerberos library does.
   std::string start();
   // Takes the peer's token in base64. True when it fits; the answer to be sent is then in `answer`, empty when there is
   // none to send.
@@ -37,6 +37,7 @@ class NegotiateExchange {
  private:
   bool step(const std::string& input, std::string& output);
 
+  std::string m_serviceName;
   gss_name_t m_name = GSS_C_NO_NAME;
   gss_ctx_id_t m_context = GSS_C_NO_CONTEXT;
   gss_cred_id_t m_credential;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "basalt/lock_file.h"
+#include "basalt/state_folder.h"
 #include "base/include/exceptions.h"
 
 namespace lumo {
@@ -68,6 +69,7 @@ void requireFree(const std::string& path) {
 }  // namespace
 
 RpcSocketFile::PathLock::PathLock(const std::string& path) {
+  makeStateFolderFor(path);
   int state = -1;
   m_handle = MvdLock((path + ".lock").c_str(), &state);
   if (m_handle < 0 || state == -1) {

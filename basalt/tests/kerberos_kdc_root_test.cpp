@@ -85,6 +85,10 @@ TEST_F(PasswordRequestTest, WrongPasswordIsRefusedAndNowhereInTheLog) {
   EXPECT_EQ(answer.creds->client, nullptr);
   EXPECT_THAT(log.text(), HasSubstr("Getting initial credentials for alice@CORP.EXAMPLE.TEST"));
   EXPECT_THAT(log.text(), Not(HasSubstr("wrong-and-secret")));
+  for (const char* tells : {"ncrypted timestamp", "AS key", "SPAKE "}) {
+    EXPECT_THAT(log.text(), Not(HasSubstr(tells))) << "a weak password can be guessed from it";
+  }
+  EXPECT_THAT(log.text(), HasSubstr("Received answer")) << "the rest of the trace is there";
 }
 
 TEST_F(PasswordRequestTest, UnknownUserIsNamed) {

@@ -249,6 +249,22 @@ TEST_F(MachineCacheTest, DeletedAccountIsSaid) {
             "'HOST1$@CORP.EXAMPLE.TEST' not found in Kerberos database; join the machine again");
 }
 
+// The machine's key is good; it is this host that rules it out.
+TEST_F(MachineCacheTest, TypesThatTheHostDoesNotPermitAreNoReasonToJoinAgain) {
+  std::string conf = readFile("/etc/krb5.conf");
+  conf.insert(conf.find('\n') + 1, " permitted_enctypes = camellia256-cts-cmac\n");
+  writeFile("/etc/krb5.conf", conf);
+  const std::string words = failure();
+  EXPECT_THAT(words, testing::StartsWith("Cannot get a ticket for the machine account HOST1$@CORP.EXAMPLE.TEST: "));
+  EXPECT_THAT(words, testing::EndsWith("; permit its types (permitted_enctypes in krb5.conf)"));
+}
+
+TEST_F(MachineCacheTest, TypesThatTheRealmHasNoKeysOfAreOne) {
+  // Only a key that the realm does not know stands in the keytab.
+  testsupport::writeKeytab(KEYTAB, {{"HOST1$@CORP.EXAMPLE.TEST", 1, 26, "pw"}});
+  EXPECT_THAT(failure(), testing::EndsWith("; join the machine again"));
+}
+
 TEST_F(MachineCacheTest, FullReadOnlyAndMissingFoldersAreSaid) {
   testsupport::mountSmall("/var/morvand", 4);
   writeFile("/var/morvand/filler", std::string(4096, 'x'));

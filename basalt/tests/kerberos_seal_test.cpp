@@ -213,7 +213,7 @@ TEST_F(KerberosSealTest, NewestVersionWithoutAPermittedTypeIsSaid) {
   } catch (const KerberosException& failure) {
     EXPECT_EQ(failure.what(), "The keytab " + keytab +
                                   " holds no key of HOST1$@CORP.EXAMPLE.TEST, version 5, of a permitted encryption "
-                                  "type; join the machine again or permit its types");
+                                  "type; permit its types (permitted_enctypes in krb5.conf)");
   }
 }
 

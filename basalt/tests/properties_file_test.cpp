@@ -79,6 +79,48 @@ TEST_F(PropertiesFile, FileThatOthersMayWriteIsAnErrorInTheLog) {
                                                 "'; chmod go-w '" + file + "'"));
 }
 
+TEST_F(PropertiesFile, FolderThatOthersMayWriteIsAWarningInTheLogAlsoWithoutAFile) {
+  writeFile(file, "a: 1\n");
+  const std::string open = folder.file("open");
+  std::filesystem::create_directory(open);
+  testsupport::LogCapture log;
+  for (const unsigned mode : {0770U, 0707U}) {
+    ASSERT_EQ(chmod(open.c_str(), mode), 0);
+    Properties().loadFile(open + "/test.conf");
+    EXPECT_THAT(
+        log.newTexts("base.properties"),
+        testing::ElementsAre("WARN The folder " + open + " can be written by others than root; run: chown root '" +
+                             open + "'; chmod go-w '" + open + "'"));
+  }
+  for (const unsigned mode : {0755U, 0700U, 01777U}) {
+    ASSERT_EQ(chmod(open.c_str(), mode), 0);
+    Properties().loadFile(open + "/test.conf");
+    EXPECT_THAT(log.newTexts("base.properties"), testing::IsEmpty()) << mode;
+  }
+}
+
+TEST_F(PropertiesFile, KeyWithAnEqualsSignIsAWarningInTheLog) {
+  writeFile(file, "a: 1\nferrod.cloud.proxy.server = proxy:3128\n# c = d: e\nb: x=y\nc=: 2\n");
+  const testsupport::LogCapture log;
+  Properties settings;
+  settings.loadFile(file);
+  EXPECT_EQ(settings.getProperty("b"), "x=y");
+  const std::string end = " has a key with \"=\" in it; a setting is written as key: value";
+  EXPECT_THAT(log.texts(), testing::ElementsAre("WARN base.properties: " + file + " line 2" + end,
+                                                "WARN base.properties: " + file + " line 5" + end));
+}
+
+TEST_F(PropertiesFile, ManyKeysWithAnEqualsSignMakeFewRecords) {
+  std::string odd;
+  for (int i = 0; i < 1000; ++i) odd += "k" + std::to_string(i) + " = a: 1\n";
+  writeFile(file, odd);
+  const testsupport::LogCapture log;
+  Properties().loadFile(file);
+  const auto records = log.texts();
+  ASSERT_EQ(records.size(), 21U);
+  EXPECT_EQ(records.back(), "WARN base.properties: " + file + " has 980 more keys with \"=\" in them");
+}
+
 TEST_F(PropertiesFile, SaveChangesOnlyWhatChanged) {
   writeFile(file, "# comment\nfirst: 1\nunknown line\n\nsecond: 2\nthird: 3\n");
   Properties settings;

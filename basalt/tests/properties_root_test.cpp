@@ -15,6 +15,7 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "testsupport/failure_of.h"
+#include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"
 #include "testsupport/process.h"
 #include "testsupport/temp_folder.h"
@@ -64,6 +65,25 @@ TEST_F(Configuration, LogFileOfTheFileHasItsOwnBadLines) {
       readFile("/var/morvand/agent.log"),
       testing::HasSubstr(" ERROR base.properties: /etc/morvand/morvand.conf line 1 is not a setting (key: value) ["));
   EXPECT_EQ(testsupport::modeOf("/var/morvand/agent.log"), 0600U);
+}
+
+TEST_F(Configuration, FileOrFolderOfAnotherOwnerIsInTheLog) {
+  // Not by its own name, which would set up the log as it says.
+  const std::string file = "/etc/morvand/other.conf";
+  writeFile(file, "a: 1\n");
+  testsupport::LogCapture log;
+  const auto said = [&] {
+    Properties().loadFile(file);
+    return log.newTexts("base.properties");
+  };
+  EXPECT_THAT(said(), testing::IsEmpty());
+  const std::string words = " can be written by others than root; run: chown root '";
+  ASSERT_EQ(chown(file.c_str(), nobody, 0), 0);
+  EXPECT_THAT(said(), testing::ElementsAre("ERROR " + file + words + file + "'; chmod go-w '" + file + "'"));
+  ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
+  ASSERT_EQ(chown("/etc/morvand", nobody, 0), 0);
+  EXPECT_THAT(said(), testing::ElementsAre("WARN The folder /etc/morvand" + words +
+                                           "/etc/morvand'; chmod go-w '/etc/morvand'"));
 }
 
 TEST_F(Configuration, FileThatCannotBeReadThrowsUnlessQuiet) {

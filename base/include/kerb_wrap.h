@@ -59,6 +59,7 @@ class KerberosContext : private lumo::Mutex {
   krb5_context m_context = nullptr;
 };
 
-// Trace callback of every context: Kerberos trace lines go to "base.kerberos.wrap" at level 1. Defined by the platform
-// library.
+// Trace callback of every context: Kerberos trace lines go to "base.kerberos.wrap" at level 1, except those that tell
+// of a long-term key or of a proof made with one, which are never written: a weak password could be guessed from them.
+// Defined by the platform library.
 void mvd_krb5_trace_cb(krb5_context context, const krb5_trace_info* info, void* data);

@@ -208,6 +208,47 @@ TEST_F(KerberosContextTest, TraceLinesAreWrittenAsTheyAreWithoutTheirNewline) {
   EXPECT_THAT(log.text(), HasSubstr("base.kerberos.wrap: [1] 2.3: 100% of \"this\" ["));
 }
 
+// As the library words them, in a version with every kind of pre-authentication.
+TEST_F(KerberosContextTest, TraceLinesFromWhichAPasswordCanBeGuessedAreNotWritten) {
+  for (const char* told :
+       {"Encrypted timestamp (for 1767225600.1): plain 301AA0, encrypted 58D2",
+        "AS key determined by preauth: aes256/AAAA", "AS key obtained for encrypted timestamp: aes256-cts/8B2F",
+        "AS key obtained from gak_fct: aes256-cts/8B2F", "Getting AS key, salt \"S\", params \"\"",
+        "Encrypted challenge", "FAST reply key: aes256-cts/1", "FAST armor key: aes256-cts/1",
+        "SPAKE algorithm result: 00FF", "SPAKE final transcript hash: 00FF", "SPAKE key generated with pubkey 00FF",
+        "SPAKE response received with pubkey 00FF"}) {
+    const std::string text = std::string("[1] 1767225600.1: ") + told + "\n";
+    krb5_trace_info line{};
+    line.message = text.c_str();
+    mvd_krb5_trace_cb(nullptr, &line, nullptr);
+    EXPECT_THAT(log.newTexts("base.kerberos.wrap"), testing::IsEmpty()) << told;
+  }
+  krb5_trace_info harmless{};
+  harmless.message = "[1] 2.3: Sending \x1b[2J request\n";
+  mvd_krb5_trace_cb(nullptr, &harmless, nullptr);
+  EXPECT_THAT(log.newTexts("base.kerberos.wrap"), testing::ElementsAre("DEBUG [1] 2.3: Sending \\x1b[2J request"));
+}
+
+// Where the file cannot be moved, an ordinary context would meet the same error again.
+TEST_F(KerberosContextTest, EmptyProfileReadsNoFileWhateverTheMove) {
+  testsupport::writeFile(folder.file("good.conf"), GOOD);
+  setenv("KRB5_CONFIG", (conf + ":" + folder.file("good.conf")).c_str(), 1);
+  writeFile(conf, DAMAGED);
+  const KerberosContext context;
+  EXPECT_TRUE(exists(bad));
+  EXPECT_NE(defaultRealm(context.get()), "GOOD.TEST") << "the second file of the library's list was read";
+}
+
+TEST_F(KerberosContextTest, FailedMoveIsSaidBeforeTheEmptyProfile) {
+  writeFile(conf, DAMAGED);
+  const std::string elsewhere = folder.file("gone/krb5.conf");
+  lumo::Props(false, false).setProperty(lumo::PN::KRB5_CONFFILE_NAME, elsewhere);
+  const KerberosContext context;
+  EXPECT_THAT(log.newTexts("base.kerberos.wrap"),
+              testing::ElementsAre("DEBUG Failed to move bad " + elsewhere + " aside(errno=2)",
+                                   std::string("WARN ") + EMPTY_PROFILE_LOG));
+}
+
 TEST_F(KerberosContextTest, ThreadsThatFindTheSameDamagedFileAllGetAContext) {
   writeFile(conf, DAMAGED);
   std::vector<std::thread> threads;

@@ -75,7 +75,8 @@ TEST_F(CloudAuthClockLab, ClockThatIsOffIsRefusedUntilItIsSet) {
   const std::size_t start = testsupport::readFile(errors).size();
   const std::string skew =
       "WARN Negotiate exchange failed: Unspecified GSS failure.  Minor code may provide more information; Clock skew "
-      "too great";
+      "too great (service name 'HTTP/" +
+      used + "@" + lab("REALM") + "')";
   const std::string refusal = "CloudIwaException 9 SiteCheck HTTP code is not OK(401).";
   tokens();
 

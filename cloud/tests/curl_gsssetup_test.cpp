@@ -222,7 +222,7 @@ TEST_F(NegotiateHelperTest, LifeOfACredentialIsInTheLog) {
       log.newTexts(LOGGER),
       ElementsAre("ERROR Failed to get kerberos credential to access Http Proxy Server for "
                   "user=alice@CORP.FERRO.TEST, rc=-1765328228. Use of Http Proxy Server might fail!",
-                  "DEBUG The KDC's answer for user=alice@CORP.FERRO.TEST: refused", "DEBUG Created User CCache ''",
+                  "WARN The KDC's answer for user=alice@CORP.FERRO.TEST: refused", "DEBUG Created User CCache ''",
                   "DEBUG initGSSCredential with KRB5 CCache ''.", "DEBUG Failed to get gss credential."));
   helper.setCredentials("", lumo::Shredder2());
   EXPECT_FALSE(helper.handleKrb5CCache({ASKED, NEGOTIATE}));

@@ -161,6 +161,7 @@ TEST_F(NegotiateRoot, ServerThatIsNotInTheDatabaseGetsNoToken) {
   EXPECT_EQ(proxy.connections(), 2);
   EXPECT_THAT(connectTokens(proxy), ElementsAre("", ""));
   EXPECT_THAT(log.text(), HasSubstr("WARN cloud.proxy.gss: Negotiate exchange failed: "));
+  EXPECT_THAT(log.text(), HasSubstr(" (service name 'HTTP/nobody.example.test@CORP.EXAMPLE.TEST')"));
 }
 
 TEST_F(NegotiateRoot, ProxyThatTheDirectoryDoesNotKnowIsAskedForByItsHost) {

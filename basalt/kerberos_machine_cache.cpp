@@ -20,12 +20,16 @@
 #include "basalt/state_folder.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/shredder.h"
 
 namespace lumo {
 namespace {
 
 using std::chrono::seconds;
+
+// Of the KDC's words in one text, in bytes.
+constexpr std::size_t LONGEST_WORDS = 256;
 
 // Nobody but this user may have written or read the file.
 bool isOurs(const std::string& path) {
@@ -124,9 +128,9 @@ void requestTicket(krb5_context context, const std::string& account, const std::
   std::string reason;
   const krb5_error_code rc = runKdcRequest(context, KeytabRequest{account, keytabPath}, KDC_LIMIT, creds, &reason);
   if (rc == 0) return;
-  const std::string text =
-      exceptionMessage("Cannot get a ticket for the machine account %s: %s%s", account.c_str(), reason.c_str(),
-                       isAboutTypes(rc) ? adviceForTypes(context, account, keytabPath) : adviceFor(rc));
+  const std::string text = exceptionMessage(
+      "Cannot get a ticket for the machine account %s: %s%s", account.c_str(), printable(reason, LONGEST_WORDS).c_str(),
+      isAboutTypes(rc) ? adviceForTypes(context, account, keytabPath) : adviceFor(rc));
   throw KerberosException(rc, text.c_str(), __FILE__, __LINE__);
 }
 

@@ -75,7 +75,7 @@ void logNoCredential(const std::exception& failure) {
   LUMO_LOG(logger(), 4,
            "Failed to get/store kerberos credential to access Http Proxy Server (Error:%s). Use of Http Proxy Server "
            "might fail!",
-           failure.what());
+           lumo::printable(failure.what(), LONGEST_WORDS).c_str());
 }
 
 // Empty when the machine has no usable cache: the request then fails at the proxy, not here.
@@ -169,7 +169,7 @@ std::string CurlProxyNegotiateHelper::requestTicket() {
     LUMO_LOG(logger(), 4,
              "Failed to get kerberos credential to access Http Proxy Server for user=%s, rc=%d. Use of Http Proxy "
              "Server might fail!",
-             user.c_str(), static_cast<int>(rc));
+             lumo::printable(user, LONGEST_WORDS).c_str(), static_cast<int>(rc));
     LUMO_LOG(logger(), 3, "The KDC's answer for user=%s: %s", lumo::printable(user, LONGEST_WORDS).c_str(),
              lumo::printable(errorText, LONGEST_WORDS).c_str());
     return std::string();

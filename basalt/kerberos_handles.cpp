@@ -34,7 +34,7 @@ std::string realmOfProfile(krb5_context context) {
   const std::unique_ptr<struct _profile_t, decltype(&profile_release)> profile(raw, &profile_release);
   char* realm = nullptr;
   if (profile_get_string(profile.get(), "libdefaults", "default_realm", nullptr, nullptr, &realm) != 0) return {};
-  const std::string copy = realm != nullptr ? realm : "";
+  std::string copy = realm != nullptr ? realm : "";
   profile_release_string(realm);
   return copy;
 }

@@ -48,7 +48,7 @@ std::string hostName() {
 std::string defaultRealm() {
   krb5_context context = nullptr;
   if (krb5_init_context(&context) == 0) {
-    const std::string realm = realmOfProfile(context);
+    std::string realm = realmOfProfile(context);
     krb5_free_context(context);
     if (!realm.empty()) return realm;
   }

@@ -1,6 +1,9 @@
 #include "cloud/include/cloud_auth.h"
 
+#include <string_view>
+
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cloud/http_status.h"
 #include "cloud/include/curl_object.h"
@@ -8,6 +11,16 @@
 namespace {
 
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
+
+// A name alone, as DNS has them: user, port or path would lead the login to another place than the name says.
+void requireHostName(std::string_view name) {
+  constexpr std::size_t LONGEST = 253;
+  constexpr std::string_view BYTES = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._";
+  if (!name.empty() && name.size() <= LONGEST && name.find_first_not_of(BYTES) == std::string_view::npos) return;
+  constexpr std::size_t SHOWN = 100;
+  LUMO_THROW(lumo::CloudException, -1, "The platform leads the login to '%s', which is no host name",
+             lumo::printable(name, SHOWN).c_str());
+}
 
 }  // namespace
 
@@ -23,6 +36,7 @@ void CloudAuth::dumpMrvHeader() {
 bool CloudAuth::turnToPod() {
   const rapidjson::Value& pod = member(member(document, "Result"), "PodFqdn");
   if (!pod.IsString()) return false;
+  requireHostName({pod.GetString(), pod.GetStringLength()});
   podHost.assign(pod.GetString(), pod.GetStringLength());
   updateUrls();
   return true;

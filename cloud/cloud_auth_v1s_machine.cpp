@@ -81,7 +81,7 @@ int CloudAuthV1S::sso(const std::string& otc) {
   LUMO_LOG(logger(), 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return 0;
   wipe(machineCookie);
-  machineCookie = curl->cookie(CurlObject::SESSION_COOKIE);
+  machineCookie = curl->cookie(CurlObject::SESSION_COOKIE, ssoUrl);
   LUMO_LOG(logger(), 1, "sso: cookieExist = %d", machineCookie.empty() ? 0 : 1);
   return 1;
 }
@@ -99,7 +99,7 @@ int CloudAuthV1S::startImpersonate() {
   }
   if (result != 0) {
     wipe(userCookie);
-    userCookie = curl->cookie(CurlObject::SESSION_COOKIE);
+    userCookie = curl->cookie(CurlObject::SESSION_COOKIE, startImpersonateUrl);
   }
   LUMO_LOG(logger(), 1, "startImpersonate: result = %d, httpCode = %ld, cookieExist = %d", result, httpCode,
            userCookie.empty() ? 0 : 1);

@@ -3,10 +3,10 @@
 #include <tuple>
 
 #include "base/include/logger.h"
-#include "base/include/parameter_names.h"
 #include "base/include/wipe.h"
 #include "cloud/curl_text.h"
 #include "cloud/include/curl_object.h"
+#include "cloud/platform_url.h"
 
 namespace {
 
@@ -37,13 +37,7 @@ void CloudBase::keep(std::pair<long, std::string> result) {
 
 int CloudBase::exchange(const std::string& url, const std::string& content, bool isPost) {
   CurlObject& connection = heldCurl();
-  // Libcurl would take the first word of a path for a host, and tell it in the clear what is the platform's to know.
-  if (url.find("://") == std::string::npos) {
-    LUMO_THROW(
-        lumo::CloudException, -1,
-        "The platform's URL is empty or has no scheme: set %s, or %s for a hierarchical zone, beginning with https://",
-        lumo::PN::LEGACYZONE_CLOUDURL, lumo::PN::ZONE_CLOUDURL);
-  }
+  requirePlatformUrl(url);
   keep(connection.perform(url, content, isPost ? 1 : 0));
   return processResult();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <memory>
 #include <string_view>
 
 #include "cloud/curl_object_internal.h"
@@ -27,6 +28,16 @@ class CookieLine {
   }
   std::string_view name() const { return m_fields[NAME]; }
   std::string_view value() const { return m_fields[VALUE]; }
+  // Would it be sent to that host? The domain may begin with a mark of libcurl's and a dot.
+  bool isFor(const std::string& host) const {
+    std::string_view domain = m_fields[DOMAIN];
+    if (domain.substr(0, HTTP_ONLY.size()) == HTTP_ONLY) domain.remove_prefix(HTTP_ONLY.size());
+    if (!domain.empty() && domain.front() == '.') domain.remove_prefix(1);
+    if (domain.empty() || domain.size() > host.size()) return false;
+    const size_t before = host.size() - domain.size();
+    if (strncasecmp(host.data() + before, domain.data(), domain.size()) != 0) return false;
+    return before == 0 || (m_fields[TAIL_MATCH] == "TRUE" && host[before - 1] == '.');
+  }
   std::string expired() const {
     std::string line(m_fields[0]);
     for (size_t field = 1; field < m_fields.size(); ++field) {
@@ -36,7 +47,8 @@ class CookieLine {
   }
 
  private:
-  enum Field : size_t { EXPIRY = 4, NAME, VALUE, COUNT };
+  enum Field : size_t { DOMAIN, TAIL_MATCH, EXPIRY = 4, NAME, VALUE, COUNT };
+  static constexpr std::string_view HTTP_ONLY = "#HttpOnly_";
 
   std::array<std::string_view, COUNT> m_fields;
 };
@@ -46,12 +58,24 @@ CurlList cookieList(CURL* handle) {
   return CurlList(curl_easy_getinfo(handle, CURLINFO_COOKIELIST, &list) == CURLE_OK ? list : nullptr);
 }
 
-// The first cookie of that name; the line stays part of the list.
-bool findCookie(const CurlList& list, std::string_view name, CookieLine& line) {
+// The first cookie of that name, for that host where one is given; the line stays part of the list.
+bool findCookie(const CurlList& list, std::string_view name, CookieLine& line, const std::string* host = nullptr) {
   for (const curl_slist* node = list.get(); node != nullptr; node = node->next) {
-    if (line.parse(node->data) && line.name() == name) return true;
+    if (line.parse(node->data) && line.name() == name && (host == nullptr || line.isFor(*host))) return true;
   }
   return false;
+}
+
+// Empty where the text is no URL.
+std::string hostOf(const std::string& url) {
+  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+  char* host = nullptr;
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+      curl_url_get(parsed.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK) {
+    return std::string();
+  }
+  const std::unique_ptr<char, decltype(&curl_free)> owner(host, &curl_free);
+  return host;
 }
 
 }  // namespace
@@ -94,8 +118,9 @@ void CurlObject::forgetSession() {
   clearOpt(CURLOPT_COOKIE);
 }
 
-std::string CurlObject::cookie(const std::string& name) const {
+std::string CurlObject::cookie(const std::string& name, const std::string& url) const {
+  const std::string host = hostOf(url);
   const CurlList list = cookieList(handle);
   CookieLine line;
-  return findCookie(list, name, line) ? std::string(line.value()) : std::string();
+  return findCookie(list, name, line, &host) ? std::string(line.value()) : std::string();
 }

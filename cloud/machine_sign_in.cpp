@@ -1,11 +1,14 @@
 #include "cloud/machine_sign_in.h"
 
+#include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "base/include/wipe.h"
 #include "cloud/cloud_object_certs.h"
+#include "cloud/curl_text.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
+#include "cloud/platform_url.h"
 
 std::string findIwaUrl(const std::string& platformUrl, std::string& spn) {
   std::string url = lumo::Props(false, false).getProperty(lumo::PN::CLOUD_IWA_URL_OVERRIDE);
@@ -20,7 +23,13 @@ ConnectorVisit::ConnectorVisit(CurlObject& lent) : m_connection(lent) {
 
 ConnectorVisit::~ConnectorVisit() {
   // The transfer may have thrown, and the handle is about to go. Behind putBack the option is the proxy's.
-  if (m_isThere) m_connection.clearOpt(CURLOPT_PROXY_GSS_CRED);
+  if (!m_isThere) return;
+  m_connection.clearOpt(CURLOPT_PROXY_GSS_CRED);
+  try {
+    m_connection.forgetSession();
+  } catch (const LUMOException& failure) {
+    LUMO_LOG(getLogger("cloud.object", false), 3, "A connector's cookies could not be dropped: %s", failure.what());
+  }
 }
 
 void ConnectorVisit::negotiateFor(const std::string& spn) {
@@ -36,6 +45,8 @@ void ConnectorVisit::negotiateFor(const std::string& spn) {
   m_connection.setOpt(CURLOPT_PROXY_GSS_SETUP_DATA, &m_connection.serverGssCallbacks);
   m_connection.setOpt(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_NEGOTIATE));
   m_connection.setOpt(CURLOPT_USERNAME, ":");
+  // Without a URL there is the path alone, whose first word libcurl takes for a host: at least it has to prove that.
+  m_connection.setOpt(CURLOPT_DEFAULT_PROTOCOL, "https");
 }
 
 void ConnectorVisit::trustConnector() {
@@ -46,14 +57,18 @@ void ConnectorVisit::trustConnector() {
 }
 
 std::pair<long, std::string> ConnectorVisit::ask(const std::string& url, const std::string& spn) {
+  requireSignInUrl(url);
   negotiateFor(spn);
   trustConnector();
   return m_connection.perform(url, std::string(), 0);
 }
 
 void ConnectorVisit::putBack(const CloudProxyInfo& proxy) {
+  // One that the connector set would be the machine's, or go to the platform, whatever host it was set for.
+  m_connection.forgetSession();
   m_connection.setOpt(CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
   m_connection.clearOpt(CURLOPT_USERNAME);
+  m_connection.clearOpt(CURLOPT_DEFAULT_PROTOCOL);
   m_connection.setProxy(proxy.proxyServer, proxy.proxyAuth, proxy.proxyUser, proxy.proxyPassword);
   // Also one that an earlier visit left, when it failed before the settings changed.
   m_connection.clearOpt(CURLOPT_CAPATH);
@@ -69,9 +84,11 @@ EmbeddedObject findEmbeddedObject(std::string_view text) {
 }
 
 CodeUrl::CodeUrl(const std::string& url, const std::string& code) : m_shown(url + "?OneTimePass=") {
+  std::string escaped = percentEncoded(code);
+  const WipeAtEnd wipeEscaped(escaped);
   // At once, so that no shorter copy stays behind.
-  m_whole.reserve(m_shown.size() + code.size());
-  m_whole.append(m_shown).append(code);
+  m_whole.reserve(m_shown.size() + escaped.size());
+  m_whole.append(m_shown).append(escaped);
   m_shown += "(hidden)";
 }
 

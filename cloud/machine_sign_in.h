@@ -25,7 +25,8 @@ inline constexpr char SSO_PATH[] = "security/sso";
 std::string findIwaUrl(const std::string& platformUrl, std::string& spn);
 
 // One exchange with a connector over somebody's connection: straight to it, as the machine. Once the object is gone, no
-// option of the connection names the credential. One thread; the connection outlives the object.
+// option of the connection names the credential, and it holds no session that the connector set. One thread; the
+// connection outlives the object.
 class ConnectorVisit {
  public:
   // Throws what ADHelper::GetMachineCredCache throws. Without a usable credential the connector will refuse.
@@ -36,9 +37,11 @@ class ConnectorVisit {
 
   // GETs the URL, whose service is `spn`: status and body. Proxy, user and session of the connection are forgotten; the
   // folder `ferrosec.cert.dir` is trusted, or anybody with `ferrod.iwa.skip.cert.verification`. Throws as
-  // CurlObject::perform; the connection then stays turned to the connector.
+  // requireSignInUrl before anything else, and as CurlObject::perform; the connection then stays turned to the
+  // connector.
   std::pair<long, std::string> ask(const std::string& url, const std::string& spn);
-  // Turns the connection to the platform again, but for whom it trusts: that is the caller's. Throws as
+  // Turns the connection to the platform again, but for whom it trusts: that is the caller's. A session cookie that the
+  // connector set is forgotten: only the platform sets the platform's session. Throws as
   // CurlObject::setProxy.
   void putBack(const CloudProxyInfo& proxy);
 
@@ -61,7 +64,7 @@ EmbeddedObject findEmbeddedObject(std::string_view text);
 // The URL that hands a code to the platform, and what a log shows of it. The URL is wiped at the end.
 class CodeUrl {
  public:
-  // `url` is that of SSO_PATH. The code is not escaped.
+  // `url` is that of SSO_PATH. The code is percent-encoded: it comes from a connector, and must not add to the URL.
   CodeUrl(const std::string& url, const std::string& code);
   ~CodeUrl();
   CodeUrl(const CodeUrl&) = delete;

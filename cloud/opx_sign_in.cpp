@@ -91,7 +91,7 @@ void OPXProcessor::cloudSSO() {
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return;
   wipe(machineCookie);
-  machineCookie = curl->cookie(CurlObject::SESSION_COOKIE);
+  machineCookie = curl->cookie(CurlObject::SESSION_COOKIE, platformUrl);
 }
 
 }  // namespace lumo

@@ -1,8 +1,9 @@
 // Lines of libcurl's cookie list, put into the cookie engine and then read by setCookie: the first ".ASPXAUTH" of the
-// list goes, every other cookie stays until its time has come.
+// list goes, every other cookie stays until its time has come. A session is read only for a host of its domain.
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -49,6 +50,19 @@ bool contains(const std::vector<std::string>& lines, const std::string& wanted) 
   return std::find(lines.begin(), lines.end(), wanted) != lines.end();
 }
 
+// Is one of the sessions for that host? Its domain may begin with a mark of libcurl's and a dot.
+bool isSessionFor(const std::vector<std::string>& lines, const std::string& host, const std::string& value) {
+  return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+    std::string domain = fieldOf(line, 0);
+    if (domain.compare(0, 10, "#HttpOnly_") == 0) domain.erase(0, 10);
+    if (!domain.empty() && domain[0] == '.') domain.erase(0, 1);
+    std::transform(domain.begin(), domain.end(), domain.begin(), [](unsigned char c) { return std::tolower(c); });
+    const bool below = fieldOf(line, 1) == "TRUE" && ("." + host).size() > domain.size() &&
+                       ("." + host).compare(host.size() - domain.size(), std::string::npos, "." + domain) == 0;
+    return isSession(line) && fieldOf(line, 6).compare(0, value.size(), value) == 0 && (domain == host || below);
+  });
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -64,6 +78,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     line.clear();
   }
   const auto before = cookiesOf(object.handle);
+  const std::string read = object.cookie(".ASPXAUTH", "https://pod.example.test/");
+  if (!read.empty() && !isSessionFor(before, "pod.example.test", read)) std::abort();
   try {
     object.setCookie(".ASPXAUTH=new");
   } catch (const lumo::CurlException&) {

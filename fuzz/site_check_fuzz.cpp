@@ -1,6 +1,8 @@
-// Answers of a connector: the object that is cut out of them, and what is read in it.
+// Answers of a connector: the object that is cut out of them, what is read in it, and the URL that is made of its code.
+#include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "cloud/include/cloud_auth.h"
@@ -24,6 +26,21 @@ std::string objectOf(const std::string& text, char& missing) {
   return object.substr(0, complete);
 }
 
+// The code alone, whatever it is: no other parameter, no part of a URL.
+void checkUrl(const std::string& code) {
+  const std::string begin = "https://pod.test/security/sso?OneTimePass=";
+  const CodeUrl url("https://pod.test/security/sso", code);
+  require(url.whole().compare(0, begin.size(), begin) == 0 && url.shown() == begin + "(hidden)");
+  std::string decoded;
+  for (std::size_t i = begin.size(); i < url.whole().size(); ++i) {
+    const char c = url.whole()[i];
+    require(std::isalnum(static_cast<unsigned char>(c)) != 0 || std::strchr("-._~%", c) != nullptr);
+    decoded += c == '%' ? static_cast<char>(std::stoi(url.whole().substr(i + 1, 2), nullptr, 16)) : c;
+    if (c == '%') i += 2;
+  }
+  require(decoded == code);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -44,6 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (const lumo::CloudException&) {
       require(value == "before");
     }
+    checkUrl(value);
   }
   return 0;
 }

@@ -147,7 +147,8 @@ class CloudAuth : public CloudBase {
  protected:
   // Logs the headers X-MRV-* of the last reply at level 1.
   void dumpMrvHeader();
-  // Takes over the pod that the last reply redirects to, and its URLs. False where it names none.
+  // Takes over the pod that the last reply redirects to, and its URLs. False where it names none. Throws
+  // lumo::CloudException "The platform leads the login to '%s', which is no host name" for one with user, port or path.
   bool turnToPod();
 
   std::string userName;

@@ -27,7 +27,8 @@ class CloudBase {
   // One exchange each: `url`, or `url` + "?" + the parameters in the order of their keys, percent-encoded. `content` is
   // JSON. Return what processResult says; throw what CurlObject::perform throws when the transfer fails, the last
   // result then stays. Without a connection they throw lumo::CloudException "The client holds no connection: ...", and
-  // so do setVerbose and setDebugTrace; for a URL without a scheme "The platform's URL is empty or has no scheme: ...".
+  // so do setVerbose and setDebugTrace; for a URL without a scheme "The platform's URL is empty or has no scheme: ...",
+  // for one without TLS that is not below the zone's URL of the configuration "The platform's URL has no TLS: ...".
   int post(const std::string& url, const std::string& content);
   int post(const std::string& url, const Parameters& params, const std::string& content);
   int get(const std::string& url);

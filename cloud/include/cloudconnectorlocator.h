@@ -70,13 +70,14 @@ class CloudConnectorLocator {
   // Forgets connectors and lists, not the URLs, nor what the next process starts with.
   void resetState();
 
-  // All that is known, as lines of text; foreign bytes in values are escaped (lumo::printable). A connector whose values
-  // hold such bytes has a line "Reason: ..." too. Selects and discards nothing. Never throws: a failure ends the text
-  // early, and the log says so at level 3.
+  // All that is known, as lines of text; foreign bytes in values are escaped (lumo::printable). A connector whose
+  // values hold such bytes has a line "Reason: ..." too. Selects and discards nothing. Never throws: a failure ends the
+  // text early, and the log says so at level 3.
   std::string dump();
   // Appends the connectors whose platform URL contains `filter`; all for an empty one. First those to be tried, in this
-  // order, then the discarded, unused and invalid ones. Foreign bytes are escaped as in the report. Throws lumo::CloudConnectorException "Null host DC FQDN when
-  // fetching the Morvane Connector object" while `ferrod.cloud.connector` is an address without a name.
+  // order, then the discarded, unused and invalid ones. Foreign bytes are escaped as in the report. Throws
+  // lumo::CloudConnectorException "Null host DC FQDN when fetching the Morvane Connector object" while
+  // `ferrod.cloud.connector` is an address without a name.
   void getConnectors(const std::string& filter, std::vector<CloudConnectorInfo>& out);
 
  private:

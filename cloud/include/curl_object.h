@@ -97,9 +97,10 @@ class CurlObject {
   void setCookie(const std::string& cookie);
   // From here on neither that cookie goes along nor a session cookie that a reply left; other cookies stay.
   void forgetSession();
-  // The value of a cookie that replies left: the first one of exactly that name, empty where there is none. One without
-  // a value is passed over; a value ends at its first white space.
-  std::string cookie(const std::string& name) const;
+  // The value of a cookie that replies left for the host of `url`: the first one of exactly that name whose domain is
+  // that host or holds it, empty where there is none. One without a value is passed over; a value ends at its first
+  // white space.
+  std::string cookie(const std::string& name, const std::string& url) const;
 
   // The callback for CURLOPT_DEBUGFUNCTION; its data (CURLOPT_DEBUGDATA) is the object.
   static int debugCallback(CURL* handle, curl_infotype type, char* data, size_t size, void* object);

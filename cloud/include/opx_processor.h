@@ -56,7 +56,8 @@ class OPXProcessor : public CloudBase {
   // The connector's one-time code for the machine's Kerberos ticket. A refusal shows in the log alone. Throws
   // CurlException, and CloudException for a reply without its members.
   void cloudIWA();
-  // The session for the code. Throws CurlException, and CloudException where there is no code or no platform.
+  // The session for the code. Throws CurlException, and CloudException where there is no code, no platform, or one
+  // without TLS that the configuration does not name.
   void cloudSSO();
 
   // Sends the events that wait, after a sign-in where there is no session. Without events nothing is sent. After a

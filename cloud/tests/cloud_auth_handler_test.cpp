@@ -111,6 +111,24 @@ TEST_F(CloudAuthHandler, ClassIsThatOfTheVersion) {
   }
 }
 
+// The directory's only URL is taken where the zone has none, but no password goes there in the clear.
+TEST_F(CloudAuthHandler, LoginAtAUrlOfTheDirectoryNeedsTls) {
+  const Setting direct(lumo::PN::CLOUD_DIRECT_CONNECTION, "true");
+  const std::string refused =
+      "CloudException -1 The platform's URL has no TLS: nothing is sent to http://evil.test unless "
+      "ferrod.legacyzone.mfa.cloudurl, or ferrod.zone.cloudurl for a hierarchical zone, names that very URL";
+  pool.maxConnections = 1;
+  access().cloudUrl = "http://evil.test/";
+  for (const char* number : {"0", "1.0"}) {
+    const Setting version(lumo::PN::CLOUD_REST_VERSION, number);
+    const auto client = handlerFor("");
+    EXPECT_EQ(ClientView::urlOf(*client), "http://evil.test/");
+    client->getCurl(USER, "login");
+    EXPECT_EQ(failureOf([&] { client->startAuthentication(); }), refused);
+    EXPECT_EQ(failureOf([&] { client->getVersion(); }), refused);
+  }
+}
+
 TEST_F(CloudAuthHandler, WithoutASettingItIsTheNewest) {
   const auto client = handlerFor(URL, PROFILE_ELEVATION);
   const auto* const newest = dynamic_cast<const CloudAuthV1S*>(client.get());

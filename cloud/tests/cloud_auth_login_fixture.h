@@ -19,6 +19,7 @@ template <class Client>
 class LoginTest : public CurlObjectTest {
  protected:
   static constexpr const char* PLATFORM = "https://localhost/";
+  static constexpr const char* POD = "127.0.0.1";
   static constexpr const char* USER = "alice@example.test";
 
   static testsupport::HttpReply json(const std::string& body) { return testsupport::httpReply("200 OK", {}, body); }
@@ -75,7 +76,7 @@ class LoginTest : public CurlObjectTest {
 
   testsupport::ReplyScript replies;
   testsupport::TempFolder folder;
-  testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "server", {});
+  testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "server", {"localhost", POD});
 
  protected:
   // The proxy, and the platform behind it.

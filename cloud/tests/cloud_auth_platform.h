@@ -56,6 +56,8 @@ inline std::string lineOf(const ferrolab::PlatformRequest& request, const std::s
 
 class PlatformTest : public CurlObjectTest {
  public:
+  static constexpr const char* POD = "127.0.0.1";
+
   static void SetUpTestSuite() { shared = std::make_unique<Shared>(); }
   static void TearDownTestSuite() { shared.reset(); }
 
@@ -64,12 +66,17 @@ class PlatformTest : public CurlObjectTest {
     static ferrolab::PlatformOptions optionsWith(const testsupport::Certificate& certificate) {
       ferrolab::PlatformOptions options;
       options.certificate = &certificate;
+      options.podHost = POD;
       return options;
     }
 
     testsupport::TempFolder folder;
-    testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "platform", {});
+    testsupport::Certificate certificate = testsupport::makeCertificate(folder.path(), "platform", {"localhost", POD});
     ferrolab::PlatformSimulator platform{optionsWith(certificate)};
+    // A pod has no port of its own: what goes to that of its scheme arrives at the simulator's.
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> podRoute{
+        curl_slist_append(nullptr, (std::string(POD) + ":443:localhost:" + std::to_string(platform.port())).c_str()),
+        &curl_slist_free_all};
     // A connector that takes everybody for HOST1$.
     testsupport::HttpServer connector{
         [this](const testsupport::HttpRequest&) { return platform.siteCheckHttp("HOST1$"); }};
@@ -81,6 +88,9 @@ class PlatformTest : public CurlObjectTest {
     access.occupiedTimeout = 900;
   }
 
+  // No connection of the pool knows the way to this suite's pod any more.
+  ~PlatformTest() override { access.pool.reapCurls(); }
+
   // Nobody sent what no client should send.
   void TearDown() override { EXPECT_THAT(platform.surprises(), testing::IsEmpty()); }
 
@@ -88,6 +98,7 @@ class PlatformTest : public CurlObjectTest {
   std::unique_ptr<Client> client(const std::string& version, const std::string& user) {
     auto made = std::make_unique<Client>(platform.url(), version, user);
     made->getCurl(user, "login");
+    made->curl->setOpt(CURLOPT_CONNECT_TO, static_cast<void*>(shared->podRoute.get()));
     return made;
   }
   // Of the newest version; with the cookies that are not empty.
@@ -153,7 +164,8 @@ class PlatformTest : public CurlObjectTest {
   ferrolab::PlatformSimulator& platform = shared->platform;
   CloudCurlPoolAccess access;
   SettingsScope settings{{"ferrod.cloud.cert.store", shared->certificate.certificateFile},
-                         {"ferrod.cloud.direct.connection", "true"}};
+                         {"ferrod.cloud.direct.connection", "true"},
+                         {"ferrod.cloud.iwa.url", connectorUrl()}};
 };
 
 }  // namespace platformtest

@@ -40,27 +40,27 @@ TEST_F(V0Login, RefusedPolicyIsARefusedRequest) {
 }
 
 TEST_F(V0Login, RedirectIsFollowedOnce) {
-  script({success(R"({"PodFqdn":"localhost:8443"})"), policy(passwordAlone(), R"("PodFqdn":"localhost:9443",)"),
-          success(), success(), success()});
+  script({success(R"({"PodFqdn":"127.0.0.1"})"), policy(passwordAlone(), R"("PodFqdn":"127.0.0.2",)"), success(),
+          success(), success()});
   EXPECT_EQ(client->startAuthentication(), AUTH_NEXT_CHALLENGE);
-  EXPECT_THAT(asked(), ElementsAre(getPolicy(), getPolicy("localhost:8443")));
-  EXPECT_EQ(client->podHost, "localhost:8443");
+  EXPECT_THAT(asked(), ElementsAre(getPolicy(), getPolicy("127.0.0.1")));
+  EXPECT_EQ(client->podHost, "127.0.0.1");
   EXPECT_EQ(advance("UP", ACTION_ANSWER, PASSWORD), AUTH_DONE);
   EXPECT_THAT(asked(),
-              ElementsAre(login(R"({"nextMechId":"UP","recId":"r-1"})", "localhost:8443"),
-                          moveOn(R"({"nextMechId":"UP","recId":"r-1","user":"alice@example.test"})", "localhost:8443"),
-                          login(std::string(R"({"recId":"r-1","UP":)") + PASSWORD_JSON + "}", "localhost:8443")));
+              ElementsAre(login(R"({"nextMechId":"UP","recId":"r-1"})", "127.0.0.1"),
+                          moveOn(R"({"nextMechId":"UP","recId":"r-1","user":"alice@example.test"})", "127.0.0.1"),
+                          login(std::string(R"({"recId":"r-1","UP":)") + PASSWORD_JSON + "}", "127.0.0.1")));
 }
 
 TEST_F(V0Login, RedirectIntoARefusalIsARefusedRequest) {
-  script({success(R"({"PodFqdn":"localhost:8443"})"), refusal()});
+  script({success(R"({"PodFqdn":"127.0.0.1"})"), refusal()});
   EXPECT_EQ(client->startAuthentication(), AUTH_REQUEST_FAILED);
-  EXPECT_THAT(asked(), ElementsAre(getPolicy(), getPolicy("localhost:8443")));
+  EXPECT_THAT(asked(), ElementsAre(getPolicy(), getPolicy("127.0.0.1")));
 }
 
 TEST_F(V0Login, PodThatIsNoTextIsNoRedirect) {
-  for (const char* pod : {R"("PodFqdn":null,)", R"("PodFqdn":7,)", R"("PodFqdn":["localhost:8443"],)",
-                          R"("podfqdn":"localhost:8443",)"}) {
+  for (const char* pod :
+       {R"("PodFqdn":null,)", R"("PodFqdn":7,)", R"("PodFqdn":["127.0.0.1"],)", R"("podfqdn":"127.0.0.1",)"}) {
     LoginTest::begin();
     script({policy(passwordAlone(), pod)});
     EXPECT_EQ(client->startAuthentication(), AUTH_NEXT_CHALLENGE);

@@ -45,25 +45,25 @@ TEST_F(V1Login, RefusedStartIsNamed) {
 }
 
 TEST_F(V1Login, RedirectIsFollowedOnce) {
-  script({success(R"({"PodFqdn":"localhost:8443"})"), policy(R"("PodFqdn":"localhost:9443",)"), summary("Success")});
+  script({success(R"({"PodFqdn":"127.0.0.1"})"), policy(R"("PodFqdn":"127.0.0.2",)"), summary("Success")});
   EXPECT_EQ(client->startAuthentication(), AUTH_NEXT_CHALLENGE);
-  EXPECT_THAT(asked(), ElementsAre(start(), start("localhost:8443")));
-  EXPECT_EQ(client->podHost, "localhost:8443");
+  EXPECT_THAT(asked(), ElementsAre(start(), start("127.0.0.1")));
+  EXPECT_EQ(client->podHost, "127.0.0.1");
   EXPECT_EQ(advance("m-up", ACTION_POLL), AUTH_DONE);
-  EXPECT_THAT(asked(), ElementsAre(advanced(withSession(R"("Action":"Poll","MechanismId":"m-up")"), "localhost:8443")));
+  EXPECT_THAT(asked(), ElementsAre(advanced(withSession(R"("Action":"Poll","MechanismId":"m-up")"), "127.0.0.1")));
 }
 
 TEST_F(V1Login, PolicyBesideARedirectIsNotRead) {
-  script({policy(R"("PodFqdn":"localhost:8443",)"), refusal()});
+  script({policy(R"("PodFqdn":"127.0.0.1",)"), refusal()});
   EXPECT_EQ(client->startAuthentication(), AUTH_REQUEST_FAILED);
-  EXPECT_THAT(asked(), ElementsAre(start(), start("localhost:8443")));
+  EXPECT_THAT(asked(), ElementsAre(start(), start("127.0.0.1")));
   EXPECT_THAT(client->challenges, IsEmpty());
   EXPECT_EQ(client->sessionId, "");
 }
 
 TEST_F(V1Login, PodThatIsNoTextIsNoRedirect) {
-  for (const char* pod : {R"("PodFqdn":null,)", R"("PodFqdn":7,)", R"("PodFqdn":["localhost:8443"],)",
-                          R"("podfqdn":"localhost:8443",)"}) {
+  for (const char* pod :
+       {R"("PodFqdn":null,)", R"("PodFqdn":7,)", R"("PodFqdn":["127.0.0.1"],)", R"("podfqdn":"127.0.0.1",)"}) {
     script({policy(pod)});
     EXPECT_EQ(client->startAuthentication(), AUTH_NEXT_CHALLENGE);
     EXPECT_THAT(asked(), ElementsAre(start())) << pod;
@@ -187,7 +187,7 @@ TEST_F(V1Login, CutConnectionIsATransferFailureAndTheConnectionIsGivenBack) {
                             Not(HasSubstr("battery")), Not(HasSubstr("123456")));
   script({cut()});
   EXPECT_THAT(failureOf([this] { client->startAuthentication(); }), cutOff);
-  script({success(R"({"PodFqdn":"localhost:8443"})"), cut()});
+  script({success(R"({"PodFqdn":"127.0.0.1"})"), cut()});
   EXPECT_THAT(failureOf([this] { client->startAuthentication(); }), cutOff);
   beginWithChallenge();
   script({cut()});

@@ -17,6 +17,7 @@
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/reply_script.h"
+#include "testsupport/setting.h"
 
 namespace v1stest {
 
@@ -117,6 +118,9 @@ class V1STest : public CurlObjectTest {
              const std::string& uuid = "ID-1") {
     client.reset();
     access.pool.reapCurls();
+    // Neither has TLS: an administrator wrote both URLs into the configuration.
+    zone.set(platformUrl);
+    signIn.set(connectorUrl);
     client = std::make_unique<V1SClient>(platformUrl, "1.0S", USER, uuid, connectorUrl, SPN, &profile);
     client->getCurl("alice", "login");
     records();
@@ -140,6 +144,8 @@ class V1STest : public CurlObjectTest {
   Journal journal;
   Peer connector{"connector", journal};
   Peer platform{"platform", journal};
+  testsupport::Setting zone{lumo::PN::LEGACYZONE_CLOUDURL, ""};
+  testsupport::Setting signIn{lumo::PN::CLOUD_IWA_URL_OVERRIDE, ""};
   CloudCurlPoolAccess access;
   testsupport::LogCapture log{"TRACE"};
   std::unique_ptr<V1SClient> client;

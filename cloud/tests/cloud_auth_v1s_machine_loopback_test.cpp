@@ -186,6 +186,75 @@ TEST_F(MachineSignInLoopback, WithoutAConnectorsUrl) {
   EXPECT_THAT(records(), ElementsAre(NO_CONNECTOR));
 }
 
+TEST_F(MachineSignInLoopback, ConnectorWithoutTlsIsAskedOnlyWhereTheParameterNamesIt) {
+  signIn.set("https://connector.example.test/");
+  EXPECT_EQ(signInFailure(),
+            "CloudIwaException 9 Internal error. Error message: The URL of the sign-in has no TLS: nothing is sent to "
+            "http://" +
+                connector.server().address() + " unless ferrod.cloud.iwa.url names that very URL");
+  EXPECT_EQ(connector.server().connections(), 0);
+  EXPECT_THAT(records(), ElementsAre(NO_CODE));
+}
+
+TEST_F(MachineSignInLoopback, PlatformWithoutTlsGetsNoCodeUnlessTheZoneNamesIt) {
+  zone.set("");
+  connector.script({code()});
+  EXPECT_EQ(signInFailure(),
+            "CloudException -1 The platform's URL has no TLS: nothing is sent to http://" +
+                platform.server().address() +
+                " unless ferrod.legacyzone.mfa.cloudurl, or ferrod.zone.cloudurl for a hierarchical zone, names that "
+                "very URL");
+  EXPECT_EQ(platform.server().connections(), 0);
+}
+
+// Both listen at one address, so that a cookie of the one goes to the other, whatever its domain.
+TEST_F(MachineSignInLoopback, SessionThatAConnectorSetsIsNeitherTheMachinesNorSent) {
+  for (const char* own : {".ASPXAUTH=connectors; path=/", ".ASPXAUTH=\"connectors\"; path=/; HttpOnly",
+                          ".ASPXAUTH=connectors; path=/security"}) {
+    HttpReply withCookie = json("<html>{\"result\":\"success\",\"otc\":\"CODE-1\"}</html>",
+                                {std::string("Set-Cookie: ") + own, "Set-Cookie: other=1; path=/"});
+    begin();
+    connector.script({withCookie});
+    platform.script({success(), session("user-session")});
+    EXPECT_EQ(client->getMachineAuthToken(), 1);
+    EXPECT_EQ(client->getCookie(COOKIE_MACHINE), "");
+    EXPECT_THAT(journal.take(),
+                ElementsAre("connector GET /iwa/SiteCheck", "platform GET /security/sso?OneTimePass=CODE-1 [other=1]"));
+    connector.script({withCookie});
+    platform.script({session("machine-session")});
+    EXPECT_EQ(client->getMachineAuthToken(), 1);
+    EXPECT_EQ(client->getCookie(COOKIE_MACHINE), "machine-session");
+    journal.take();
+  }
+}
+
+TEST_F(MachineSignInLoopback, SessionOfAConnectorThatRefusesOrBreaksOffIsForgottenToo) {
+  const HttpReply cutOff = {"HTTP/1.1 200 OK\r\nSet-Cookie: .ASPXAUTH=connectors; path=/\r\nContent-Length: 9\r\n\r\n{",
+                            HttpReply::Close};
+  for (const HttpReply& reply : {httpReply("403 Forbidden", {"Set-Cookie: .ASPXAUTH=connectors; path=/"}), cutOff}) {
+    begin();
+    connector.script({reply});
+    EXPECT_NE(signInFailure(), "nothing thrown");
+    journal.take();
+    platform.script({success()});
+    EXPECT_EQ(client->getVersion(), 1);
+    EXPECT_THAT(journal.take(), ElementsAre("platform GET /sysinfo/version"));
+  }
+}
+
+TEST_F(MachineSignInLoopback, CodeIsEscapedAndAddsNothingToTheUrl) {
+  connector.script({json(R"({"result":"success","otc":"a/b+c==&user=eve#x ?\u00fc%41-._~"})")});
+  platform.script({session("machine-session")});
+  EXPECT_EQ(client->getMachineAuthToken(), 1);
+  EXPECT_THAT(journal.take(), Contains("platform GET /security/sso?OneTimePass=a%2Fb%2Bc%3D%3D%26user%3Deve%23x%20%3F"
+                                       "%C3%BC%2541-._~"));
+  connector.script({code("two\\r\\nlines")});
+  platform.script({success()});
+  EXPECT_EQ(client->getMachineAuthToken(), 1);
+  EXPECT_THAT(journal.take(), Contains("platform GET /security/sso?OneTimePass=two%0D%0Alines"));
+  EXPECT_THAT(log.text(), Not(HasSubstr("lines")));
+}
+
 TEST_F(MachineSignInLoopback, WithoutAMachineAccountNobodyIsAsked) {
   client->curl->setProxy(platform.server().address(), "", "", lumo::Shredder2());
   const std::set<int> before = client->curl->recordedOptions();
@@ -228,19 +297,6 @@ TEST_F(MachineSignInLoopback, BrokenTransferOfTheCodeIsPassedOnWithoutAWord) {
   EXPECT_THAT(fatal(), IsEmpty());
   EXPECT_THAT(journal.take(),
               ElementsAre("connector GET /iwa/SiteCheck", "platform GET /security/sso?OneTimePass=CODE-1"));
-}
-
-TEST_F(MachineSignInLoopback, CodeIsNotEscaped) {
-  platform.script({success()});
-  EXPECT_EQ(client->sso("a+b/c=%20&d?e"), 1);
-  EXPECT_THAT(journal.take(), ElementsAre("platform GET /security/sso?OneTimePass=a+b/c=%20&d?e"));
-}
-
-TEST_F(MachineSignInLoopback, CodeThatNoUrlCanHoldIsATransferFailure) {
-  connector.script({code("two\\r\\nlines")});
-  EXPECT_EQ(signInFailure(), "CurlException 8 " + curltest::transferFailed(CURLE_URL_MALFORMAT));
-  EXPECT_THAT(journal.take(), ElementsAre("connector GET /iwa/SiteCheck"));
-  EXPECT_THAT(log.text(), Not(HasSubstr("lines")));
 }
 
 TEST_F(MachineSignInLoopback, CodeWithoutACookieIsNoFailure) {

@@ -37,6 +37,7 @@ class MachineSignInRoot : public NegotiateRoot {
   // A client whose connector is the one with TLS, whose platform is behind the proxy.
   void begin(const std::string& connectorUrl) {
     client.reset();
+    signInUrl.set(connectorUrl);
     const int profile = PROFILE_LOGIN;
     client = std::make_unique<V1SClient>(platformUrl, "1.0S", "alice@example.test", "ID-1", connectorUrl,
                                          "HTTP/127.0.0.1@CORP.EXAMPLE.TEST", &profile);
@@ -74,6 +75,7 @@ class MachineSignInRoot : public NegotiateRoot {
   HttpServer proxy{[this](const HttpRequest& request) { return answerAtProxy(request); }, &ofPlatform};
   std::string platformUrl = "https://" + proxy.address() + "/";
   const Setting store{lumo::PN::FERROD_CLOUD_CERT_STORE, ofPlatform.certificateFile};
+  Setting signInUrl{lumo::PN::CLOUD_IWA_URL_OVERRIDE, ""};
   CloudCurlPoolAccess pool;
   std::unique_ptr<V1SClient> client;
 };

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "base/include/parameter_names.h"
 #include "cloud/include/cloud_object.h"
 #include "cloud/tests/cloud_object_pool_access.h"
 #include "cloud/tests/curl_object_fixture.h"
@@ -21,6 +22,7 @@ using testing::Pair;
 using testsupport::httpReply;
 using testsupport::HttpRequest;
 using testsupport::HttpServer;
+using testsupport::Setting;
 
 constexpr int VERDICT = 7;
 
@@ -53,6 +55,7 @@ class CloudObjectLoopback : public CurlObjectTest {
   std::string replyStatus = "200 OK";
   std::string replyBody = "{}";
   HttpServer server{[this](const HttpRequest&) { return httpReply(replyStatus, {}, replyBody); }};
+  Setting zone{lumo::PN::LEGACYZONE_CLOUDURL, "http://" + server.address() + "/"};
   CloudCurlPoolAccess access;
   Client client{"http://platform.example.test/"};
 };
@@ -136,10 +139,28 @@ TEST_F(CloudObjectLoopback, FailedTransferLeavesTheLastResultAndIsNotJudged) {
   HttpServer cut([](const HttpRequest&) {
     return testsupport::HttpReply{"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc", testsupport::HttpReply::Close};
   });
+  zone.set("http://" + cut.address() + "/");
   EXPECT_EQ(failureOf([&] { client.get("http://" + cut.address() + "/"); }),
             "CurlException -1 " + curltest::transferFailed(CURLE_PARTIAL_FILE));
   EXPECT_THAT(client.getResult(), Pair(403, "first"));
   EXPECT_EQ(client.judged, 1);
+}
+
+TEST_F(CloudObjectLoopback, WithoutTlsNothingIsSentUnlessTheZoneHasThatVeryUrl) {
+  client.get(url());
+  const auto requests = server.requests().size();
+  const int connections = server.connections();
+  zone.set("https://" + server.address() + "/");
+  const std::string refused =
+      "CloudException -1 The platform's URL has no TLS: nothing is sent to http://" + server.address() +
+      " unless ferrod.legacyzone.mfa.cloudurl, or ferrod.zone.cloudurl for a hierarchical zone, names that very URL";
+  EXPECT_EQ(failureOf([&] { client.get(url("security/sso?OneTimePass=SECRET")); }), refused);
+  EXPECT_EQ(failureOf([&] { client.get(url(), {{"a", "b"}}); }), refused);
+  EXPECT_EQ(failureOf([&] { client.post(url(), "{\"UP\":\"password\"}"); }), refused);
+  EXPECT_EQ(failureOf([&] { client.post(url(), {{"a", "b"}}, "{}"); }), refused);
+  EXPECT_EQ(server.requests().size(), requests);
+  EXPECT_EQ(server.connections(), connections);
+  EXPECT_THAT(client.getResult(), Pair(200, "{}"));
 }
 
 TEST_F(CloudObjectLoopback, VerboseIsAnOptionOfTheConnection) {

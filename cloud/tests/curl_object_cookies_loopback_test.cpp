@@ -99,12 +99,42 @@ TEST_F(CurlObjectTest, CookieOfAReplyIsReadByItsExactName) {
   server.lines = {"Set-Cookie: .ASPXAUTH2=longer; path=/", "Set-Cookie: .aspxauth=lower; path=/",
                   "Set-Cookie: .ASPXAUT=shorter; path=/", "Set-Cookie: .ASPXAUTH=token==; path=/; HttpOnly; Secure"};
   CurlObject object;
-  EXPECT_EQ(object.cookie(".ASPXAUTH"), "");
+  EXPECT_EQ(object.cookie(".ASPXAUTH", server.url("/")), "");
   server.cookieOf(object, "/set");
-  EXPECT_EQ(object.cookie(".ASPXAUTH"), "token==");
-  EXPECT_EQ(object.cookie(".ASPXAUTH2"), "longer");
-  EXPECT_EQ(object.cookie(".ASPXAUTH3"), "");
-  EXPECT_EQ(object.cookie(""), "");
+  EXPECT_EQ(object.cookie(".ASPXAUTH", server.url("/")), "token==");
+  EXPECT_EQ(object.cookie(".ASPXAUTH2", server.url("/")), "longer");
+  EXPECT_EQ(object.cookie(".ASPXAUTH3", server.url("/")), "");
+  EXPECT_EQ(object.cookie("", server.url("/")), "");
+}
+
+// Netscape lines as the engine keeps them: domain, tail match, path, secure, expiry, name, value.
+TEST_F(CurlObjectTest, OnlyCookiesForTheHostOfTheUrlCount) {
+  const struct {
+    const char *line, *url, *value;
+  } rows[] = {
+      {"pod.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\town", "https://pod.example.test/security/sso?a=b", "own"},
+      {"pod.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\town", "https://user@POD.Example.test:8443/", "own"},
+      {"#HttpOnly_pod.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\town", "https://pod.example.test/", "own"},
+      {".example.test\tTRUE\t/\tFALSE\t0\t.ASPXAUTH\tdomain", "https://pod.example.test/", "domain"},
+      {".example.test\tTRUE\t/\tFALSE\t0\t.ASPXAUTH\tdomain", "https://example.test/", "domain"},
+      {"conn.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\tother", "https://pod.example.test/", ""},
+      {".pod.example.test\tTRUE\t/\tFALSE\t0\t.ASPXAUTH\tother", "https://mypod.example.test/", ""},
+      {"example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\tother", "https://pod.example.test/", ""},
+      {".pod.example.test\tTRUE\t/\tFALSE\t0\t.ASPXAUTH\tother", "https://example.test/", ""},
+      {"127.0.0.1\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\taddress", "https://127.0.0.1:8443/", "address"},
+      {"pod.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\town", "", ""},
+      {"pod.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\town", "pod.example.test", ""},
+      {"pod.example.test\tFALSE\t/\tFALSE\t0\t.ASPXAUTH\town", "://", ""},
+  };
+  for (const auto& row : rows) {
+    CurlObject object;
+    object.setOpt(CURLOPT_COOKIELIST, row.line);
+    EXPECT_EQ(object.cookie(".ASPXAUTH", row.url), row.value) << row.line << " for " << row.url;
+  }
+  CurlObject object;
+  object.setOpt(CURLOPT_COOKIELIST, rows[5].line);
+  object.setOpt(CURLOPT_COOKIELIST, rows[0].line);
+  EXPECT_EQ(object.cookie(".ASPXAUTH", rows[0].url), "own") << "another host's stands first";
 }
 
 TEST_F(CurlObjectTest, FirstCookieOfANameCounts) {
@@ -112,7 +142,7 @@ TEST_F(CurlObjectTest, FirstCookieOfANameCounts) {
   server.lines = {"Set-Cookie: .ASPXAUTH=deep; path=/set", "Set-Cookie: .ASPXAUTH=root; path=/"};
   CurlObject object;
   server.cookieOf(object, "/set");
-  EXPECT_EQ(object.cookie(".ASPXAUTH"), "deep");
+  EXPECT_EQ(object.cookie(".ASPXAUTH", server.url("/")), "deep");
 }
 
 TEST_F(CurlObjectTest, CookieWithoutAValueIsPassedOverAndAValueEndsAtItsFirstWhiteSpace) {
@@ -120,7 +150,7 @@ TEST_F(CurlObjectTest, CookieWithoutAValueIsPassedOverAndAValueEndsAtItsFirstWhi
   server.lines = {"Set-Cookie: .ASPXAUTH=; path=/set", "Set-Cookie: .ASPXAUTH=a b c; path=/"};
   CurlObject object;
   server.cookieOf(object, "/set");
-  EXPECT_EQ(object.cookie(".ASPXAUTH"), "a");
+  EXPECT_EQ(object.cookie(".ASPXAUTH", server.url("/")), "a");
 }
 
 TEST_F(CurlObjectTest, CookieThatSetCookieTookAwayIsNotRead) {
@@ -130,7 +160,7 @@ TEST_F(CurlObjectTest, CookieThatSetCookieTookAwayIsNotRead) {
   server.cookieOf(object, "/set");
   object.setCookie(".ASPXAUTH=new;");
   server.cookieOf(object);
-  EXPECT_EQ(object.cookie(".ASPXAUTH"), "") << "one that is sent by hand is none of the engine's";
+  EXPECT_EQ(object.cookie(".ASPXAUTH", server.url("/")), "") << "one that is sent by hand is none of the engine's";
 }
 
 TEST_F(CurlObjectTest, ForgottenSessionIsGoneAndOtherCookiesStay) {
@@ -160,7 +190,7 @@ TEST_F(CurlObjectTest, ForgottenSessionIsGoneAndOtherCookiesStay) {
       object.forgetSession();
       server.lines.clear();
       EXPECT_EQ(server.cookieOf(object, "/set"), row.kept);
-      EXPECT_EQ(object.cookie(".ASPXAUTH"), "");
+      EXPECT_EQ(object.cookie(".ASPXAUTH", server.url("/")), "");
     }
   }
 }
@@ -201,7 +231,7 @@ TEST_F(CurlObjectTest, SessionIsForgottenWithoutMemoryForTheListToo) {
     CurlMemory::isGone = true;
     object.forgetSession();
     CurlMemory::isGone = false;
-    std::_Exit(object.cookie(".ASPXAUTH").empty() ? 7 : 8);
+    std::_Exit(object.cookie(".ASPXAUTH", server.url("/")).empty() ? 7 : 8);
   };
   EXPECT_EXIT(forget(), testing::ExitedWithCode(7), "");
 }

@@ -190,6 +190,32 @@ TEST_F(OpxProcessorLoopback, ConnectorThatIsGoneIsATransferFailure) {
   EXPECT_EQ(said[2], COMPLETES);
 }
 
+TEST_F(OpxProcessorLoopback, PlatformWithoutTlsGetsNeitherCodeNorEvents) {
+  const std::string url = "http://" + server.address() + "/";
+  const std::string refused =
+      "DEBUG Got exception: The platform's URL has no TLS: nothing is sent to http://" + server.address() +
+      " unless ferrod.legacyzone.mfa.cloudurl, or ferrod.zone.cloudurl for a hierarchical zone, names that very URL";
+  access.processor.initProc(url);
+  EXPECT_THAT(logged(), Contains(refused));
+  EXPECT_EQ(access.machineCookie, "");
+  access.machineCookie = "m-1";
+  lumo::OPXProcessor::handleLogPrivEvent({{"User", "alice"}});
+  access.processor.postLogPrivEvent();
+  EXPECT_THAT(logged(), Contains(refused));
+  EXPECT_EQ(server.connections(), 0);
+  lumo::OPXProcessorAccess::takeWaiting();
+}
+
+TEST_F(OpxProcessorLoopback, SessionThatAConnectorSetsIsNotTheMachines) {
+  connectorSays(testsupport::httpReply("200 OK", {"Set-Cookie: .ASPXAUTH=connectors; path=/"}, CODE));
+  script({json(SUCCESS)});
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(access.machineCookie, "");
+  script({session()});
+  access.processor.initProc(PLATFORM);
+  EXPECT_EQ(access.machineCookie, "m-1");
+}
+
 TEST_F(OpxProcessorLoopback, WithoutAnAgentThereIsNoConnector) {
   lumo::Props(false, true).eraseProperty("ferrod.cloud.iwa.url");
   access.processor.initProc(PLATFORM);

@@ -29,9 +29,10 @@ class Platform:
         key, cls.authority = f"{folder}/platform.key", f"{folder}/platform.crt"
         subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
                         "-nodes", "-keyout", key, "-out", cls.authority, "-days", "2", "-subj", "/CN=localhost",
-                        "-addext", "subjectAltName=DNS:localhost"], check=True, capture_output=True)
-        process = subprocess.Popen([program, f"--certificate={cls.authority}", f"--key={key}"], stdout=subprocess.PIPE,
-                                   text=True)
+                        "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1"], check=True, capture_output=True)
+        # A pod has no port of its own, so that the simulator takes that of https.
+        process = subprocess.Popen([program, f"--certificate={cls.authority}", f"--key={key}", "--port=443",
+                                    "--pod-host=127.0.0.1"], stdout=subprocess.PIPE, text=True)
         said = dict(process.stdout.readline().split() for _ in range(3))
         cls.url, cls.control_url = said["platform"], said["control"]
         return process

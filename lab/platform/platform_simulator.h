@@ -32,7 +32,8 @@ struct PlatformOptions {
   // The name by which clients call it; the certificate has to name it.
   std::string hostName = "localhost";
   // The pod to which some users are redirected: "host" or "host:port", led to the same listener. Empty: a listener of
-  // its own on a free port, with the same host name.
+  // its own on a free port, with the same host name. A client of the platform takes no pod with a port: it goes to that
+  // of https, from where the test leads it here.
   std::string podHost;
   // JSON, comments allowed. Empty: PlatformSimulator::defaultScript().
   std::string script;

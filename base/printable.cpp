@@ -78,4 +78,18 @@ std::string printable(std::string_view foreign, std::size_t limit) {
   return out;
 }
 
+std::string printableLines(std::string_view ours) {
+  std::string out;
+  out.reserve(ours.size());
+  for (std::size_t at = 0; at < ours.size();) {
+    const std::size_t end = ours.find('\n', at);
+    if (end == std::string_view::npos) return out + printable(ours.substr(at));
+    const bool returns = end > at && ours[end - 1] == '\r';
+    out += printable(ours.substr(at, end - at - (returns ? 1 : 0)));
+    out += returns ? "\r\n" : "\n";
+    at = end + 1;
+  }
+  return out;
+}
+
 }  // namespace lumo

@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
@@ -16,8 +17,8 @@ constexpr int INFORMATION = 2;
 int validateIntValue(const std::string& value, const std::string& optionName, const char* loggerName) {
   const std::string digits = value.substr(startsWith(value, "-", false, false) ? 1 : 0);
   if (!digits.empty() && digits.find_first_not_of(DIGITS) == std::string::npos) return result::Success;
-  const std::string text =
-      VS("%s option requires a valid integer value: %s is not allowed", optionName.c_str(), value.c_str());
+  const std::string text = VS("%s option requires a valid integer value: %s is not allowed", optionName.c_str(),
+                              lumo::printable(value).c_str());
   LUMO_LOG(getLogger(loggerName, false), DEBUG, "%s", text.c_str());
   std::cerr << text << std::endl;
   return result::Usage;

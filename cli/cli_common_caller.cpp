@@ -7,6 +7,7 @@
 #include <string>
 
 #include "basalt/join_state.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 
@@ -32,7 +33,7 @@ void detect_progname() {
 int rootCheck(const char* loggerName) {
   if (getuid() == 0) return result::Success;
   if (__progname == nullptr || *__progname == '\0') detect_progname();
-  const std::string text = VS("Error: %s may only be run by root.", __progname);
+  const std::string text = VS("Error: %s may only be run by root.", lumo::printable(__progname).c_str());
   LUMO_LOG(getLogger(loggerName, false), DEBUG, "%s", text.c_str());
   std::cerr << text << std::endl;
   return result::NotRoot;

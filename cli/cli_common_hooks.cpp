@@ -11,6 +11,7 @@
 #include "basalt/child_process.h"
 #include "basalt/file_security.h"
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
 
@@ -72,7 +73,7 @@ PostCommandHook::~PostCommandHook() {
 
 void PostCommandHook::report(const std::string& text) const {
   LUMO_LOG(logger, DEBUG, "%s", text.c_str());
-  if (verbose) std::cerr << text << std::endl;
+  if (verbose) std::cerr << lumo::printable(text) << std::endl;
 }
 
 void PostCommandHook::runCommand(const std::string& commandLine) {
@@ -111,7 +112,7 @@ void CommandOutputReader::output(bool showMode0) {
   std::string line;
   while (std::getline(input, line)) {
     LUMO_LOG(logger, row.level, "%s", line.c_str());
-    if (!row.onRequest || showMode0) *row.console << line << '\n';
+    if (!row.onRequest || showMode0) *row.console << lumo::printable(line) << '\n';
   }
   row.console->flush();
   input.clear();

@@ -13,6 +13,7 @@
 #include <exception>
 
 #include "basalt/kerberos_abandoned.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 
@@ -197,7 +198,7 @@ int guardedMain(int argc, char** argv) {
   try {
     return main2(argc, argv);
   } catch (const std::exception& failure) {
-    return failed(std::string("Error: ") + failure.what());
+    return failed("Error: " + lumo::printable(failure.what()));
   } catch (...) {
     return failed("Error: Unknown exception");
   }

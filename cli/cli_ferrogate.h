@@ -44,7 +44,8 @@ void printUsage();
 int readCommandOptions(int letter, int argc, char** argv, CommandOptions& record);
 
 // cli_ferrogate_report.cpp: logs the text at the level with the place of the call, then writes it and one newline to
-// standard error.
+// standard error. Of what these three write, control characters and the like come out escaped, but for line feeds:
+// foreign parts of a text go through lumo::printable before they come here.
 void reportAt(int level, const char* file, int line, const char* function, const std::string& text);
 #define FERRO_REPORT(level, text) reportAt((level), __FILE__, __LINE__, __func__, (text))
 // Logs the text at level 1; where `console` is set, also writes it and one newline to standard error.

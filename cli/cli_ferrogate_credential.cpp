@@ -5,6 +5,7 @@
 #include "basalt/prompt.h"
 #include "basalt/protected_credential.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "cli/cli_common.h"
 #include "cli/cli_ferrogate.h"
 
@@ -21,10 +22,10 @@ int getCredential(CommandOptions& record, int mask) {
     }
     return result::Success;
   } catch (const lumo::FileSecurityException& failure) {
-    FERRO_NOTE(record.verbose, std::string("A file security problem: ") + failure.what());
+    FERRO_NOTE(record.verbose, "A file security problem: " + lumo::printable(failure.what()));
     return result::NoCredential;
   } catch (const LUMOException& failure) {
-    FERRO_NOTE(record.verbose, std::string(failure.what()) + ".");
+    FERRO_NOTE(record.verbose, lumo::printable(failure.what()) + ".");
     return result::GetCredentialFailed;
   }
 }
@@ -36,7 +37,7 @@ int storeCredential(const CommandOptions& record) {
     credential.storeToFile();
     return result::Success;
   } catch (const LUMOException& failure) {
-    FERRO_NOTE(record.verbose, std::string(failure.what()) + ".");
+    FERRO_NOTE(record.verbose, lumo::printable(failure.what()) + ".");
     return result::SetCredentialFailed;
   }
 }
@@ -61,7 +62,7 @@ int handleCredentialCommand(int ch) {
   if (code != result::Success) return code;
   const std::string_view text =
       ch == 'p' ? std::string_view(record.password.data(), record.password.size()) : std::string_view(record.username);
-  // The callers of this command read the bare text from standard error.
+  // The callers of this command read the bare text from standard error: it is data, and nothing in it is escaped.
   std::fwrite(text.data(), 1, text.size(), stderr);
   return result::Success;
 }

@@ -1,6 +1,7 @@
 // What a person reads on the two streams, and its record in the log.
 #include <cstdio>
 
+#include "base/include/printable.h"
 #include "cli/cli_ferrogate.h"
 
 namespace {
@@ -12,7 +13,7 @@ void logText(int level, const char* file, int line, const char* function, const 
 
 void printError(const std::string& text) {
   // One write: lines of other processes on the same terminal do not come in between.
-  const std::string line = text + "\n";
+  const std::string line = lumo::printableLines(text) + "\n";
   std::fflush(stdout);
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
@@ -30,6 +31,7 @@ void noteAt(bool console, const char* file, int line, const char* function, cons
 }
 
 void printOut(const std::string& text) {
-  std::fwrite(text.data(), 1, text.size(), stdout);
+  const std::string shown = lumo::printableLines(text);
+  std::fwrite(shown.data(), 1, shown.size(), stdout);
   std::fflush(stdout);
 }

@@ -2,6 +2,7 @@
 #include "basalt/kerberos_names.h"
 #include "basalt/protected_credential.h"
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
@@ -63,7 +64,7 @@ int handleDeleteCommand(CommandOptions& record) {
     credential.cleanup();
     return result::Success;
   } catch (const LUMOException& failure) {
-    FERRO_NOTE(record.verbose, std::string(failure.what()) + ".");
+    FERRO_NOTE(record.verbose, lumo::printable(failure.what()) + ".");
     return result::ClearCredentialFailed;
   }
 }
@@ -71,16 +72,18 @@ int handleDeleteCommand(CommandOptions& record) {
 std::string encTypeText(int encType) { return krb5EncTypeName(encType).value_or(VS("0x%04x", encType)); }
 
 int handleListCommand(CommandOptions& record) {
-  const lumo::Properties& settings = lumo::Props(false, false);
-  printOut("Proxy Server: " + settings.getProperty(lumo::PN::CLOUD_PROXY_SERVER) + "\n" +
-           "Proxy Auth Required: " + settings.getProperty(lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, "false") + "\n" +
-           "Proxy Auth Type: " + lower(settings.getProperty(lumo::PN::CLOUD_PROXY_AUTH_TYPE, "AnyAuth")) + "\n");
+  const auto setting = [](const char* name, const char* whenMissing) {
+    return lumo::printable(lumo::Props(false, false).getProperty(name, whenMissing));
+  };
+  printOut("Proxy Server: " + setting(lumo::PN::CLOUD_PROXY_SERVER, "") + "\n" +
+           "Proxy Auth Required: " + setting(lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, "false") + "\n" +
+           "Proxy Auth Type: " + lower(setting(lumo::PN::CLOUD_PROXY_AUTH_TYPE, "AnyAuth")) + "\n");
   if (const int code = getCredential(record, CredentialUser | CredentialKey); code != result::Success) return code;
   if (record.username == MACHINE_MARKER) {
     printOut("Proxy Account: Machine Account\n");
     return result::Success;
   }
-  printOut("Proxy Account: " + record.username + "\n" +
+  printOut("Proxy Account: " + lumo::printable(record.username) + "\n" +
            VS("Credential Encrypted with Key Version: %d\n", record.keyVersion));
   printOut("Credential Encryption Type: " + encTypeText(record.encType) + "\n");
   return result::Success;

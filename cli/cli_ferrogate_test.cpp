@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include "basalt/fips.h"
+#include "base/include/printable.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
@@ -71,13 +72,14 @@ int settleCredential(CommandOptions& record) {
 bool authenticates(const CommandOptions& record) { return record.authRequired == "true"; }
 
 void announce(const CommandOptions& record) {
-  std::string line =
-      "Connection Test to OPX " + maskUrlPassword(record.opxUrl) + " via proxy '" + maskUrlPassword(record.server);
+  using lumo::printable;
+  std::string line = "Connection Test to OPX " + printable(maskUrlPassword(record.opxUrl)) + " via proxy '" +
+                     printable(maskUrlPassword(record.server));
   if (!authenticates(record)) {
     line += "' without authentication";
   } else {
-    line += "' with '" + record.authType + "' authtype and ";
-    line += record.username == MACHINE_MARKER ? "Machine Credential" : "username:'" + record.username + "'";
+    line += "' with '" + printable(record.authType) + "' authtype and ";
+    line += record.username == MACHINE_MARKER ? "Machine Credential" : "username:'" + printable(record.username) + "'";
   }
   FERRO_NOTE(true, line + ".");
 }
@@ -97,7 +99,7 @@ void setUpTrust(CurlObject& connection, const CommandOptions& record) {
   if (store.empty()) store = findCertBundle();
   if (!store.empty()) {
     connection.setOpt(CURLOPT_CAINFO, store);
-    FERRO_NOTE(record.verbose, "Using cert store: " + store);
+    FERRO_NOTE(record.verbose, "Using cert store: " + lumo::printable(store));
   } else if (startsWith(record.opxUrl, "https://", true, false)) {
     FERRO_REPORT(3, "No valid cert store found, OPX connection might fail!");
   }

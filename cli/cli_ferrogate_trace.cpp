@@ -3,10 +3,15 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/include/printable.h"
+
 namespace {
 
 constexpr std::string_view HEADER = "authorization:";
 constexpr std::string_view MASK = "******";
+
+// Bytes of a TLS record or of a binary body that are shown.
+constexpr std::size_t BINARY_SHOWN = 32;
 
 char lowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -57,11 +62,48 @@ bool isRecordPiece(std::string_view text) {
   return first < ' ' && first != '\r' && first != '\n' && first != '\t';
 }
 
+// Is most of it no text? An escaped byte takes two to four characters.
+bool isBinary(std::string_view text) { return lumo::printable(text).size() > 2 * text.size(); }
+
+void appendShort(char mark, std::string_view bytes, std::string& out) {
+  out += mark + lumo::printable(bytes, BINARY_SHOWN) + "\n";
+}
+
+// Escapes one direction's text as it comes in pieces. A peer's line feed within a piece begins a line with the piece's
+// mark, so that no peer writes lines of another mark. What goes out is ours: its lines stand as they are.
+class LineWriter {
+ public:
+  void write(char mark, std::string_view piece, std::string& out) {
+    const std::string text = heldReturn + std::string(piece);
+    // Half a line end? The next piece tells.
+    const bool held = !text.empty() && text.back() == '\r';
+    heldReturn.assign(held ? 1 : 0, '\r');
+    out += mark;
+    std::string_view left = std::string_view(text).substr(0, text.size() - heldReturn.size());
+    for (auto end = left.find('\n'); end != std::string_view::npos; end = left.find('\n')) {
+      out += lumo::printableLines(left.substr(0, end + 1));
+      left.remove_prefix(end + 1);
+      if (!left.empty() && mark != '>') out += mark;
+    }
+    out += lumo::printable(left);
+  }
+
+ private:
+  std::string heldReturn;
+};
+
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  if (from.empty() || from == to) return;
   for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);
   }
 }
+
+// What is remembered of one direction from piece to piece.
+struct Direction {
+  HeaderMasker masker;
+  LineWriter lines;
+};
 
 }  // namespace
 
@@ -82,20 +124,25 @@ std::string maskUrlPassword(const std::string& address) {
 }
 
 std::string maskedTrace(const std::vector<std::string>& debugLines, const std::vector<std::string>& addresses) {
-  HeaderMasker incoming;
-  HeaderMasker outgoing;
+  Direction incoming;
+  Direction outgoing;
   std::string trace;
   for (const std::string& line : debugLines) {
     if (line.empty()) continue;
     const std::string_view text = std::string_view(line).substr(1);
-    trace += line.front();
-    HeaderMasker alone;
-    const bool continues = (line.front() == '<' || line.front() == '>') && !isRecordPiece(text);
-    HeaderMasker& direction = line.front() == '<' ? incoming : outgoing;
-    (continues ? direction : alone).feed(text, trace);
-  }
-  for (const std::string& address : addresses) {
-    if (const std::string masked = maskUrlPassword(address); masked != address) replaceAll(trace, address, masked);
+    const bool record = isRecordPiece(text);
+    Direction alone;
+    const bool continues = (line.front() == '<' || line.front() == '>') && !record;
+    Direction& direction = !continues ? alone : line.front() == '<' ? incoming : outgoing;
+    std::string masked;
+    direction.masker.feed(text, masked);
+    // Before anything is escaped: an escaped address would no longer be found.
+    for (const std::string& address : addresses) replaceAll(masked, address, maskUrlPassword(address));
+    if (record || isBinary(masked)) {
+      appendShort(line.front(), masked, trace);
+    } else {
+      direction.lines.write(line.front(), masked, trace);
+    }
   }
   return trace;
 }

@@ -1,6 +1,7 @@
 // The dialogue's records: which challenge is open, which is done.
 #include <algorithm>
 
+#include "base/include/printable.h"
 #include "cloud/include/cloud_auth.h"
 
 CloudAuth::CloudAuth(const std::string& url, std::string restVersion, const std::string& user)
@@ -46,7 +47,7 @@ CloudAuthMechanism* CloudAuth::findMechanism(const std::string& mechanismId, Clo
       [&mechanismId](const CloudAuthMechanism& mechanism) { return mechanism.mechanismId == mechanismId; });
   if (found == challenge.mechanisms.end()) {
     LUMO_THROW(lumo::CloudException, -1, "Failed to locate the mechanism '%s' in current challenge.",
-               mechanismId.c_str());
+               lumo::printable(mechanismId).c_str());
   }
   return &*found;
 }

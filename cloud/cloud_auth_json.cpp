@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "base/include/printable.h"
 #include "cloud/cloud_auth_reader.h"
 #include "cloud/include/cloud_auth.h"
 
@@ -64,7 +65,7 @@ void CloudAuth::getJsonString(const rapidjson::Value& object, std::string_view k
   const rapidjson::Value& value = member(object, key);
   if (!value.IsString()) {
     LUMO_THROW(lumo::CloudException, -1, "Errors in parsing result from Json: '%s' does NOT exist",
-               std::string(key).c_str());
+               lumo::printable(key).c_str());
   }
   out.assign(value.GetString(), value.GetStringLength());
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "cloud/cloud_auth_mechanisms.h"
 #include "cloud/cloud_auth_v1.h"
 #include "cloud/lookup.h"
@@ -155,7 +156,7 @@ int CloudAuthV1::parsePolicy() {
   getJsonString(result, "Version", format);
   if (format != POLICY_FORMAT) {
     LUMO_THROW(lumo::CloudException, -1, "Errors in parsing policy from Json: 'Version' = '%s' but NOT V1",
-               format.c_str());
+               lumo::printable(format).c_str());
   }
   const Value& elements = member(result, "Challenges");
   if (!elements.IsArray() || elements.Empty()) {

@@ -1,6 +1,7 @@
 // The machine's session, and with it the user's.
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "base/include/wipe.h"
 #include "cloud/cloud_auth_v1s.h"
@@ -67,7 +68,7 @@ int CloudAuthV1S::readCode(std::string& otc, std::string& errorMessage) {
   std::string result;
   getJsonString(document, SITE_CHECK_RESULT, result);
   if (result != SITE_CHECK_SUCCESS) {
-    errorMessage = VS("SiteCheck result is not 'success'(%s).", result.c_str());
+    errorMessage = VS("SiteCheck result is not 'success'(%s).", lumo::printable(result).c_str());
     return 0;
   }
   LUMO_LOG(logger(), 1, "siteCheck: complete successfully");

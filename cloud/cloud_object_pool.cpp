@@ -9,6 +9,7 @@
 #include "basalt/clock.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
+#include "base/include/printable.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
 #include "cloud/include/curl_object.h"
@@ -246,7 +247,7 @@ std::string CloudCurlPool::dump() {
   const lumo::Lock lock(poolMutex);
   std::string report = "==============Morvane MFA Service Connections Info============\n";
   const auto line = [&report](const char* label, const std::string& value) {
-    report.append(label).append(value).append("\n");
+    report.append(label).append(lumo::printable(value)).append("\n");
   };
   line("Morvane MFA Service Connections maximum: ", uitoa(maxConnections, 10));
   line("Current count: ", uitoa(connections.size(), 10));

@@ -1,5 +1,5 @@
 // Frames of the local RPC, fed in pieces of every size. A frame that comes out must frame again to the bytes it came
-// from.
+// from, and what is said of a message can be printed.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "base/include/exceptions.h"
+#include "fuzz/shown_text.h"
 #include "quill/rpc_frame.h"
 #include "quill/rpc_message.h"
 
@@ -14,6 +15,9 @@ namespace {
 
 void readMessage(const std::string& content) {
   const auto decoded = lumo::decodeRequest(content);
+  if (const auto* refusal = std::get_if<lumo::RpcReply>(&decoded)) {
+    requireShown(std::get<lumo::RpcFault>(refusal->result).message, false);
+  }
   if (const auto* request = std::get_if<lumo::RpcRequest>(&decoded)) {
     const auto again = lumo::decodeRequest(lumo::encodeRequest(*request));
     const auto* same = std::get_if<lumo::RpcRequest>(&again);
@@ -26,8 +30,10 @@ void readMessage(const std::string& content) {
     const lumo::RpcReply reply = lumo::decodeReply(content, lumo::RpcResultForm::Json);
     lumo::encodeReply(reply);
     lumo::encodeReply(lumo::decodeReply(content));
-  } catch (const lumo::IPCException&) {
-  } catch (const lumo::BadDataException&) {
+  } catch (const lumo::IPCException& failure) {
+    requireShown(failure.what(), false);
+  } catch (const lumo::BadDataException& failure) {
+    requireShown(failure.what(), false);
   }
 }
 

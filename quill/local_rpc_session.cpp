@@ -113,7 +113,7 @@ class LocalRpcSession::Impl {
     RpcResult result = exchange(request);
     if (const auto* fault = std::get_if<RpcFault>(&result)) {
       LUMO_THROW(IPCException, fault->code, "The agent could not serve %s: %s", rpcMethodName(request).c_str(),
-                 fault->message.c_str());
+                 printable(fault->message).c_str());
     }
     return result;
   }

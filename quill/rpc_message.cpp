@@ -8,6 +8,7 @@
 #include <array>
 
 #include "base/include/exceptions.h"
+#include "base/include/printable.h"
 #include "base/include/wipe.h"
 #include "quill/rpc_raw.h"
 #include "quill/rpc_text.h"
@@ -205,7 +206,7 @@ std::string encodeOwn(const RpcRequest& request) {
 Value faultToJson(const RpcFault& fault, Allocator& allocator) {
   Value error(rapidjson::kObjectType);
   error.AddMember("code", fault.code, allocator);
-  error.AddMember("message", name(rpc::printable(fault.message), allocator), allocator);
+  error.AddMember("message", name(lumo::printable(fault.message), allocator), allocator);
   return error;
 }
 

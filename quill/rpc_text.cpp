@@ -52,14 +52,6 @@ bool isUtf8(const std::string& bytes) {
   return true;
 }
 
-std::string printable(const std::string& text) {
-  if (isUtf8(text)) return text;
-  std::string ascii = text;
-  std::replace_if(
-      ascii.begin(), ascii.end(), [](char c) { return static_cast<unsigned char>(c) > 0x7f; }, '?');
-  return ascii;
-}
-
 rapidjson::Value toJson(const std::string& bytes, rapidjson::Document::AllocatorType& allocator) {
   const auto string = [&allocator](const std::string& text) {
     return rapidjson::Value(text.data(), static_cast<rapidjson::SizeType>(text.size()), allocator);

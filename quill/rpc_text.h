@@ -14,7 +14,5 @@ rapidjson::Value toJson(const std::string& bytes, rapidjson::Document::Allocator
 std::optional<std::string> bytesFrom(const rapidjson::Value& value);
 
 bool isUtf8(const std::string& bytes);
-// The text with every byte that is not ASCII replaced by '?' unless all of it is UTF-8.
-std::string printable(const std::string& text);
 
 }  // namespace lumo::rpc

@@ -16,4 +16,8 @@ std::string printable(std::string_view foreign);
 // The same for at most `limit` bytes of the text, cut between characters; "..." follows where something was cut.
 std::string printable(std::string_view foreign, std::size_t limit);
 
+// The same, but line feeds stay, also those behind a carriage return: for a text whose line ends are ours, as the last thing before it is printed. A foreign
+// part that may hold a line feed of its own goes through `printable` before it becomes part of such a text.
+std::string printableLines(std::string_view ours);
+
 }  // namespace lumo

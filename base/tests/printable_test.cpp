@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 using lumo::printable;
+using lumo::printableLines;
 
 TEST(Printable, OrdinaryTextStaysAsItIs) {
   EXPECT_EQ(printable(""), "");
@@ -35,6 +36,18 @@ TEST(Printable, BytesThatAreNotUtf8AreEscaped) {
   EXPECT_EQ(printable("\xE0\x80\x8A"), "\\xe0\\x80\\x8a");
   EXPECT_EQ(printable("\xED\xA0\x80"), "\\xed\\xa0\\x80");
   EXPECT_EQ(printable("\xF4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
+}
+
+TEST(Printable, OurOwnLineEndsStayAndAllElseIsEscaped) {
+  EXPECT_EQ(printableLines(""), "");
+  EXPECT_EQ(printableLines("one\ntwo\n\n"), "one\ntwo\n\n");
+  EXPECT_EQ(printableLines("one\r\n\x1b[2Jtwo\rthree\r\r\n"), "one\r\n\\x1b[2Jtwo\\rthree\\r\r\n");
+}
+
+TEST(Printable, WhatIsEscapedStaysAsItIsWhenItIsEscapedAgain) {
+  const std::string once = printable("a\n\x1b\xff\\");
+  EXPECT_EQ(printable(once), once);
+  EXPECT_EQ(printableLines(once), once);
 }
 
 TEST(Printable, ALimitCutsBetweenCharacters) {

@@ -46,6 +46,13 @@ TEST_F(CliCommonArguments, AnythingElseIsRefusedWithItsTextAsGiven) {
   }
 }
 
+TEST_F(CliCommonArguments, ARefusedValueIsShownEscaped) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(validateIntValue("1\n\x1b[2J", "--count", "cli.someone"), 7);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "--count option requires a valid integer value: 1\\n\\x1b[2J is not allowed\n");
+}
+
 TEST_F(CliCommonArguments, JoinedBySingleBlanksBehindTheProgramsName) {
   EXPECT_EQ(join({"tool", "a", "b"}), "a b");
   EXPECT_EQ(join({"tool", "a"}), "a");

@@ -190,6 +190,13 @@ TEST_F(PostCommandHookTest, AnEmptyCommandLineIsPassedOverInSilence) {
   EXPECT_THAT(records(), IsEmpty());
 }
 
+TEST_F(PostCommandHookTest, ACommandLineIsShownEscaped) {
+  testing::internal::CaptureStderr();
+  PostCommandHook("join", logger(), true).runCommand("/nowhere/\x1b[2J\nforged");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Security check failed and Post-command-hook /nowhere/\\x1b[2J\\nforged will not be executed.\n");
+}
+
 TEST_F(PostCommandHookTest, TheHookHasTheCommandsStreams) {
   const std::string hook = script("talks", "#!/bin/sh\necho out; echo err >&2\n");
   PostCommandHook post("join", logger(), false);
@@ -260,6 +267,10 @@ TEST_F(CommandOutputReaderTest, LogsEveryLineAtItsModesLevel) {
     const std::string start = std::string(mode == 3 ? "WARN" : "DEBUG") + " cli.someone: ";
     EXPECT_THAT(records(), ElementsAre(start + "a", start + "%s")) << mode;
   }
+}
+
+TEST_F(CommandOutputReaderTest, EscapesWhatCouldActOnATerminal) {
+  EXPECT_EQ(relayed(1, false, "a\x1b[2J\r\nb\x07"), Streams("a\\x1b[2J\\r\nb\\x07\n", ""));
 }
 
 TEST_F(CommandOutputReaderTest, KeepsEmptyLinesAndTheLastOneWithoutANewline) {

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "base/include/printable.h"
 #include "cli/tests/tool_host.h"
 #include "testsupport/http_server.h"
 
@@ -23,7 +24,8 @@ inline const testsupport::HttpReply OK = testsupport::httpReply("200 OK", {}, "h
 class Connection : public JoinedHost {
  protected:
   static std::string announced(const std::string& url, const std::string& server) {
-    return "Connection Test to OPX " + url + " via proxy '" + server + "' without authentication.\n";
+    return "Connection Test to OPX " + lumo::printable(url) + " via proxy '" + lumo::printable(server) +
+           "' without authentication.\n";
   }
   static Outcome passed(const std::string& url, const std::string& server, const std::string& more = {}) {
     return {0, "Connection to OPX is successful.\n\n", announced(url, server) + more};

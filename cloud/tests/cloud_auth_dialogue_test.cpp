@@ -108,6 +108,8 @@ TEST_F(Dialogue, AMechanismIsFoundInItsOwnChallengeAlone) {
   EXPECT_EQ(AuthClient::findMechanism("b", client.challenges[0]), &client.challenges[0].mechanisms[1]);
   EXPECT_EQ(failureOf([this] { AuthClient::findMechanism("c", client.challenges[0]); }),
             "CloudException -1 Failed to locate the mechanism 'c' in current challenge.");
+  EXPECT_EQ(failureOf([this] { AuthClient::findMechanism("c\n\x1b[2J", client.challenges[0]); }),
+            "CloudException -1 Failed to locate the mechanism 'c\\n\\x1b[2J' in current challenge.");
 }
 
 TEST_F(Dialogue, HasNoCookiesToKeep) {

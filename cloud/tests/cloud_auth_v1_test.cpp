@@ -260,6 +260,9 @@ TEST_F(V1Policy, OtherVersionsAreRefused) {
         parsed(changed(policy(challenge(mechanism("UP"))), "/Result/Version", std::string("\"") + version + "\"")),
         std::string("CloudException -1 Errors in parsing policy from Json: 'Version' = '") + version + "' but NOT V1");
   }
+  EXPECT_EQ(
+      parsed(changed(policy(challenge(mechanism("UP"))), "/Result/Version", R"("2\n\u001b[2J\u202e")")),
+      "CloudException -1 Errors in parsing policy from Json: 'Version' = '2\\n\\x1b[2J\\xe2\\x80\\xae' but NOT V1");
   EXPECT_THAT(client.challenges, IsEmpty());
   EXPECT_EQ(parsed(changed(policy(""), "/Result/Version", "\"" + std::string(1 << 20, 'v') + "\"")),
             ("CloudException -1 Errors in parsing policy from Json: 'Version' = '" + std::string(600, 'v'))

@@ -99,6 +99,8 @@ TEST_F(MachineSignInLoopback, AnswersOfTheConnector) {
       {json(R"({"result":"success","otc":"CODE-1")"), 200, 0, "before", noClosing},
       {json(R"(} "result":"success" {)"), 200, 0, "before", noClosing},
       {json(R"({"result":"failure","otc":"CODE-1"})"), 200, 0, "before", "SiteCheck result is not 'success'(failure)."},
+      {json(R"({"result":"no\n\u001b[2J","otc":"CODE-1"})"), 200, 0, "before",
+       "SiteCheck result is not 'success'(no\\n\\x1b[2J)."},
       {json(R"({"result":"Success","otc":"CODE-1"})"), 200, 0, "before", "SiteCheck result is not 'success'(Success)."},
       {json(R"({"result":"","otc":"CODE-1"})"), 200, 0, "before", "SiteCheck result is not 'success'()."},
       {httpReply("500 Internal Server Error", {}, R"({"result":"success","otc":"CODE-1"})"), 500, 0, "before",

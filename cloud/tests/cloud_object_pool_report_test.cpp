@@ -18,6 +18,17 @@ TEST_F(CurlPoolTest, ReportOfAnEmptyPool) {
             "Connections: \n");
 }
 
+TEST_F(CurlPoolTest, ReportHasNoLinesOfAUsersMaking) {
+  limit(20);
+  take(1);
+  access.connections.begin()->second = {true, 0, "eve\n       Occupied: No\x1b[2J", "login\xff\r"};
+  const std::string report = access.pool.dump();
+  EXPECT_NE(report.find("       User name: eve\\n       Occupied: No\\x1b[2J\n"
+                        "       Program name: login\\xff\\r\n"),
+            std::string::npos)
+      << report;
+}
+
 TEST_F(CurlPoolTest, ReportOfIdleOccupiedAndExpiredConnections) {
   clock.set(std::chrono::system_clock::from_time_t(4000000000));  // more than 31 bits hold
   limit(20);

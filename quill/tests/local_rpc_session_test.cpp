@@ -117,6 +117,11 @@ TEST(LocalRpcSession, AnErrorReplyIsAnIPCExceptionAndTheSessionGoesOn) {
   EXPECT_EQ(session.getFipsMode(), 0);
 }
 
+TEST(LocalRpcSession, TheWordsOfAnAgentAreEscaped) {
+  EXPECT_EQ(answerTo(raw::reply(R"("id":1,"error":{"code":-1,"message":"no\nforged\u001b[2J"})")),
+            "The agent could not serve authenticateProcess: no\\nforged\\x1b[2J");
+}
+
 TEST(LocalRpcSession, AnAgentThatTalksNonsenseIsAnIPCException) {
   EXPECT_EQ(answerTo(rpcFrame("garbage")), "The agent's reply is no JSON: Invalid value. (byte 0)");
   EXPECT_EQ(answerTo(raw::reply(R"("id":7,"result":true)")), "The agent's reply answers request 7, not 1");

@@ -202,7 +202,7 @@ TEST(RpcMessage, RepliesHaveTheirExactText) {
   EXPECT_EQ(encodeReply({std::nullopt, RpcFault{-32001, "no"}}),
             R"({"jsonrpc":"2.0","id":null,"error":{"code":-32001,"message":"no"}})");
   EXPECT_EQ(encodeReply({5, RpcFault{-32000, "caf\xe9"}}),
-            R"({"jsonrpc":"2.0","id":5,"error":{"code":-32000,"message":"caf?"}})");
+            R"({"jsonrpc":"2.0","id":5,"error":{"code":-32000,"message":"caf\\xe9"}})");
   EXPECT_EQ(encodeReply({6, RpcFault{-32000, "caf\xc3\xa9"}}),
             "{\"jsonrpc\":\"2.0\",\"id\":6,\"error\":{\"code\":-32000,\"message\":\"caf\xc3\xa9\"}}");
 }

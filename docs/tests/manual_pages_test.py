@@ -121,6 +121,38 @@ class Configuration(unittest.TestCase):
         self.assertEqual(re.findall(bundles, tree.section(FILE, "Platform")), wanted)
 
 
+class Advice(unittest.TestCase):
+    """What costs an administrator hours where no page says it."""
+
+    def says(self, page, section, head, *words):
+        for one, body in tree.items(tree.section(page, section)):
+            if one.startswith(head):
+                text = re.sub(r"\s+", " ", re.sub(r"^\.(?:Ql|Cm|Pa|Sy|Xr|Fl|Ar) ", "", body, flags=re.M))
+                for word in words:
+                    self.assertIn(word, text, head)
+                return
+        self.fail(f"{page} has no item {head} in {section}")
+
+    def test_of_the_sign_in_at_a_connector(self):
+        self.says(FILE, "Connectors", "Cm ferrod.cloud.iwa.url", "The port must stand in it", "dNSHostName")
+        self.assertIn("dNSHostName", tree.section(FILE, "Connectors").split(".Bl")[0])
+
+    def test_of_events(self):
+        self.says(FILE, "Connectors", "Cm ferrod.cloud.log.privevent", "without a URL there none is sent",
+                  "distribution's bundle", "OPX.processor")
+
+    def test_of_the_proxys_name_and_scheme(self):
+        self.says(TOOL, "Options", "Fl -server", "alias needs a service name", "https://", "ferrod.cloud.cert.store")
+
+    def test_of_clocks_keytabs_and_the_log(self):
+        self.says(TOOL, "DIAGNOSTICS", "Status 6", "A clock that is off does not show there")
+        self.says(TOOL, "DIAGNOSTICS", "Status 10", "kerberos method = secrets and keytab", "net ads keytab create")
+        self.says(TOOL, "DIAGNOSTICS", "Status 162", "does not show it", "lower case", "-authtype Cm negotiate")
+
+    def test_of_a_password_by_standard_input(self):
+        self.assertIn("setsid -w ferrogate --set", tree.section(TOOL, "SECURITY CONSIDERATIONS"))
+
+
 class Rendering(unittest.TestCase):
     def silent(self, *command):
         for page in (TOOL, FILE):

@@ -51,6 +51,17 @@ TEST(KerberosData, WipesItsBytesBeforeTheyAreFreedWhereItIsToldTo) {
   EXPECT_EQ(bytesAt(place, rest), std::string(rest, '\0'));
 }
 
+TEST(KerberosData, WipesItsBytesWhenItEnds) {
+  const std::string secret(64, 't');
+  const char* place = nullptr;
+  {
+    KerberosData data;
+    data.assign(secret.data(), secret.size(), true);
+    place = data.bytes() + 16;
+  }
+  EXPECT_EQ(bytesAt(place, 48), std::string(48, '\0'));
+}
+
 TEST(KerberosData, LeavesAlonePartsOfSomebodyElse) {
   char bytes[] = "secret";
   KerberosData data;

@@ -1,6 +1,10 @@
 #include "cloud/curl_object_callbacks.h"
 
+#include <string.h>
+
 #include "cloud/tests/curl_object_fixture.h"
+#include "testsupport/process_memory.h"
+#include "testsupport/sanitizers.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -65,3 +69,22 @@ TEST_F(CurlObjectTest, DebugTextEndsAtItsFirstZeroByteAndNeverBehindItsSize) {
   CurlObject::debugCallback(object.handle, CURLINFO_TEXT, unterminated.data(), 3, &object);
   EXPECT_THAT(object.debugLines, ElementsAre("*ab", "*xyz"));
 }
+
+#ifndef FERRO_SANITIZED
+TEST_F(CurlObjectTest, BodyIsWipedBeforeItsMemoryIsGivenBack) {
+  using testsupport::placesOf;
+  using testsupport::RARE_LENGTH;
+  using testsupport::rareCharacter;
+  CurlObject object;
+  // The first bytes of memory that was given back are the allocator's.
+  std::string beginning(64, 'x');
+  CurlCallbacks::write(beginning.data(), 1, beginning.size(), &object);
+  char body[RARE_LENGTH];
+  for (unsigned i = 0; i < RARE_LENGTH; ++i) body[i] = rareCharacter(i);
+  EXPECT_EQ(CurlCallbacks::write(body, 1, RARE_LENGTH, &object), size_t{RARE_LENGTH});
+  explicit_bzero(body, RARE_LENGTH);
+  EXPECT_EQ(placesOf(RARE_LENGTH, &rareCharacter).size(), 1u);
+  object.forgetExchange();
+  EXPECT_EQ(placesOf(RARE_LENGTH, &rareCharacter).size(), 0u);
+}
+#endif

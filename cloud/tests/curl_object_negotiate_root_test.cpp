@@ -138,6 +138,17 @@ TEST_F(NegotiateRoot, ProxysOwnTokenIsChecked) {
   EXPECT_THAT(log.text(), HasSubstr("WARN cloud.proxy.gss: The proxy's Negotiate token does not fit the exchange."));
 }
 
+TEST_F(NegotiateRoot, TokenOfTheWebServerIsNotTakenForTheProxys) {
+  HttpServer proxy([handler = negotiateProxy()](const HttpRequest& request) {
+    if (request.method() == "CONNECT") return handler(request);
+    return httpReply("200 OK", {"Proxy-Authenticate: Negotiate " + encoded("no token")}, "in");
+  });
+  CurlObject object;
+  object.setProxy(proxy.address(), "negotiate", "alice@CORP.EXAMPLE.TEST", lumo::Shredder2("alice-pw"));
+  EXPECT_THAT(object.perform(TARGET, "", 0), Pair(200, "in"));
+  EXPECT_THAT(log.text(), Not(HasSubstr("does not fit the exchange")));
+}
+
 TEST_F(NegotiateRoot, SecretsAreNotInTheLog) {
   HttpServer proxy(negotiateProxy({"Basic realm=\"x\""}));
   CurlObject object;

@@ -1,4 +1,4 @@
-// The one repeat of a request that failed at a Negotiate proxy, and what the choice of a type leaves in the log.
+// The one repeat of a request that failed at a Negotiate proxy, and how the choice of proxy and type is respected.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -78,4 +78,24 @@ TEST_F(CurlRetryTest, UnknownTypeIsNamedOnce) {
               ElementsAre("WARN The proxy authentication type 'neg\\notiate' is unknown and counts as 'anyauth'."));
   choose("Kerberos5");
   EXPECT_THAT(warnings(), SizeIs(1)) << "the setting was changed twice";
+}
+
+TEST_F(CurlRetryTest, HostThatACallerTakesOutOfTheProxyIsAskedDirectly) {
+  HttpServer server([](const HttpRequest&) { return httpReply("200 OK", {}, "direct"); });
+  object.setProxy(proxy.address(), "", "", lumo::Shredder2());
+  object.setOpt(CURLOPT_NOPROXY, "127.0.0.1");
+  EXPECT_EQ(object.perform("http://" + server.address() + "/", "", 0).second, "direct");
+  EXPECT_EQ(proxy.connections(), 0);
+}
+
+TEST_F(CurlRetryTest, BasicIsSentOnAnObjectThatUsedNegotiateBefore) {
+  HttpServer basic([](const HttpRequest& request) {
+    if (request.method() != "CONNECT") return httpReply("200 OK", {}, "in");
+    if (!request.header("Proxy-Authorization").empty()) return testsupport::tunnelReply();
+    return httpReply("407 Proxy Authentication Required", {"Proxy-Authenticate: Basic realm=\"x\""});
+  });
+  object.setProxy(proxy.address(), "negotiate", ALICE, lumo::Shredder2("secret"));
+  EXPECT_THROW(object.perform(TARGET, "", 0), lumo::CurlException);
+  object.setProxy(basic.address(), "basic", "alice", lumo::Shredder2("secret"));
+  EXPECT_EQ(object.perform(TARGET, "", 0).second, "in");
 }

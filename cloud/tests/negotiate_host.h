@@ -3,6 +3,7 @@
 
 #include <gssapi/gssapi_ext.h>
 #include <gssapi/gssapi_krb5.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <functional>
@@ -33,8 +34,9 @@ inline std::string encoded(const std::string& bytes) { return toBase64(bytes.dat
 
 // What the accepting side made of one token.
 struct Accepted {
-  std::string client;  // empty: refused
-  std::string reply;   // bytes of the answering token
+  std::string client;   // empty: refused
+  std::string reply;    // bytes of the answering token
+  OM_uint32 flags = 0;  // what the client asked for
 };
 
 inline Accepted acceptToken(const std::string& token) {
@@ -51,7 +53,7 @@ inline Accepted acceptToken(const std::string& token) {
   gss_ctx_id_t context = GSS_C_NO_CONTEXT;
   gss_name_t client = GSS_C_NO_NAME;
   const OM_uint32 major = gss_accept_sec_context(&minor, &context, credential, &input, GSS_C_NO_CHANNEL_BINDINGS,
-                                                 &client, nullptr, &output, nullptr, nullptr, nullptr);
+                                                 &client, nullptr, &output, &accepted.flags, nullptr, nullptr);
   if (major == GSS_S_COMPLETE) {
     gss_buffer_desc text = GSS_C_EMPTY_BUFFER;
     gss_display_name(&minor, client, &text, nullptr);
@@ -85,6 +87,8 @@ class NegotiateRoot : public testing::Test {
   static void TearDownTestSuite() {
     delete kdc;
     kdc = nullptr;
+    // The next suite's KDC has other keys.
+    for (const char* file : {KEYTAB, lumo::path::MACHINE_KEYTAB, lumo::path::MACHINE_CCACHE}) unlink(file);
   }
 
   NegotiateRoot() {

@@ -19,6 +19,7 @@ foreach(row ${FERRO_MODULES})
 endforeach()
 # Of the tool alone.
 pkg_check_modules(SASL REQUIRED IMPORTED_TARGET libsasl2)
+pkg_check_modules(CRYPTO REQUIRED libcrypto)
 if(FERRO_TESTS)
   find_package(GTest REQUIRED)
   pkg_check_modules(OPENSSL REQUIRED IMPORTED_TARGET openssl)

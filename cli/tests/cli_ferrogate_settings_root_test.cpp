@@ -285,7 +285,9 @@ TEST_F(Settings, KilledAtAnyMomentLeavesTheOldOrTheNewOfEach) {
   constexpr int rounds = 100;
   int credentials = 0;
   int configurations = 0;
-  for (int round = 0; round < rounds; ++round) {
+  int killedBefore = 0;
+  // On a machine that has become busier since the measured run the moments go on until one is late enough for all.
+  for (int round = 0; round < rounds || (configurations == 0 && round < 100 * rounds); ++round) {
     testsupport::writeFile(CREDENTIAL, oldCredential, 0600);
     configure(oldConf);
     Killed({"-S", "-u", "new", "-p", "newpw", "-s", "new:2"})
@@ -299,11 +301,12 @@ TEST_F(Settings, KilledAtAnyMomentLeavesTheOldOrTheNewOfEach) {
     ASSERT_TRUE(now == oldConf || now == newConf) << "round " << round << ": " << now;
     ASSERT_TRUE(now == oldConf || newCredential) << "the settings came before the credential in round " << round;
     credentials += newCredential ? 1 : 0;
+    killedBefore += newCredential ? 0 : 1;
     configurations += now == newConf ? 1 : 0;
   }
   // The moments have covered the run: some were too early for anything, some late enough for all.
   EXPECT_GT(credentials, 0);
-  EXPECT_LT(credentials, rounds);
+  EXPECT_GT(killedBefore, 0);
   EXPECT_GT(configurations, 0);
   // What a killed writer left behind is cleared away by the next one.
   ASSERT_EQ(tool({"-S", "-u", "last", "-p", "x", "-s", "last:3"}), DONE);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "basalt/ad_cache_binding_question.h"
+#include "basalt/canonical_spn.h"
 #include "basalt/clock.h"
 #include "basalt/kerberos_credentials.h"
 #include "basalt/kerberos_machine_cache.h"
@@ -153,6 +154,25 @@ boost::shared_ptr<ADObjectList> ADAgent::searchGCorDC(const std::string& filter,
     const char* const* const attributes = &binding == &m_catalogue ? gcAttributes : dcAttributes;
     return binding.search(whole, base, attributes, 2, 0, cacheOps, false, false);
   });
+}
+
+std::string ADAgent::canonicalServiceName(const std::string& spn) {
+  if (auto known = m_serviceNames.read(spn)) return std::move(*known);
+  const lumo::Lock lock(m_serviceNameMutex);
+  // Whoever was waited for may have asked for the same.
+  if (auto known = m_serviceNames.read(spn)) return std::move(*known);
+  const std::string canonical = askServiceName(spn);
+  m_serviceNames.store(spn, canonical);
+  return canonical;
+}
+
+std::string ADAgent::askServiceName(const std::string& spn) {
+  try {
+    return lumo::canonicalServiceName(spn, m_domain, m_catalogue, &GetAgentDomainBind);
+  } catch (const LUMOException& failure) {
+    LUMO_LOG(logger(), 3, "The service name %s cannot be looked up: %s", lumo::printable(spn).c_str(), failure.what());
+    return {};
+  }
 }
 
 ADBind* GetAgentDomainBind(const std::string& domain, ADBind& binding, void (**deleter)(ADBind*)) {

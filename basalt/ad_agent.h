@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "basalt/ad_cache_binding.h"
+#include "basalt/canonical_spn_memory.h"
 #include "basalt/directory.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/mutex.h"
@@ -70,6 +71,12 @@ class ADAgent {
                                                const char* const* gcAttributes, const char* const* dcAttributes,
                                                int cacheOps);
 
+  // The canonical form of a service principal name, as lumo::canonicalServiceName has it from this agent's bindings;
+  // empty too when the directory cannot be asked, which is logged. Remembered for lumo::SpnMemory::LIFE, an empty one
+  // for MISS_LIFE: such a name is answered at once. Any other waits for the directory, one name at a time; no lock of a
+  // caller should be held. Never throws.
+  std::string canonicalServiceName(const std::string& spn);
+
   // For the transfer's Kerberos side: to be cloned, by any thread.
   KerberosContext& kerberosContext() { return m_kerberos; }
   ADBind* domainBinding() { return dcBinding(); }
@@ -82,9 +89,13 @@ class ADAgent {
   template <class Ask>
   auto inCatalogueOrDomain(const Ask& ask);
 
+  std::string askServiceName(const std::string& spn);
+
   ADCacheBinding m_domain;
   ADCacheBinding m_catalogue;
   KerberosContext m_kerberos;
+  lumo::SpnMemory m_serviceNames;
+  lumo::Mutex m_serviceNameMutex;  // held while a service name is asked for
 
   lumo::Mutex m_siteMutex;  // of all below, held while the site is asked
   std::string m_site;       // written under m_siteNameMutex too

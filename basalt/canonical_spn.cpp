@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"
@@ -126,6 +127,23 @@ bool CanonicalSpn::canonicalize(std::string& out, ADBind& binding, ADBind& catal
     return true;
   }
   return false;
+}
+
+std::string canonicalServiceName(const std::string& spn, ADBind& domain, ADBind& catalogue,
+                                 CanonicalSpn::Lookup lookup) {
+  const CanonicalSpn name(spn);
+  std::string canonical;
+  try {
+    name.canonicalize(canonical, domain, catalogue, lookup);
+    return canonical;
+  } catch (const LUMOException& failure) {
+    if (&domain == &catalogue) throw;
+    LUMO_LOG(getLogger(LOGGER_NAME, false), 1,
+             "The catalogue cannot be asked for the service name %s, asking the domain '%s': %s",
+             printable(spn).c_str(), printable(domain.domain()).c_str(), failure.what());
+  }
+  name.canonicalize(canonical, domain, domain, lookup);
+  return canonical;
 }
 
 }  // namespace lumo

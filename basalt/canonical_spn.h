@@ -32,4 +32,10 @@ class CanonicalSpn {
   std::string m_service, m_host, m_port, m_realm;
 };
 
+// The canonical form of the name as the catalogue or, where it cannot be asked, the controller behind `domain` tells
+// it; of a name in another domain the controller knows nothing. Empty when the name is not valid or nobody knows it.
+// Throws what the controller's binding throws.
+std::string canonicalServiceName(const std::string& spn, ADBind& domain, ADBind& catalogue,
+                                 CanonicalSpn::Lookup lookup);
+
 }  // namespace lumo

@@ -19,6 +19,8 @@ namespace {
 constexpr std::int32_t DEFAULT_CONNECTIONS = 10;
 constexpr std::int32_t DEFAULT_BOUND = 20;
 constexpr std::int32_t DEFAULT_TIMEOUT = 900;  // seconds
+// So often a connection gets the proxy of a setting that changes meanwhile. The last one counts as handed out before.
+constexpr int MAX_ROUNDS = 3;
 
 lumo::Mutex poolMutex;
 
@@ -116,6 +118,21 @@ void CloudCurlPool::setConnProps() {
 }
 
 CurlObject* CloudCurlPool::getCurl(const std::string& userName, const std::string& programName) {
+  HandOut handOut = occupy(userName, programName);
+  try {
+    handOut.curl->headers["X-TZOFF"] = handOut.offset;
+    for (int round = 1;; ++round) {
+      applyProxy(*handOut.curl, handOut.proxy);
+      if (round == MAX_ROUNDS || !renewProxy(handOut)) return handOut.curl;
+    }
+  } catch (...) {
+    // Half set up, it might go on with a proxy's user; and nobody has it, so that it must not count as occupied.
+    drop(handOut.curl);
+    throw;
+  }
+}
+
+CloudCurlPool::HandOut CloudCurlPool::occupy(const std::string& userName, const std::string& programName) {
   const lumo::Lock lock(poolMutex);
   const auto log = logger();
   setConnProps();
@@ -125,16 +142,16 @@ CurlObject* CloudCurlPool::getCurl(const std::string& userName, const std::strin
     LUMO_THROW(lumo::CloudConnException, -1, "Failed to get CURL handle for connection: connections exceeded.");
   }
   const time_t current = now();
-  const std::string& offset = timeZoneOffset(current);
-  LUMO_LOG(log, 1, "Getting CURL connection with timezone offset: '%s' ", offset.c_str());
+  HandOut handOut{nullptr, timeZoneOffset(current), getProxy(), proxyChanges};
+  LUMO_LOG(log, 1, "Getting CURL connection with timezone offset: '%s' ", handOut.offset.c_str());
   const CloudConnEntry entry{true, current, userName, programName};
-  CurlObject* curl = occupyIdle(entry, offset);
-  if (curl == nullptr) curl = occupyNew(entry, offset);
+  handOut.curl = occupyIdle(entry);
+  if (handOut.curl == nullptr) handOut.curl = occupyNew(entry);
   ++occupiedCount;
-  return curl;
+  return handOut;
 }
 
-CurlObject* CloudCurlPool::occupyIdle(const CloudConnEntry& entry, const std::string& offset) {
+CurlObject* CloudCurlPool::occupyIdle(const CloudConnEntry& entry) {
   if (occupiedCount >= connections.size()) return nullptr;
   const auto free =
       std::find_if(connections.begin(), connections.end(), [](const auto& one) { return !one.second.occupied; });
@@ -145,44 +162,51 @@ CurlObject* CloudCurlPool::occupyIdle(const CloudConnEntry& entry, const std::st
   free->second = entry;
   LUMO_LOG(logger(), 1, "Got CURL connection:(%d) for cloud auth.",
            static_cast<int>(std::distance(connections.begin(), free)));
-  try {
-    applyProxy(*free->first);
-    free->first->headers["X-TZOFF"] = offset;
-  } catch (...) {
-    // Half set up, it might go on with a proxy's user; and nobody has it, so that it must not count as occupied.
-    delete free->first;
-    connections.erase(free);
-    throw;
-  }
   return free->first;
 }
 
-CurlObject* CloudCurlPool::occupyNew(const CloudConnEntry& entry, const std::string& offset) {
+CurlObject* CloudCurlPool::occupyNew(const CloudConnEntry& entry) {
   auto curl = std::make_unique<CurlObject>();
   LUMO_LOG(logger(), 1, "Allocated new CURL connection:(%d) for cloud auth.", static_cast<int>(connections.size()));
   curl->headers["Content-Type"] = "application/json";
   curl->headers["X-MORVANE-NATIVE-CLIENT"] = "1";
   curl->headers["X-MRV-SRC"] = "QRS";
-  curl->headers["X-TZOFF"] = offset;
-  applyProxy(*curl);
   connections.emplace(curl.get(), entry);
   return curl.release();
 }
 
-void CloudCurlPool::applyProxy(CurlObject& curl) {
-  LUMO_LOG(logger(), 1, "Set CURL web proxy to: '%s' with auth: '%s'.", proxyServer.c_str(), proxyAuth.c_str());
-  curl.setProxy(proxyServer, proxyAuth, proxyUser, proxyPassword);
+// Without the lock: the directory may be asked for the proxy's service name, the KDC for a ticket.
+void CloudCurlPool::applyProxy(CurlObject& curl, const CloudProxyInfo& proxy) {
+  LUMO_LOG(logger(), 1, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
+           proxy.proxyAuth.c_str());
+  curl.setProxy(proxy.proxyServer, proxy.proxyAuth, proxy.proxyUser, proxy.proxyPassword);
+}
+
+bool CloudCurlPool::renewProxy(HandOut& handOut) {
+  const lumo::Lock lock(poolMutex);
+  if (proxyChanges == handOut.proxyChanges) return false;
+  handOut.proxyChanges = proxyChanges;
+  handOut.proxy = getProxy();
+  return true;
+}
+
+void CloudCurlPool::drop(CurlObject* curl) {
+  const lumo::Lock lock(poolMutex);
+  if (connections.erase(curl) == 0) return dropTaken(curl);
+  --occupiedCount;
+  delete curl;
+}
+
+void CloudCurlPool::dropTaken(CurlObject* curl) {
+  taken.erase(std::remove_if(taken.begin(), taken.end(), [curl](const auto& one) { return one.get() == curl; }),
+              taken.end());
 }
 
 void CloudCurlPool::releaseCurl(CurlObject* curl) {
   if (curl == nullptr) return;
   const lumo::Lock lock(poolMutex);
   const auto found = connections.find(curl);
-  if (found == connections.end()) {
-    taken.erase(std::remove_if(taken.begin(), taken.end(), [curl](const auto& one) { return one.get() == curl; }),
-                taken.end());
-    return;
-  }
+  if (found == connections.end()) return dropTaken(curl);
   try {
     curl->forgetExchange();
     curl->clearProxy(true);
@@ -190,9 +214,7 @@ void CloudCurlPool::releaseCurl(CurlObject* curl) {
     curl->forgetSession();
   } catch (...) {
     // With something of its user left in it nobody else may get it.
-    delete curl;
-    connections.erase(found);
-    --occupiedCount;
+    drop(curl);
     throw;
   }
   LUMO_LOG(logger(), 1, "Release CURL connection:(%d) after cloud auth using.",
@@ -224,6 +246,11 @@ void CloudCurlPool::reapCurls() {
 void CloudCurlPool::setProxy(const CloudProxyInfo& proxy) {
   CloudProxyInfo copy = proxy;
   const lumo::Lock lock(poolMutex);
+  // The same once more is no reason to set up again a connection that is about to be handed out.
+  if (proxyServer != copy.proxyServer || proxyAuth != copy.proxyAuth || proxyUser != copy.proxyUser ||
+      proxyPassword != copy.proxyPassword) {
+    ++proxyChanges;
+  }
   proxyServer = std::move(copy.proxyServer);
   proxyAuth = std::move(copy.proxyAuth);
   proxyUser = std::move(copy.proxyUser);

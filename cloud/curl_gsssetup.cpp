@@ -63,12 +63,24 @@ struct ReleaseBinding {
 using OwnedBinding = std::unique_ptr<ADBinding, ReleaseBinding>;
 
 // Both at the same time: a server takes longer over a sign-in than we do. One after the other where no thread can be
-// had. When neither works, the failure of the first is thrown.
-void connectBoth(ADBinding& first, ADBinding& second) {
+// had. When neither works, the failure of the first is thrown. Returns false when no server of the catalogue is there.
+bool connectBoth(ADBinding& domain, ADBinding& catalogue) {
   const auto open = [](ADBinding* binding) { binding->connect("", "", 0); };
-  std::future<void> beside = std::async(open, &second);  // its destructor waits
-  open(&first);
-  beside.get();
+  std::future<void> beside = std::async(open, &catalogue);  // its destructor waits
+  open(&domain);
+  const auto tell = [](const LUMOException& failure) {
+    LUMO_LOG(logger(), 1, "The controller is asked for service names, since the catalogue is not there: %s",
+             failure.what());
+    return false;
+  };
+  try {
+    beside.get();
+    return true;
+  } catch (const lumo::IOException& failure) {
+    return tell(failure);
+  } catch (const lumo::DNSUnavailableException& failure) {
+    return tell(failure);
+  }
 }
 
 void logNoCredential(const std::exception& failure) {
@@ -233,8 +245,8 @@ void CurlProxyNegotiateHelper::setAllowableEtypes(const std::string& name) {
 
 void CurlProxyNegotiateHelper::releaseSpnBindings() {
   if (ownsSpnBindings) {
+    if (spnGcBinding != spnBinding) releaseBinding(spnGcBinding);
     releaseBinding(spnBinding);
-    releaseBinding(spnGcBinding);
   }
   spnBinding = nullptr;
   spnGcBinding = nullptr;
@@ -257,9 +269,9 @@ void CurlProxyNegotiateHelper::setSpnLooker() {
     OwnedBinding binding(new ADBinding(domain, machineCache, false, "", "", nullptr));
     OwnedBinding catalogue(new ADBinding(domain, machineCache, true, "", "", nullptr));
     spnLookup = &OpenDomainBind;
-    connectBoth(*binding, *catalogue);
+    const bool hasCatalogue = connectBoth(*binding, *catalogue);
     spnBinding = binding.release();
-    spnGcBinding = catalogue.release();
+    spnGcBinding = hasCatalogue ? catalogue.release() : spnBinding;
   } catch (const LUMOException& failure) {
     LUMO_LOG(logger(), 1, "Failed to set bindng and lookup function to canonicalize SPN: %s", failure.what());
     throw;
@@ -269,15 +281,16 @@ void CurlProxyNegotiateHelper::setSpnLooker() {
 std::string CurlProxyNegotiateHelper::canonicalizeSpn(const std::string& spn) {
   // The agent's bindings are asked for anew: they go with the agent, and this object may be kept for longer.
   if (!ownsSpnBindings || spnBinding == nullptr || spnGcBinding == nullptr || spnLookup == nullptr) setSpnLooker();
-  const lumo::CanonicalSpn name(spn);
-  std::string canonical;
-  if (!name.valid() || spnBinding == nullptr || spnGcBinding == nullptr) return canonical;
-  try {
-    name.canonicalize(canonical, *spnBinding, *spnGcBinding, spnLookup);
-  } catch (const LUMOException&) {
-    // A server closes a connection that was idle for long; the next look-up begins with new ones.
-    if (ownsSpnBindings) releaseSpnBindings();
-    throw;
+  if (!ownsSpnBindings) {
+    ADAgent* const agent = ADAgent::GetADAgent(false, true);
+    return agent != nullptr ? agent->canonicalServiceName(spn) : std::string();
   }
-  return canonical;
+  try {
+    return lumo::canonicalServiceName(spn, *spnBinding, *spnGcBinding, spnLookup);
+  } catch (const LUMOException& failure) {
+    LUMO_LOG(logger(), 3, "The service name %s cannot be looked up: %s", lumo::printable(spn).c_str(), failure.what());
+    // A server closes a connection that was idle for long; the next look-up begins with new ones.
+    releaseSpnBindings();
+    return {};
+  }
 }

@@ -57,9 +57,11 @@ class CurlProxyNegotiateHelper {
   bool handleKrb5CCache(const std::vector<std::string>& headerLines);
   // Limits the credential to the encryption types allowed for the realm of a principal name.
   void setAllowableEtypes(const std::string& name);
-  // Opens the bindings for canonicalizeSpn, the agent's or own ones. Throws what these throw.
+  // Opens the bindings for canonicalizeSpn, the agent's or own ones; a catalogue that is not there is replaced by the
+  // domain's controller. Throws what these throw.
   void setSpnLooker();
-  // The canonical form, empty when it cannot be made.
+  // The canonical form, empty when it cannot be made, also because the directory does not answer. An agent remembers
+  // it; else it waits for the directory, so that no lock of a caller should be held. Throws what setSpnLooker throws.
   std::string canonicalizeSpn(const std::string& spn);
   GssSetupFunction setupFunction() const { return &proxyGssSetup; }
 
@@ -81,7 +83,7 @@ class CurlProxyNegotiateHelper {
   lumo::GSSCredential gssCredential;
   ProxyGssCallbacks callbacks;
   ADBind* spnBinding = nullptr;
-  ADBind* spnGcBinding = nullptr;
+  ADBind* spnGcBinding = nullptr;  // spnBinding itself where there is no catalogue
   SpnLookup spnLookup = nullptr;
   bool ownsSpnBindings = false;
 };

@@ -13,7 +13,8 @@ namespace testsupport {
 // scope. Site and failures that the agent is to find at its start are set before.
 class AgentInForce {
  public:
-  explicit AgentInForce(MemoryDirectory& directory, const std::string& domain = "corp.test") : m_directory(directory) {
+  explicit AgentInForce(DirectoryConnector& directory, const std::string& domain = "corp.test")
+      : m_directory(directory) {
     ADAgent::Options options;
     options.domain = domain;
     ADAgent::start(options);

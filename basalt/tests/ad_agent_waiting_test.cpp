@@ -2,79 +2,19 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "testsupport/agent_in_force.h"
+#include "testsupport/held_directory.h"
 #include "testsupport/manual_clock.h"
 #include "testsupport/memory_directory.h"
 
 namespace {
 
 using std::chrono::seconds;
+using testsupport::HeldDirectory;
 using testsupport::MemoryDirectory;
-
-// Gives no answer from `hold` until `letGo`.
-class HeldDirectory : public DirectoryConnector {
- public:
-  explicit HeldDirectory(MemoryDirectory& inner) : m_inner(inner) {}
-
-  void hold() { set(true); }
-  void letGo() { set(false); }
-  // Does somebody wait for an answer?
-  bool awaitQuestion() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_until(lock, std::chrono::system_clock::now() + seconds(20), [&] { return m_waiting > 0; });
-  }
-
-  std::unique_ptr<DirectoryConnection> open(const Target& target) override {
-    return std::make_unique<Connection>(*this, m_inner.open(target));
-  }
-  std::string site(const std::string& domain) override {
-    pass();
-    return m_inner.site(domain);
-  }
-
- private:
-  class Connection : public DirectoryConnection {
-   public:
-    Connection(HeldDirectory& directory, std::unique_ptr<DirectoryConnection> inner)
-        : m_directory(directory), m_inner(std::move(inner)) {}
-    std::vector<ADObjectPtr> search(const DirectorySearch& what) override {
-      m_directory.pass();
-      return m_inner->search(what);
-    }
-    ADObjectPtr rootDse() override { return m_inner->rootDse(); }
-
-   private:
-    HeldDirectory& m_directory;
-    const std::unique_ptr<DirectoryConnection> m_inner;
-  };
-
-  void set(bool held) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_held = held;
-    m_changed.notify_all();
-  }
-  void pass() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    ++m_waiting;
-    m_changed.notify_all();
-    m_changed.wait(lock, [&] { return !m_held; });
-    --m_waiting;
-  }
-
-  MemoryDirectory& m_inner;
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  bool m_held = false;
-  int m_waiting = 0;
-};
 
 class AgentThatWaits : public testing::Test {
  protected:
@@ -125,6 +65,19 @@ TEST_F(AgentThatWaits, AnswersFromMemoryWhileItAsksForSomethingElse) {
   EXPECT_TRUE(isThere(known));
   EXPECT_EQ(known.get(), 1U);
   EXPECT_EQ(other.get(), 0U);
+}
+
+// Whoever asks for a name that is known goes on while somebody else waits for the directory.
+TEST_F(AgentThatWaits, TellsAKnownServiceNameWhileItAsksForAnother) {
+  m_directory.add("CN=p1,DC=corp,DC=test", {{"servicePrincipalName", {"HTTP/p1.corp.test"}}});
+  ASSERT_EQ(m_agent->canonicalServiceName("HTTP/p1.corp.test"), "HTTP/p1.corp.test@CORP.TEST");
+  m_held.hold();
+  ADCacheBinding* const binding = m_agent->dcBinding();
+  auto other = std::async(std::launch::async, [&] { return binding->search({}).size(); });
+  auto known = std::async(std::launch::async, [&] { return m_agent->canonicalServiceName("HTTP/p1.corp.test"); });
+  EXPECT_TRUE(isThere(known));
+  EXPECT_EQ(known.get(), "HTTP/p1.corp.test@CORP.TEST");
+  other.get();
 }
 
 }  // namespace

@@ -31,8 +31,8 @@ struct CloudConnEntry {
   std::string programName;
 };
 
-// The one owner of the process's CurlObjects. Any thread; one recursive lock guards it all, and no exchange over HTTP
-// is made under it. Logs by "cloud.object".
+// The one owner of the process's CurlObjects. Any thread; one recursive lock guards it all. Nothing is waited for under
+// it: no exchange over HTTP, no question to the directory or to a KDC. Logs by "cloud.object".
 class CloudCurlPool {
  public:
   // Built at the first call. At the end of the process its connections stay as they are: a thread may still hold one.
@@ -46,9 +46,11 @@ class CloudCurlPool {
   void setConnProps();
 
   // A connection with the proxy of the last setProxy and the time zone of now, for the caller alone until releaseCurl.
-  // It keeps cookies but no session, headers and trust settings from earlier use. Throws lumo::CloudConnException
-  // "Failed to get CURL handle for connection: connections exceeded." when as many as allowed are out, and
-  // CurlException when libcurl refuses or has no memory, and what CurlObject::setProxy throws.
+  // It keeps cookies but no session, headers and trust settings from earlier use. With a proxy that wants
+  // authentication the caller, and nobody else, waits for the directory and, with "negotiate", for the KDC; a setting
+  // that changes in the meantime is followed. Throws lumo::CloudConnException "Failed to get CURL handle for
+  // connection: connections exceeded." when as many as allowed are out, and CurlException when libcurl refuses or has
+  // no memory, and what CurlObject::setProxy throws.
   CurlObject* getCurl(const std::string& userName, const std::string& programName);
 
   // Takes a connection back: proxy, credential, Kerberos state and session cookie of its user go, and the last reply.
@@ -72,10 +74,23 @@ class CloudCurlPool {
   CloudCurlPool();
   ~CloudCurlPool();
 
-  // The first idle connection, occupied with that entry, or null when there is none; `offset` is that of the time zone.
-  CurlObject* occupyIdle(const CloudConnEntry& entry, const std::string& offset);
-  CurlObject* occupyNew(const CloudConnEntry& entry, const std::string& offset);
-  void applyProxy(CurlObject& curl);
+  // A connection that is occupied for its caller, and what it is to be set up with.
+  struct HandOut {
+    CurlObject* curl = nullptr;
+    std::string offset;  // of the time zone
+    CloudProxyInfo proxy;
+    std::uint64_t proxyChanges = 0;  // the setting's number
+  };
+  HandOut occupy(const std::string& userName, const std::string& programName);
+  // The first idle connection, occupied with that entry, or null when there is none.
+  CurlObject* occupyIdle(const CloudConnEntry& entry);
+  CurlObject* occupyNew(const CloudConnEntry& entry);
+  static void applyProxy(CurlObject& curl, const CloudProxyInfo& proxy);
+  // Takes the setting of now; false where it is still the same.
+  bool renewProxy(HandOut& handOut);
+  // Destroys an occupied connection, or one that was taken away.
+  void drop(CurlObject* curl);
+  void dropTaken(CurlObject* curl);
   // Worked out once a second and zone.
   const std::string& timeZoneOffset(std::time_t current);
 
@@ -94,6 +109,7 @@ class CloudCurlPool {
   std::string proxyUser;
   lumo::Shredder2 proxyPassword;
   bool proxyUsable = true;
+  std::uint64_t proxyChanges = 0;  // how often the setting became another one
   // Owned: in order of address, which is the order of the numbers in log and report.
   std::map<CurlObject*, CloudConnEntry> connections;
   // Taken away while their holders may still use them: they belong to no count any more and go when they are released.

@@ -13,6 +13,7 @@
 #include "testsupport/memory_directory.h"
 #include "testsupport/no_further_thread.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -376,10 +377,35 @@ TEST_F(NegotiateHelperTest, NoServiceNameUnlessBothBindingsWork) {
   EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
 }
 
+// A host without a domain's name finds nothing there; what counts is who is asked.
+TEST_F(NegotiateHelperTest, ControllerIsAskedForTheServiceNameWhereTheCatalogueIsAway) {
+  using Failure = MemoryDirectory::Failure;
+  const auto asked = [&](CurlProxyNegotiateHelper& one) {
+    directory.forgetQuestions();
+    EXPECT_NO_THROW(one.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"));
+    std::string servers;
+    for (const auto& search : directory.searches()) servers += search.globalCatalog ? "catalogue " : "controller ";
+    return servers;
+  };
+  for (const auto kind : {Failure::Kind::NoServers, Failure::Kind::Unreachable}) {
+    directory.failOpen({kind, -1, ""}, -1, MemoryDirectory::Servers::Catalogue);
+    CurlProxyNegotiateHelper another;
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(asked(another), "controller ");
+    directory.clearFailures();
+  }
+  EXPECT_EQ(asked(helper), "catalogue ");
+  directory.failSearch({Failure::Kind::Gone, -1, ""}, -1, MemoryDirectory::Servers::Catalogue);
+  EXPECT_EQ(asked(helper), "catalogue catalogue controller ") << "opened once more first";
+}
+
 TEST_F(NegotiateHelperTest, LookUpAfterAFailedOneBeginsWithNewBindings) {
   helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test");
-  directory.failSearch({MemoryDirectory::Failure::Kind::Server, 53, "not now"}, 1);
-  EXPECT_THROW(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), LDAPException);
+  directory.failSearch({MemoryDirectory::Failure::Kind::Server, 53, "not now"});
+  EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "");
+  EXPECT_THAT(log.texts(),
+              Contains(HasSubstr("WARN cloud.proxy.gss: The service name HTTP/proxy1.corp.ferro.test cannot "
+                                 "be looked up: ")));
+  directory.clearFailures();
   EXPECT_EQ(helper.canonicalizeSpn("HTTP/proxy1.corp.ferro.test"), "HTTP/Proxy1.corp.ferro.test@CORP.FERRO.TEST");
   EXPECT_EQ(directory.opened().size(), 4u);
 }

@@ -157,7 +157,9 @@ class Rendering(unittest.TestCase):
     def silent(self, *command):
         for page in (TOOL, FILE):
             done = subprocess.run([*command, str(tree.ROOT / page)], capture_output=True, text=True, check=False)
-            self.assertEqual((done.returncode, done.stderr), (0, ""), page)
+            # Later versions of groff tell of a line with one long word in it, which is none to be mended.
+            complaints = [line for line in done.stderr.splitlines() if not line.endswith(": cannot adjust line")]
+            self.assertEqual((done.returncode, complaints), (0, []), page)
             yield done.stdout
 
     def test_mandoc_has_no_complaint(self):

@@ -18,6 +18,7 @@ extern "C" {
 #include <optional>
 
 #include "basalt/posix_file.h"
+#include "basalt/process_environment.h"
 
 namespace lumo {
 namespace {
@@ -111,7 +112,11 @@ class SpawnPlan {
   }
 
   int start(const char* cmd, char** argv, pid_t& pid) {
-    return posix_spawn(&pid, cmd, &m_actions, &m_attributes, argv, environ);
+    std::vector<std::string> variables = childEnvironment();
+    std::vector<char*> pointers;
+    for (std::string& variable : variables) pointers.push_back(variable.data());
+    pointers.push_back(nullptr);
+    return posix_spawn(&pid, cmd, &m_actions, &m_attributes, argv, pointers.data());
   }
 
  private:

@@ -1,21 +1,14 @@
-// The entry: exception guard, dispatch of the command letters, result codes to messages and exit statuses.
+// Dispatch of the command letters, result codes to messages and exit statuses.
 #include "cli/cli_ferrogate.h"
 
-#include <fcntl.h>
 #include <getopt.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
+#include <vector>
 
-#include "basalt/kerberos_abandoned.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
+#include "cli/cli_ferrogate_audit.h"
 
 namespace {
 
@@ -47,6 +40,7 @@ constexpr option COMMON_OPTIONS[] = {
     {"verbose", no_argument, nullptr, 'V'},
     {nullptr, 0, nullptr, 0},
 };
+constexpr char CREDENTIAL_LETTERS[] = "up";
 constexpr option CREDENTIAL_OPTIONS[] = {
     {"username", no_argument, nullptr, 'u'},
     {"password", no_argument, nullptr, 'p'},
@@ -114,6 +108,40 @@ int readOptions(const Command& command, int argc, char** argv, CommandOptions& r
   return parsed;
 }
 
+// While it lives, getopt reads from the beginning and says nothing; afterwards it begins again.
+class QuietReading {
+ public:
+  QuietReading() {
+    opterr = 0;
+    optind = 0;
+  }
+  ~QuietReading() {
+    opterr = m_before;
+    optind = 0;
+  }
+  QuietReading(const QuietReading&) = delete;
+  QuietReading& operator=(const QuietReading&) = delete;
+
+ private:
+  const int m_before = opterr;
+};
+
+// Reads as the run will, up to the first option that getopt does not take. True where there is one.
+bool readsToUnknown(int argc, char** argv) {
+  for (;;) {
+    const int letter = getopt_long(argc, argv, COMMAND_LETTERS, COMMANDS, nullptr);
+    if (letter == -1 || letter == '?') return letter == '?';
+    if (letter == 'C') return getopt_long(argc, argv, CREDENTIAL_LETTERS, CREDENTIAL_OPTIONS, nullptr) == '?';
+    const Command* const command = findCommand(letter);
+    if (command == nullptr) return false;
+    int ch = 0;
+    do {
+      ch = getopt_long(argc, argv, command->letters, command->table, nullptr);
+      if (ch == '?') return true;
+    } while (command->allOptions && ch != -1);
+  }
+}
+
 // Reads the command's options and runs it. 0, or the exit status after the report.
 int runCommand(const Command& command, int argc, char** argv, CommandOptions& record) {
   int code = readOptions(command, argc, argv, record);
@@ -133,27 +161,8 @@ int showHelp() {
 }
 
 int runCredentialCommand(int argc, char** argv) {
-  const int code = handleCredentialCommand(getopt_long(argc, argv, "up", CREDENTIAL_OPTIONS, nullptr));
+  const int code = handleCredentialCommand(getopt_long(argc, argv, CREDENTIAL_LETTERS, CREDENTIAL_OPTIONS, nullptr));
   return code == result::Usage ? reportHint() : code;
-}
-
-// The missing ones of the three standard streams lead nowhere: otherwise a file of ours would get such a number, and
-// messages would be written into it.
-void fillStandardStreams() {
-  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDWR) == -1) _exit(result::MiscError);
-  }
-}
-
-// Which Kerberos files count is the host's configuration's to say; with another one in force, a damaged copy somewhere
-// would have the host's own file moved aside.
-void forgetKerberosEnvironment() {
-  for (const char* name : {"KRB5_CONFIG", "KRB5CCNAME", "KRB5_KTNAME", "KRB5_CLIENT_KTNAME"}) unsetenv(name);
-}
-
-int failed(const std::string& text) {
-  FERRO_NOTE(true, text);
-  return result::MiscError;
 }
 
 }  // namespace
@@ -161,6 +170,19 @@ int failed(const std::string& text) {
 int readCommandOptions(int letter, int argc, char** argv, CommandOptions& record) {
   const Command* command = findCommand(letter);
   return command == nullptr ? result::Usage : readOptions(*command, argc, argv, record);
+}
+
+int firstCommand(int argc, char** argv) {
+  const QuietReading quiet;
+  std::vector<char*> words(argv, argv + argc + 1);
+  return getopt_long(argc, words.data(), COMMAND_LETTERS, COMMANDS, nullptr);
+}
+
+const char* unknownLongOption(int argc, char** argv) {
+  const QuietReading quiet;
+  std::vector<char*> words(argv, argv + argc + 1);
+  // Of a short option getopt keeps the letter.
+  return readsToUnknown(argc, words.data()) && optopt == 0 ? words[static_cast<std::size_t>(optind - 1)] : nullptr;
 }
 
 int main2(int argc, char** argv) {
@@ -180,32 +202,11 @@ int main2(int argc, char** argv) {
     if (command == nullptr && record.command != 'v' && record.command != 'h' && record.command != 'C') {
       return reportInvalidCommand();
     }
+    audit::begin(record.command);
     if (finished) return reportSecondCommand();
     if (record.command == 'v') return showVersion();
     if (record.command == 'h') return showHelp();
     if (record.command == 'C') return runCredentialCommand(argc, argv);
     if (const int status = runCommand(*command, argc, argv, record); status != result::Success) return status;
   }
-}
-
-int guardedMain(int argc, char** argv) {
-  fillStandardStreams();
-  forgetKerberosEnvironment();
-  // A reader of ours or a peer that goes away is a failed write, not the end: libcurl leaves the signal to its caller.
-  std::signal(SIGPIPE, SIG_IGN);
-  // So is a file that the limit of the caller's shell lets grow no further.
-  std::signal(SIGXFSZ, SIG_IGN);
-  try {
-    return main2(argc, argv);
-  } catch (const std::exception& failure) {
-    return failed("Error: " + lumo::printable(failure.what()));
-  } catch (...) {
-    return failed("Error: Unknown exception");
-  }
-}
-
-int leaveWith(int status) {
-  if (lumo::joinAbandonedKdcRequests(std::chrono::milliseconds(0))) return status;
-  std::fflush(nullptr);
-  _exit(status);
 }

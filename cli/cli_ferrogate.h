@@ -1,6 +1,7 @@
 // The command-line tool: options, commands and their handlers.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -32,14 +33,25 @@ struct CommandOptions {
   std::string opxUrl;
 };
 
-// cli_ferrogate.cpp: the entry. The first two return the exit status. argv is writable: a password in it is overwritten
-// once read.
-int guardedMain(int argc, char** argv);  // main2 inside the exception guard
-int main2(int argc, char** argv);
+// cli_ferrogate_guard.cpp: the first and the last steps of main.
+// The whole run: makes the process safe for secrets, takes the passwords out of argv, calls main2 inside the exception
+// guard, writes the audit record. Returns the exit status.
+int guardedMain(int argc, char** argv);
+// The exception guard: what `body` returns, or 6 after a report of what it threw, whatever its type. Tests give it
+// another body than main2.
+int guarded(const std::function<int()>& body);
 // The last step of main: returns the status, or ends the process with it at once, streams flushed, when a thread is
 // still inside the Kerberos library, which exit handlers would tear down under it.
 int leaveWith(int status);
+
+// cli_ferrogate.cpp: dispatch.
+// Returns the exit status. argv is writable: a password in it is overwritten once read.
+int main2(int argc, char** argv);
 void printUsage();
+// The first letter that the run will read: of the command table, '?', or -1. Changes nothing.
+int firstCommand(int argc, char** argv);
+// The word of argv that getopt will not know as a long option, and will therefore print whole; null where none is.
+const char* unknownLongOption(int argc, char** argv);
 // The options behind one of the letters S, D, L and T, from getopt's present place on. 0, or 7 after a report.
 int readCommandOptions(int letter, int argc, char** argv, CommandOptions& record);
 
@@ -76,6 +88,10 @@ inline constexpr int CredentialPassword = 2;
 inline constexpr int CredentialKey = 4;
 int getCredential(CommandOptions& record, int mask);  // 0, 158 or 159
 int storeCredential(const CommandOptions& record);    // 0 or 160
+// Whose credential is stored, for an audit record: a user's name between apostrophes, "the machine account",
+// "an unreadable file", or NO_USER.
+std::string storedUser();
+inline constexpr char NO_USER[] = "none";
 // Asks for the password at the terminal; an empty answer is an answer. False, after a report, when nobody can be asked.
 bool promptPassword(CommandOptions& record);
 

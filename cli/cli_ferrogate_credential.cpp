@@ -8,6 +8,15 @@
 #include "base/include/printable.h"
 #include "cli/cli_common.h"
 #include "cli/cli_ferrogate.h"
+#include "cli/cli_ferrogate_audit.h"
+
+namespace {
+
+std::string shownUser(const std::string& user) {
+  return user == MACHINE_MARKER ? "the machine account" : audit::quoted(user);
+}
+
+}  // namespace
 
 int getCredential(CommandOptions& record, int mask) {
   try {
@@ -30,11 +39,23 @@ int getCredential(CommandOptions& record, int mask) {
   }
 }
 
+std::string storedUser() try {
+  lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
+  credential.loadFromFile(true);
+  return credential.isLoaded() ? shownUser(credential.getUser()) : NO_USER;
+} catch (const LUMOException&) {
+  return "an unreadable file";
+}
+
 int storeCredential(const CommandOptions& record) {
   try {
     lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
+    const std::string before = storedUser();
     credential.setCred(record.username, record.password);
     credential.storeToFile();
+    const bool isMachine = record.username == MACHINE_MARKER;
+    audit::changed("credential user from " + before + " to " + shownUser(record.username) +
+                   (isMachine ? "" : ", password changed"));
     return result::Success;
   } catch (const LUMOException& failure) {
     FERRO_NOTE(record.verbose, lumo::printable(failure.what()) + ".");

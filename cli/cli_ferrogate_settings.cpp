@@ -1,4 +1,6 @@
 // --set, --delete and --list.
+#include <vector>
+
 #include "basalt/kerberos_names.h"
 #include "basalt/protected_credential.h"
 #include "base/include/exceptions.h"
@@ -7,6 +9,7 @@
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 #include "cli/cli_ferrogate.h"
+#include "cli/cli_ferrogate_audit.h"
 
 namespace {
 
@@ -31,27 +34,52 @@ int setCredential(CommandOptions& record) {
   return storeCredential(record);
 }
 
-void applySetting(lumo::Properties& settings, const char* name, bool clear, const std::string& value) {
-  if (clear) {
-    settings.eraseProperty(name);
-  } else if (!value.empty()) {
-    settings.setProperty(name, value);
+// Settings of the proxy that this run changes, with what the record of it says.
+class Changes {
+ public:
+  explicit Changes(lumo::Properties& settings) : m_settings(settings) {}
+
+  void apply(const char* name, bool clear, const std::string& value) {
+    const std::string before = shown(name);
+    if (clear) {
+      m_settings.eraseProperty(name);
+    } else if (!value.empty()) {
+      m_settings.setProperty(name, value);
+    }
+    if (const std::string after = shown(name); after != before) {
+      m_texts.push_back(std::string(name) + " from " + before + " to " + after);
+    }
   }
-}
+  // Once they are written.
+  void record() const {
+    for (const std::string& text : m_texts) audit::changed(text);
+  }
+
+ private:
+  std::string shown(const char* name) const {
+    const std::string value = m_settings.getProperty(name);
+    return value.empty() ? "none" : audit::quoted(value);
+  }
+
+  lumo::Properties& m_settings;
+  std::vector<std::string> m_texts;
+};
 
 }  // namespace
 
 int handleSetCommand(CommandOptions& record) {
   if (const int code = setCredential(record); code != result::Success) return code;
   lumo::Properties& settings = lumo::Props(false, false);
-  applySetting(settings, lumo::PN::CLOUD_PROXY_SERVER, record.clearServer, record.server);
-  applySetting(settings, lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, record.clearAuthRequired, record.authRequired);
+  Changes changes(settings);
+  changes.apply(lumo::PN::CLOUD_PROXY_SERVER, record.clearServer, record.server);
+  changes.apply(lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, record.clearAuthRequired, record.authRequired);
   if (record.username == MACHINE_MARKER) {
     record.authType = "negotiate";
     FERRO_NOTE(record.verbose, VS("Using machine credential, set %s to 'negotiate'.", lumo::PN::CLOUD_PROXY_AUTH_TYPE));
   }
-  applySetting(settings, lumo::PN::CLOUD_PROXY_AUTH_TYPE, record.clearAuthType, record.authType);
+  changes.apply(lumo::PN::CLOUD_PROXY_AUTH_TYPE, record.clearAuthType, record.authType);
   settings.saveProperty(lumo::path::CONFIGURATION);
+  changes.record();
   FERRO_REPORT(1,
                "Set the HTTP Proxy configuration successfully.\n"
                "You may want to run ferrokick to make the new configuration effective.");
@@ -61,7 +89,9 @@ int handleSetCommand(CommandOptions& record) {
 int handleDeleteCommand(CommandOptions& record) {
   try {
     lumo::ProtectedCredential credential(lumo::PROXY_CREDENTIAL);
+    const std::string before = storedUser();
     credential.cleanup();
+    if (before != NO_USER) audit::changed("credential user from " + before + " to " + NO_USER);
     return result::Success;
   } catch (const LUMOException& failure) {
     FERRO_NOTE(record.verbose, lumo::printable(failure.what()) + ".");

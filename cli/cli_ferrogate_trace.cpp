@@ -1,7 +1,6 @@
 #include "cli/cli_ferrogate_trace.h"
 
 #include <algorithm>
-#include <string_view>
 
 #include "base/include/printable.h"
 
@@ -107,13 +106,14 @@ struct Direction {
 
 }  // namespace
 
-UrlPassword findUrlPassword(const std::string& address) {
+UrlPassword findUrlPassword(std::string_view address) {
+  constexpr auto npos = std::string_view::npos;
   const auto scheme = address.find("://");
-  const auto start = scheme == std::string::npos ? 0 : scheme + 3;
+  const auto start = scheme == npos ? 0 : scheme + 3;
   const auto end = std::min(address.find_first_of("/?#", start), address.size());
   const auto colon = address.find(':', start);
-  const auto at = end == start ? std::string::npos : address.rfind('@', end - 1);
-  if (colon == std::string::npos || at == std::string::npos || at <= colon + 1 || colon < start) return {};
+  const auto at = end == start ? npos : address.rfind('@', end - 1);
+  if (colon == npos || at == npos || at <= colon + 1 || colon < start) return {};
   return {colon + 1, at - colon - 1};
 }
 

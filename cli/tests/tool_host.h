@@ -66,7 +66,7 @@ inline void configureLog(const std::string& text = {}) {
   configure("log: TRACE\nlogging.file: " + std::string(LOG) + "\n" + text);
 }
 // "LEVEL TEXT" of the tool's own records in LOG. Each must end with its place in the sources.
-inline std::vector<std::string> records() {
+inline std::vector<std::string> allRecords() {
   const std::string logger = " cli.ferrogate: ";
   std::vector<std::string> found;
   std::istringstream lines(testsupport::readFile(LOG));
@@ -81,6 +81,16 @@ inline std::vector<std::string> records() {
   }
   return found;
 }
+// The audit records among them, which come last, or the others.
+inline std::vector<std::string> recordsOf(bool audit) {
+  std::vector<std::string> found;
+  for (const auto& record : allRecords()) {
+    if ((record.find(" Audit: ") != std::string::npos) == audit) found.push_back(record);
+  }
+  return found;
+}
+inline std::vector<std::string> records() { return recordsOf(false); }
+inline std::vector<std::string> audits() { return recordsOf(true); }
 inline std::string configuration() { return testsupport::readFile(CONFIGURATION); }
 
 inline void join(int kvno = 3, const std::string& password = "machine-secret") {

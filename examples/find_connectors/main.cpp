@@ -13,6 +13,7 @@
 #include "basalt/run_queue.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/opx.h"
+#include "cloud/include/process_start.h"
 
 namespace {
 
@@ -59,6 +60,7 @@ int run(int argc, char** argv) {
 
 int guarded(int argc, char** argv) {
   try {
+    lumo::secureProcess();
     return run(argc, argv);
   } catch (const std::exception& failure) {
     return say(std::cerr, std::string("find_connectors: ") + failure.what() + "\n", FAILED);

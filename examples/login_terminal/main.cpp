@@ -17,6 +17,7 @@
 #include "basalt/run_queue.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/opx.h"
+#include "cloud/include/process_start.h"
 #include "login.h"
 #include "terminal.h"
 
@@ -178,6 +179,7 @@ int run(int argc, char** argv) {
 
 int guarded(int argc, char** argv) {
   try {
+    lumo::secureProcess();
     return run(argc, argv);
   } catch (const Interrupted& interrupted) {
     return say(std::cerr, "\nlogin_terminal: interrupted\n", SIGNALLED + interrupted.signal);

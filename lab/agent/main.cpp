@@ -26,6 +26,7 @@
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/opx.h"
 #include "cloud/include/opx_processor.h"
+#include "cloud/include/process_start.h"
 #include "lab/agent/agent_rpc.h"
 
 namespace {
@@ -225,6 +226,7 @@ int run(int argc, char** argv) {
 
 int guarded(int argc, char** argv) {
   try {
+    lumo::secureProcess();
     return run(argc, argv);
   } catch (const std::exception& failure) {
     std::cerr << "lab_agent: " << failure.what() << "\n";

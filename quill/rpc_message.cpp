@@ -124,6 +124,7 @@ Value paramsOf(const RpcRequest& request, Allocator& allocator) {
   Value params(rapidjson::kObjectType);
   if (request.method == RpcMethod::GetUserObj) {
     params.AddMember("name", rpc::toJson(request.name, allocator), allocator);
+    if (request.lookup != UNIX_ONLY) LUMO_THROW(BadDataException, -1, "An RPC look-up is none of the protocol's");
     params.AddMember("lookup", LOOKUP_UNIX, allocator);
   }
   if (request.method == RpcMethod::LdapFetch) {

@@ -47,6 +47,30 @@ TEST(Shredder2, WritingLeavesTheCopyAlone) {
   EXPECT_FALSE(copy.shared());
 }
 
+// Also where its buffer has room for more, so that nothing but the other holder asks for a new one.
+TEST(Shredder2, AppendingWhereThereIsRoomLeavesTheCopyAlone) {
+  Shredder2 first("secret");
+  first += '1';
+  const Shredder2 copy(first);
+  first += '2';
+  EXPECT_STREQ(first.c_str(), "secret12");
+  EXPECT_STREQ(copy.c_str(), "secret1");
+  EXPECT_EQ(copy.size(), 7U);
+  EXPECT_FALSE(copy.shared());
+}
+
+TEST(Shredder2, AssignmentOfASoleHolderToItselfKeepsTheText) {
+  Shredder2 only("secret");
+  Shredder2& same = only;
+  const char* const before = only.c_str();
+  only = same;
+  EXPECT_EQ(only.c_str(), before);
+  EXPECT_STREQ(only.c_str(), "secret");
+  only = std::move(same);
+  EXPECT_STREQ(only.c_str(), "secret");
+  EXPECT_FALSE(only.shared());
+}
+
 TEST(Shredder2, ClearLeavesTheCopyAlone) {
   Shredder2 first("secret");
   const Shredder2 copy(first);

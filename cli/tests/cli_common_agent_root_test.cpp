@@ -233,6 +233,13 @@ TEST_F(CliCommonAgent, UnavailableWhereAnotherUserServesTheSocketAndTheLogSaysSo
   ASSERT_EQ(chmod("/var/morvand", 0755), 0);
 }
 
+TEST_F(CliCommonAgent, SessionComesBeforeTheSetting) {
+  lumo::saveSetting(SETTING_HOSTSID, "no sid");
+  EXPECT_EQ(status(), "3 down no") << "nobody serves, whatever the setting holds";
+  ASSERT_EQ(chmod("/var/morvand/kset", 0777), 0);
+  EXPECT_EQ(status(), "3 down no") << "not even where it cannot be read safely";
+}
+
 TEST_F(CliCommonAgent, AStatusThatThereIsNotCountsAsUnavailable) {
   for (const int number : {-1, 8, 1000}) EXPECT_FALSE(agentRunning(static_cast<AgentStatus>(number))) << number;
 }

@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -206,6 +208,47 @@ TEST_F(PostCommandHookTest, TheHookHasTheCommandsStreams) {
   post.runCommand(hook);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "first\nout\n");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "err\n");
+}
+
+TEST_F(PostCommandHookTest, TheHookLeadsAProcessGroupOfItsOwn) {
+  // proc(5): the first and the fifth word are the process and its group.
+  const std::string hook = script("group", std::string("#!/bin/sh\nread -r pid name state parent group rest < "
+                                                       "/proc/$$/stat\n[ \"$pid\" = \"$group\" ] && echo own > ") +
+                                               TRACE + "\n");
+  said(hook, false);
+  EXPECT_EQ(trace(), "own\n");
+}
+
+TEST_F(PostCommandHookTest, TheHookBeginsWithoutTheCommandsSignals) {
+  const auto before = std::signal(SIGPIPE, SIG_IGN);
+  sigset_t blocked;
+  sigset_t old;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &blocked, &old);
+  // The masks as proc(5) has them: bit 0 is signal 1. Of others the C library may keep some for itself.
+  said(script("signals", std::string("#!/bin/sh\nwhile read -r name mask; do case $name in SigBlk: | SigIgn:) echo "
+                                     "$mask ;; esac; done < /proc/self/status > ") +
+                             TRACE + "\n"),
+       false);
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  std::signal(SIGPIPE, before);
+  std::istringstream masks(trace());
+  unsigned long blockedThere = ~0UL;
+  unsigned long ignoredThere = ~0UL;
+  masks >> std::hex >> blockedThere >> ignoredThere;
+  EXPECT_EQ(blockedThere & 1UL << (SIGUSR1 - 1), 0U) << trace();
+  EXPECT_EQ(ignoredThere & 1UL << (SIGPIPE - 1), 0U) << trace();
+}
+
+TEST_F(PostCommandHookTest, TheHookGetsNoForeignVariableAndASearchPathOfTheSystem) {
+  const std::string path = std::getenv("PATH");
+  setenv("PATH", "/var/tmp/of-the-caller", 1);
+  setenv("KRB5_TRACE", "/var/tmp/x", 1);
+  said(script("variables", std::string("#!/bin/sh\necho \"$PATH ${KRB5_TRACE-unset}\" > ") + TRACE + "\n"), false);
+  setenv("PATH", path.c_str(), 1);
+  unsetenv("KRB5_TRACE");
+  EXPECT_EQ(trace(), "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin unset\n");
 }
 
 TEST_F(PostCommandHookTest, TheTimeLimitIsThatOfTheSetting) {

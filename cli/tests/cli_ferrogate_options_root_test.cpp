@@ -227,6 +227,14 @@ TEST_F(Options, AgentThatThinksOtherwiseOfFipsModeIsWarnedOf) {
   EXPECT_EQ(tool({"-S", "-t", "ntlm"}), refused("Auth Type 'ntlm' is not allowed when FIPS mode is enabled."));
 }
 
+TEST_F(Options, MachineIsAskedBeforeFipsMode) {
+  const Agent agent(0);  // of another opinion: whoever asked it would warn
+  configure("fips.mode.enable: true\n");
+  for (const char* type : {"ntlm", "digest"}) {
+    EXPECT_EQ(tool({"-S", "-m", "-t", type}), refused("Cannot use --authtype option with --machine option.")) << type;
+  }
+}
+
 TEST_F(Options, AgentThatCannotSayItsFipsModeEndsTheRun) {
   const Agent agent(-1);
   const Outcome outcome = tool({"-S", "-t", "ntlm"});

@@ -147,6 +147,27 @@ TEST(AuthType, IsStoredInLowerCaseAlsoWhenItIsRefused) {
   EXPECT_TRUE(record.clearAuthType);
 }
 
+TEST(AuthType, GivenEmptyIsStoredEmpty) {
+  CommandOptions record;
+  EXPECT_EQ(parse(&parseSetCommandOption, 't', "basic", record).code, 0);
+  EXPECT_EQ(parse(&parseSetCommandOption, 't', "", record).code, 0);
+  EXPECT_EQ(record.authType, "");
+  EXPECT_TRUE(record.clearAuthType);
+  record.username = MACHINE_MARKER;
+  record.authType = "basic";
+  EXPECT_EQ(parse(&parseSetCommandOption, 't', "", record).code, 7);
+  EXPECT_EQ(record.authType, "") << "stored before the refusal";
+}
+
+TEST(Url, IsStoredAlsoWhenItIsRefused) {
+  CommandOptions record;
+  EXPECT_EQ(parse(&parseTestCommandOption, 'c', "https://h/", record).code, 0);
+  const Answer refused = parse(&parseTestCommandOption, 'c', "", record);
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.report, "Morvane Identity Platform should not be empty.\n\n");
+  EXPECT_EQ(record.opxUrl, "");
+}
+
 TEST(AuthType, OfTheMachineIsRefusedBeforeItsValueIsLookedAt) {
   for (const char* name : {"", "NTLM", "nonsense", "basic"}) {
     CommandOptions record;

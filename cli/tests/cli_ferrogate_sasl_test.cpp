@@ -23,6 +23,13 @@ TEST(SaslPlugins, OneOfAnotherMechanismIsOfNoUse) {
   }
 }
 
+TEST(SaslPlugins, NoneOfTheOnesThatSaslShipsForOtherMechanismsIsOfUse) {
+  for (const char* name : {"anonymous", "crammd5", "digestmd5", "gs2", "ldapdb", "login", "ntlm", "otp", "passdss",
+                           "plain", "sasldb", "scram", "sql", "srp"}) {
+    EXPECT_FALSE(isSaslPluginOfUse("/usr/lib/sasl2/lib" + std::string(name) + ".so.2")) << name;
+  }
+}
+
 TEST(SaslPlugins, GssapiAndWhateverIsUnknownIsOfUse) {
   for (const char* file : {"/usr/lib/x86_64-linux-gnu/sasl2/libgssapiv2.so", "libgssapi.so", "/site/libplainer.so",
                            "/site/plain.so", "/plain/libours.so", "lib", "libours", "/"}) {

@@ -60,6 +60,13 @@ TEST_F(Settings, EmptyArgumentsTakeSettingsAwayAndLeaveTheCredential) {
   EXPECT_EQ(testsupport::readFile(CREDENTIAL), credential);
 }
 
+TEST_F(Settings, MachineMayComeWithTheServerTakenAway) {
+  configure("ferrod.cloud.proxy.server: h:1\n");
+  EXPECT_EQ(tool({"-S", "-m", "-s", ""}), DONE);
+  EXPECT_EQ(configuration(), "ferrod.cloud.proxy.auth.type: negotiate\n");
+  EXPECT_EQ(tool({"-C", "-u"}), (Outcome{0, "", "S-1-5-18"}));
+}
+
 TEST_F(Settings, TypeGivenEmptyGoesAlsoBesideTheMachinesName) {
   configure("ferrod.cloud.proxy.auth.type: basic\n");
   EXPECT_EQ(tool({"-S", "-t", "", "-u", "S-1-5-18"}), DONE);

@@ -55,6 +55,8 @@ TEST(RpcMessage, RequestsHaveTheirExactText) {
   user.name = "jdoe";
   EXPECT_EQ(encodeRequest(user),
             R"({"jsonrpc":"2.0","id":2,"method":"getUserObj","params":{"name":"jdoe","lookup":"unix"}})");
+  user.lookup = static_cast<UserLookup>(2);
+  EXPECT_THROW(encodeRequest(user), BadDataException);
   RpcRequest fetch = request(RpcMethod::LdapFetch, 3);
   fetch.dn = "CN=h,DC=corp";
   EXPECT_EQ(encodeRequest(fetch), R"({"jsonrpc":"2.0","id":3,"method":"ldapFetch","params":)"

@@ -5,7 +5,6 @@
 
 #include <vector>
 
-#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 #include "cli/cli_ferrogate_audit.h"

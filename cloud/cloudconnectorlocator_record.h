@@ -75,9 +75,9 @@ std::string unsafeValues(const ADObjectPtr& connector);
 // The line of a connector in the state file, without its end.
 std::string stateLineOf(const ADObjectPtr& connector);
 
-// The record of the first line of a state file that a search may have written: it has all fields, none of them empty,
-// belongs to a connector with a service whose values are plain, and to `zoneUrl` unless that is empty. Null where there
-// is none. Lines that have all fields and are passed over are counted in the log at level 1.
+// The record of the first line of a state file that counts: at least seven fields, none empty, with values that a
+// search keeps (unsafeValues), and the platform URL `zoneUrl` unless that is empty. What follows the seventh field is
+// ignored. Null where there is none. Lines that have all fields and are passed over are counted in the log at level 1.
 ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUrl = std::string());
 
 // The ports of a record; another text for what is not enabled, by default that of state and report.

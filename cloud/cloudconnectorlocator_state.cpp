@@ -65,8 +65,7 @@ ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUr
     const std::vector<std::string> fields = fieldsOf(*line);
     if (fields.empty()) continue;
     ADObjectPtr record = recordOf(fields);
-    // Of a connector that a search found the same line is written again.
-    if ((zoneUrl.empty() || fields.front() == zoneUrl) && servicesOf(record) != 0 && stateLineOf(record) == *line) {
+    if ((zoneUrl.empty() || fields.front() == zoneUrl) && unsafeValues(record).empty()) {
       connector = std::move(record);
     } else {
       ++passedOver;
@@ -74,7 +73,7 @@ ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUr
   }
   if (passedOver != 0) {
     LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1,
-             "%zu remembered connectors are passed over: of another platform, or not as a search remembers them",
+             "%zu remembered connectors are passed over: of another platform, or with values that no search keeps",
              passedOver);
   }
   return connector;

@@ -68,8 +68,8 @@ TEST_F(ForgedState, WithoutALineOfTheZoneLeavesTheLocatorEmpty) {
   EXPECT_EQ(next.currentConnector, "");
   EXPECT_THAT(next.connectors, IsEmpty());
   EXPECT_THAT(logged(), ElementsAre("DEBUG Get cloud connectors info from kset.",
-                                    "DEBUG 2 remembered connectors are passed over: of another platform, or not as a "
-                                    "search remembers them"));
+                                    "DEBUG 2 remembered connectors are passed over: of another platform, or with "
+                                    "values that no search keeps"));
 }
 
 }  // namespace

@@ -49,6 +49,8 @@ TEST(ConnectorState, PortsOfALineTellTheServices) {
       {"8080|-|-", "n1:8080", "True", "8080", "False", "False", "-none-", "-none-", 1},
       {"-|80|8443", "n1:-", "-none-", "-none-", "True", "True", "80", "8443", 2},
       {"8080|80|-", "n1:8080", "True", "8080", "True", "False", "80", "-none-", 1},
+      {"8080|-|8443", "n1:8080", "True", "8080", "False", "False", "-none-", "-none-", 1},
+      {"-|-|-", "n1:-", "-none-", "-none-", "False", "False", "-none-", "-none-", 0},
   };
   for (const auto& row : rows) {
     const ADObjectPtr record = connectorOfState(std::string("https://pod.test/|Berlin|n1|T|") + row.ports + "\n");
@@ -72,20 +74,16 @@ TEST(ConnectorState, PortsOfALineTellTheServices) {
 }
 
 // Lines that an earlier version may have let a connector write, or somebody else.
-TEST(ConnectorState, LineThatNoSearchWritesIsPassedOver) {
+TEST(ConnectorState, LineWithAValueThatNoSearchKeepsIsPassedOver) {
   testsupport::LogCapture log;
   const std::string good = "u|s|n1|t|1|2|3";
   for (const std::string& line : Texts{
-           "u|s|n0|t|1|2|3|more",    // a value with a separator has moved the fields
            "u|s\r|n0|t|1|2|3",       // control characters
            "u|s|n0\x1b[2J|t|1|2|3",  //
            "u|s|n0|t|1|2|3\r",       //
            std::string("u|s|n0|t\0|1|2|3", 16),
            "u\xE2\x80\xAE|s|n0|t|1|2|3",  // turns the direction of writing
            "u|s|n0\xff|t|1|2|3",          // no UTF-8
-           "u|s|n0|t|8080|-|8443",        // an HTTPS port without IWA
-           "u|s|n0|t|-|-|-",              // no service
-           "u|s|n0|t|-|80|-",             // IWA in the clear is none
        }) {
     log.texts();
     const ADObjectPtr record = connectorOfState(line + "\n" + good + "\n");
@@ -93,8 +91,8 @@ TEST(ConnectorState, LineThatNoSearchWritesIsPassedOver) {
     EXPECT_EQ(connectorOfState(line + "\n"), nullptr) << line;
   }
   EXPECT_THAT(log.newTexts(LOCATOR_LOGGER),
-              testing::Each("DEBUG 1 remembered connectors are passed over: of another platform, or not as a search "
-                            "remembers them"));
+              testing::Each("DEBUG 1 remembered connectors are passed over: of another platform, or with values "
+                            "that no search keeps"));
 }
 
 TEST(ConnectorState, OnlyLinesOfTheZonesPlatformCount) {
@@ -121,7 +119,7 @@ TEST(ConnectorState, TheFirstLineWithAllFieldsIsTaken) {
       {"u|s|n0||1|2|3\n" + good + "\n", "n1"},        // no tenant
       {"u|s|n0|t|1|2\n" + good + "\n", "n1"},         // too few
       {"u|s|n0|t|1|2|3|\n" + good + "\n", "n1"},      // an eighth that is empty
-      {"u|s|n0|t|1|2|3|more\n" + good + "\n", "n1"},  // an eighth
+      {"u|s|n0|t|1|2|3|more\n" + good + "\n", "n0"},  // an eighth, which is ignored
       {"\n\n" + good, "n1"},
       {"u|s|n0||1|2|3\n", "none"},
       {"||||||\n", "none"},

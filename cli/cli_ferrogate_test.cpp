@@ -91,15 +91,14 @@ void setUpTrace(CurlObject& connection) {
 }
 
 void setUpTrust(CurlObject& connection, const CommandOptions& record) {
-  if (!setVerification(connection, lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION)) {
+  Trust trust;
+  trust.verifies = verifies(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION);
+  if (trust.verifies) trust.bundle = platformBundle();
+  setTrust(connection, trust);
+  if (!trust.verifies) {
     FERRO_NOTE(record.verbose, "Skip cert verfication.");
-    return;
-  }
-  std::string store = lumo::Props(false, false).getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
-  if (store.empty()) store = findCertBundle();
-  if (!store.empty()) {
-    connection.setOpt(CURLOPT_CAINFO, store);
-    FERRO_NOTE(record.verbose, "Using cert store: " + lumo::printable(store));
+  } else if (!trust.bundle.empty()) {
+    FERRO_NOTE(record.verbose, "Using cert store: " + lumo::printable(trust.bundle));
   } else if (startsWith(record.opxUrl, "https://", true, false)) {
     FERRO_REPORT(3, "No valid cert store found, OPX connection might fail!");
   }

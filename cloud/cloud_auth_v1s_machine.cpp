@@ -49,8 +49,7 @@ int CloudAuthV1S::siteCheck(std::string& otc, std::string& errorMessage) {
            proxy.proxyAuth.c_str());
   visit.putBack(proxy);
   LUMO_LOG(logger(), 1, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", siteCheckUrl.c_str(), spn.c_str(), httpCode);
-  const bool verifies = setVerification(*curl, lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION);
-  if (verifies && !certStore.empty()) curl->setOpt(CURLOPT_CAINFO, certStore);
+  setTrust(*curl, {verifies(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION), certStore, {}});
   return readCode(otc, errorMessage);
 }
 

@@ -2,6 +2,7 @@
 
 #include "basalt/file_security.h"
 #include "base/include/exceptions.h"
+#include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "cloud/include/curl_object.h"
 
@@ -26,11 +27,24 @@ off_t sizeOrZero(const std::string& path) {
 
 }  // namespace
 
-bool setVerification(CurlObject& connection, const char* skipParameter) {
-  const bool verifies = !lumo::Props(false, false).getBool(skipParameter, false);
-  connection.setOpt(CURLOPT_SSL_VERIFYPEER, verifies ? 1 : 0);
-  connection.setOpt(CURLOPT_SSL_VERIFYHOST, verifies ? 2 : 0);
-  return verifies;
+void setTrust(CurlObject& connection, const Trust& trust) {
+  connection.clearOpt(CURLOPT_CAINFO);
+  connection.clearOpt(CURLOPT_CAPATH);
+  connection.setOpt(CURLOPT_SSL_VERIFYPEER, trust.verifies ? 1 : 0);
+  connection.setOpt(CURLOPT_SSL_VERIFYHOST, trust.verifies ? 2 : 0);
+  if (!trust.verifies) return;
+  if (!trust.bundle.empty()) {
+    connection.setOpt(CURLOPT_CAINFO, trust.bundle);
+  } else if (!trust.folder.empty()) {
+    connection.setOpt(CURLOPT_CAPATH, trust.folder);
+  }
+}
+
+bool verifies(const char* skipParameter) { return !lumo::Props(false, false).getBool(skipParameter, false); }
+
+std::string platformBundle() {
+  const std::string configured = lumo::Props(false, false).getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
+  return configured.empty() ? findCertBundle() : configured;
 }
 
 std::string findCertBundle() {

@@ -16,18 +16,17 @@ namespace {
 boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", false); }
 
 // Fills `certStore` only where it is asked for.
-void setTrust(CurlObject& curl, std::string& certStore) {
-  // A sign-in at a connector that failed leaves the folder of the connectors' certificates behind.
-  curl.clearOpt(CURLOPT_CAPATH);
-  if (!setVerification(curl, lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION)) return;
-  certStore = lumo::Props(false, false).getProperty(lumo::PN::FERROD_CLOUD_CERT_STORE);
-  if (certStore.empty()) certStore = findCertBundle();
+void trustPlatform(CurlObject& curl, std::string& certStore) {
+  Trust trust;
+  trust.verifies = verifies(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION);
+  if (trust.verifies) trust.bundle = certStore = platformBundle();
+  setTrust(curl, trust);
+  if (!trust.verifies) return;
   if (certStore.empty()) {
     LUMO_LOG(logger(), 4,
              "Cloud cert verification is enabled yet no valid cert store found.Cloud connections may fail");
     return;
   }
-  curl.setOpt(CURLOPT_CAINFO, certStore);
   LUMO_LOG(logger(), 1, "Will use cert store : '%s' for cloud cert verification.", certStore.c_str());
 }
 
@@ -47,7 +46,7 @@ void CloudBase::getCurl(const std::string& userName, const std::string& programN
   curl = CloudCurlPool::getInstance().getCurl(userName, programName);
   if (curl == nullptr) return;
   try {
-    setTrust(*curl, certStore);
+    trustPlatform(*curl, certStore);
   } catch (...) {
     // It may still trust what an earlier holder's settings said.
     releaseCurl();

@@ -38,8 +38,7 @@ CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
   setOpt(CURLOPT_NOSIGNAL, 1);
   setOpt(CURLOPT_SSL_VERIFYPEER, 1);
   setOpt(CURLOPT_SSL_VERIFYHOST, 2);
-  clearOpt(CURLOPT_CAINFO);
-  clearOpt(CURLOPT_CAPATH);
+  trustNothing(handle);
   setOpt(CURLOPT_TIMEOUT, TRANSFER_SECONDS);
   setTransportDefaults();
   hasOtherCookies = false;
@@ -67,13 +66,18 @@ void CurlObject::setOpt(int option, long value) {
     requireNtlm(value, curl_version_info(CURLVERSION_NOW)->features);
   }
   setCurl(handle, option, layer->maskForCurl(option, value));
+  if (const int ofProxy = verificationOfProxy(option); ofProxy != 0) setCurl(handle, ofProxy, value);
   layer->keep(option, value);
   options.insert(option);
 }
 
 void CurlObject::setOpt(int option, const char* value) {
   if (NegotiateLayer::owns(option) && option != CURLOPT_PROXY_GSS_SPN) throwSetOptFailure(CURLE_BAD_FUNCTION_ARGUMENT);
-  if (option != CURLOPT_PROXY_GSS_SPN && !layer->withholds(option)) setCurl(handle, option, value);
+  if (namesTrust(option)) {
+    setTrustSource(option, value);
+  } else if (option != CURLOPT_PROXY_GSS_SPN && !layer->withholds(option)) {
+    setCurl(handle, option, value);
+  }
   layer->keep(option, value);
   if (option == CURLOPT_COOKIEFILE || option == CURLOPT_COOKIELIST) hasOtherCookies = true;
   options.insert(option);
@@ -116,6 +120,7 @@ void CurlObject::clearOpt(int option) {
   options.erase(recorded);
   layer->forget(option);
   if (NegotiateLayer::owns(option)) return;
+  if (namesTrust(option)) return setTrustSource(option, nullptr);
   const CURLcode code = curl_easy_setopt(handle, static_cast<CURLoption>(option), nullptr);
   if (code != CURLE_OK) {
     LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_setopt to clear option: %s (%d)",

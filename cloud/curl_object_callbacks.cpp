@@ -1,5 +1,7 @@
 #include "cloud/curl_object_callbacks.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +62,10 @@ int CurlCallbacks::seek(void* object, curl_off_t offset, int origin) noexcept {
   self->readPosition = self->requestBody.data() + offset;
   self->readLeft = self->requestBody.size() - static_cast<size_t>(offset);
   return CURL_SEEKFUNC_OK;
+}
+
+curl_socket_t CurlCallbacks::openSocket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 size_t CurlCallbacks::write(char* data, size_t size, size_t count, void* object) noexcept {

@@ -9,6 +9,8 @@ struct CurlCallbacks {
   static size_t read(char* buffer, size_t size, size_t count, void* object) noexcept;
   // Sets the place in the request body from which to send again.
   static int seek(void* object, curl_off_t offset, int origin) noexcept;
+  // Opens a socket that no program started by this process inherits.
+  static curl_socket_t openSocket(void* object, curlsocktype purpose, curl_sockaddr* address) noexcept;
   // Appends to the response buffer.
   static size_t write(char* data, size_t size, size_t count, void* object) noexcept;
   // Keeps a header line with its line ending; one longer than 102400 bytes is dropped. Ends the transfer,

@@ -32,5 +32,16 @@ void setCurl(CURL* handle, int option, Value value) {
 // libcurl would go down to a weaker scheme.
 void requireNtlm(long mask, int features);
 
+// Is this the bundle or the folder of the certificates that the handle trusts?
+bool namesTrust(int option);
+
+// The option that says of a proxy reached by TLS what the given one says of the server: are its certificate and name
+// verified? 0 where the given one says something else.
+int verificationOfProxy(int option);
+
+// The handle trusts no certificate, neither of a server nor of a proxy: libcurl's built-in bundle and folder are taken
+// away. A bundle that is named later is read for each new connection. Throws CurlException.
+void trustNothing(CURL* handle);
+
 // Every byte but letters, digits and "-._~" as %XX, in locked memory.
 lumo::Shredder2 percentEscape(const char* data, size_t length);

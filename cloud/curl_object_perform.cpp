@@ -106,6 +106,12 @@ void CurlObject::setTransportDefaults() {
   // Request headers are for the server alone.
   setCurl(handle, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
   setCurl(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 0L);
+  // Nothing else that libcurl may speak: files, mail, directories.
+  setCurl(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  setCurl(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  setCurl(handle, CURLOPT_OPENSOCKETFUNCTION, &CurlCallbacks::openSocket);
+  // After a time-out libcurl does not wait for its thread that still asks DNS.
+  setCurl(handle, CURLOPT_QUICK_EXIT, 1L);
 }
 
 void CurlObject::setAttemptDefaults() {

@@ -50,10 +50,10 @@ void ConnectorVisit::negotiateFor(const std::string& spn) {
 }
 
 void ConnectorVisit::trustConnector() {
-  if (!setVerification(m_connection, lumo::PN::FERROD_IWA_SKIP_CERT_VERIFICATION)) return;
-  m_connection.clearOpt(CURLOPT_CAINFO);
-  m_connection.setOpt(CURLOPT_CAPATH,
-                      lumo::Props(false, false).getProperty(lumo::PN::FERROSEC_CERT_DIR, lumo::PN::DEFAULT_CERT_DIR));
+  Trust trust;
+  trust.verifies = verifies(lumo::PN::FERROD_IWA_SKIP_CERT_VERIFICATION);
+  trust.folder = lumo::Props(false, false).getProperty(lumo::PN::FERROSEC_CERT_DIR, lumo::PN::DEFAULT_CERT_DIR);
+  setTrust(m_connection, trust);
 }
 
 std::pair<long, std::string> ConnectorVisit::ask(const std::string& url, const std::string& spn) {

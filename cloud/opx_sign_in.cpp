@@ -60,9 +60,9 @@ bool OPXProcessor::readSiteCheck() {
 }
 
 void OPXProcessor::trustPlatform() {
-  if (!setVerification(*curl, PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION)) return;
-  if (certStore.empty()) certStore = findCertBundle();
-  if (!certStore.empty()) curl->setOpt(CURLOPT_CAINFO, certStore);
+  const bool isVerified = verifies(PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION);
+  if (isVerified && certStore.empty()) certStore = findCertBundle();
+  setTrust(*curl, {isVerified, certStore, {}});
 }
 
 void OPXProcessor::cloudIWA() {

@@ -38,16 +38,18 @@ extern const std::map<std::string, long> proxyAuthTypes;
 class NegotiateLayer;
 struct CurlCallbacks;
 
-// Owner of one libcurl easy handle. One thread at a time; the owner sees to that. Built once and used for many
-// requests: options, `headers` and cookies stay until somebody changes them. The process ignores SIGPIPE. Whenever
-// proxy, mask, user, credential or service name change, connections made under the former identity are no longer used.
+// Owner of one libcurl easy handle. It speaks HTTP and HTTPS alone, also after a redirect. One thread at a time; the
+// owner sees to that. Built once and used for many requests: options, `headers` and cookies stay until somebody changes
+// them. The process ignores SIGPIPE. Whenever proxy, mask, user, credential or service name change, connections made
+// under the former identity are no longer used.
 class CurlObject {
  public:
   using ReadFunction = size_t (*)(char*, size_t, size_t, void*);
   using DebugFunction = int (*)(CURL*, curl_infotype, char*, size_t, void*);
 
-  // Cookie engine on, no signals, certificate checks on, 30 seconds for a transfer. Throws CurlException "Failed to
-  // create curl context".
+  // Cookie engine on, no signals, certificate checks on, 30 seconds for a transfer. No certificate is trusted until a
+  // bundle (CURLOPT_CAINFO) or a folder (CURLOPT_CAPATH) is named: what is built into libcurl does not count. Throws
+  // CurlException "Failed to create curl context".
   CurlObject();
   ~CurlObject();
   CurlObject(const CurlObject&) = delete;
@@ -55,6 +57,8 @@ class CurlObject {
 
   // Sets an option and records its number. Throws CurlException "curl error occurred in curl_easy_setopt: %s (%d)" and
   // does not record it when libcurl refuses; also when the mask is NTLM alone and libcurl has no NTLM.
+  // Trust is one thing: a bundle takes the place of a folder and the reverse, and the bundle, the folder and the two
+  // options of verification hold for the server and for a proxy that is reached by TLS.
   void setOpt(int option, long value);
   void setOpt(int option, int value) { setOpt(option, static_cast<long>(value)); }
   void setOpt(int option, const char* value);
@@ -125,6 +129,7 @@ class CurlObject {
 
   template <class Value>
   void giveOwnOrCurl(int option, Value value);
+  void setTrustSource(int option, const char* path);
   void clearProxyOptions();
   void clearCredentialOptions();
   void setCredentialOptions();

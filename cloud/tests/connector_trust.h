@@ -21,6 +21,7 @@ inline void trustIn(const std::string& folder, const testsupport::Certificate& c
   const std::unique_ptr<X509, void (*)(X509*)> x509(PEM_read_X509(file.get(), nullptr, nullptr, nullptr), &X509_free);
   char name[16];
   std::snprintf(name, sizeof name, "/%08lx.0", X509_subject_name_hash(x509.get()));
+  std::filesystem::remove(folder + name);  // left by an earlier test
   std::filesystem::create_symlink(certificate.certificateFile, folder + name);
 }
 

@@ -107,6 +107,17 @@ TEST_F(OpxSignInRoot, ConnectorThatRefusesTheMachineGivesNoSession) {
   EXPECT_THAT(platform.requests(), IsEmpty());
 }
 
+// libcurl's own folder trusts the connector here.
+TEST_F(OpxSignInRoot, EmptyFolderTrustsNobodyTheFirstTimeAndEveryTime) {
+  trustIn("/etc/ssl/certs", ofConnector);
+  const Setting empty("ferrosec.cert.dir", "");
+  for (int visit = 1; visit <= 3; ++visit) {
+    access.processor.initProc(platform.url());
+    EXPECT_THAT(logged(), Contains(HasSubstr("(60)"))) << visit;
+  }
+  EXPECT_THAT(connector.requests(), IsEmpty());
+}
+
 TEST_F(OpxSignInRoot, ConnectorIsCheckedAgainstItsFolderAlone) {
   const Setting nobody("ferrosec.cert.dir", folder.file("nobody"));
   access.certStore = ofConnector.certificateFile;

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "basalt/ad_cache_binding.h"
-#include "basalt/canonical_spn_memory.h"
-#include "basalt/directory.h"
+#include "basalt/directory/ad_cache_binding.h"
+#include "basalt/directory/canonical_spn_memory.h"
+#include "basalt/directory/directory.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/mutex.h"
 

@@ -20,15 +20,15 @@
 #include <future>
 #include <thread>
 
-#include "basalt/clock.h"
+#include "basalt/process/clock.h"
 #include "basalt/run_queue.h"
 #include "base/include/parameter_names.h"
 #include "bench/nobody.h"
 #include "bench/plain_curl.h"
 #include "bench/platform.h"
 #include "bench/rounds.h"
-#include "cloud/json_body.h"
-#include "cloud/tests/opx_processor_access.h"
+#include "cloud/rest/json_body.h"
+#include "cloud/events/tests/opx_processor_access.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "basalt/ad_agent.h"
 #include "bench/nobody.h"
-#include "cloud/tests/cloudconnectorlocator_access.h"
+#include "cloud/route/tests/cloudconnectorlocator_access.h"
 #include "testsupport/memory_directory.h"
 
 namespace {

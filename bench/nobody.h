@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "basalt/kerberos_credentials.h"
+#include "basalt/kerberos/kerberos_credentials.h"
 #include "testsupport/empty_directory.h"
 
 // No ticket for anybody.

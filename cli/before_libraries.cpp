@@ -1,6 +1,6 @@
 // Cleans the environment before the constructors of the libraries run: those of the TLS libraries already look for
 // variables of theirs, and open a file that one of them names. Only a program can have such a function, no library.
-#include "basalt/process_environment.h"
+#include "basalt/process/process_environment.h"
 
 namespace {
 

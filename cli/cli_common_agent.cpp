@@ -1,8 +1,8 @@
 #include <array>
 
-#include "basalt/directory.h"
-#include "basalt/lock_file.h"
-#include "basalt/settings_store.h"
+#include "basalt/directory/directory.h"
+#include "basalt/files/lock_file.h"
+#include "basalt/settings/settings_store.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"

@@ -6,7 +6,7 @@
 #include <iostream>
 #include <string>
 
-#include "basalt/join_state.h"
+#include "basalt/settings/join_state.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"

@@ -8,8 +8,8 @@
 #include <exception>
 #include <optional>
 
-#include "basalt/posix_file.h"
-#include "basalt/secure_file.h"
+#include "basalt/files/posix_file.h"
+#include "basalt/files/secure_file.h"
 #include "base/include/exceptions.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"

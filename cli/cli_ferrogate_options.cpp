@@ -2,7 +2,7 @@
 #include <getopt.h>
 #include <string.h>
 
-#include "basalt/fips.h"
+#include "basalt/settings/fips.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 #include "cli/cli_ferrogate.h"

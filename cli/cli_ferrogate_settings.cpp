@@ -1,8 +1,8 @@
 // --set, --delete and --list.
 #include <vector>
 
-#include "basalt/kerberos_names.h"
-#include "basalt/protected_credential.h"
+#include "basalt/kerberos/kerberos_names.h"
+#include "basalt/kerberos/protected_credential.h"
 #include "base/include/exceptions.h"
 #include "base/include/printable.h"
 #include "base/include/properties.h"

@@ -3,13 +3,13 @@
 
 #include <arpa/inet.h>
 
-#include "basalt/fips.h"
+#include "basalt/settings/fips.h"
 #include "base/include/printable.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
 #include "cli/cli_common.h"
 #include "cli/cli_ferrogate_trace.h"
-#include "cloud/cloud_object_certs.h"
+#include "cloud/http/cloud_object_certs.h"
 #include "cloud/include/curl_object.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "basalt/base64.h"
-#include "cloud/curl_object_challenge.h"
+#include "basalt/files/base64.h"
+#include "cloud/http/curl_object_challenge.h"
 
 namespace {
 

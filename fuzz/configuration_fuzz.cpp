@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "basalt/properties_text.h"
+#include "basalt/settings/properties_text.h"
 #include "base/include/exceptions.h"
 
 namespace {

@@ -13,8 +13,8 @@
 
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"
-#include "cloud/tests/cloudconnectorlocator_access.h"
-#include "cloud/tests/cloudconnectorlocator_keywords.h"
+#include "cloud/route/tests/cloudconnectorlocator_access.h"
+#include "cloud/route/tests/cloudconnectorlocator_keywords.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "base/include/printable.h"
-#include "cloud/cloudconnectorlocator_record.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "basalt/kerberos_seal.h"
+#include "basalt/kerberos/kerberos_seal.h"
 #include "base/include/exceptions.h"
 #include "testsupport/keytab.h"
 

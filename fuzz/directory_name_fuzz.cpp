@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "basalt/canonical_spn.h"
-#include "basalt/directory.h"
+#include "basalt/directory/canonical_spn.h"
+#include "basalt/directory/directory.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "cloud/curl_gsssetup.h"
+#include "cloud/http/curl_gsssetup.h"
 
 namespace {
 

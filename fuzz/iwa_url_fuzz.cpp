@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "basalt/directory_object.h"
-#include "cloud/cloudconnectorlocator_record.h"
+#include "basalt/directory/directory_object.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "cloud/tests/cloud_auth_client.h"
+#include "cloud/login/tests/cloud_auth_client.h"
 
 namespace {
 

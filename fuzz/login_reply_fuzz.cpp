@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "cloud/tests/cloud_auth_v0_client.h"
-#include "cloud/tests/cloud_auth_v1_client.h"
+#include "cloud/login/tests/cloud_auth_v0_client.h"
+#include "cloud/login/tests/cloud_auth_v1_client.h"
 
 namespace {
 

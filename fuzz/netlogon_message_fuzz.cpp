@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "basalt/directory_ping.h"
+#include "basalt/directory/directory_ping.h"
 #include "base/include/exceptions.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

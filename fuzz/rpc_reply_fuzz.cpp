@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "basalt/posix_file.h"
+#include "basalt/files/posix_file.h"
 #include "base/include/exceptions.h"
 #include "fuzz/shown_text.h"
 #include "quill/local_rpc_session.h"

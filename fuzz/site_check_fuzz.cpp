@@ -6,7 +6,7 @@
 #include <string>
 
 #include "cloud/include/cloud_auth.h"
-#include "cloud/machine_sign_in.h"
+#include "cloud/rest/machine_sign_in.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "basalt/directory_srv.h"
+#include "basalt/directory/directory_srv.h"
 #include "base/include/exceptions.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "basalt/directory.h"
+#include "basalt/directory/directory.h"
 #include "base/include/exceptions.h"
 #include "base/include/parameter_names.h"
 #include "quill/local_rpc_session.h"

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "basalt/file_security.h"
+#include "basalt/files/file_security.h"
 #include "base/include/exceptions.h"
 #include "base/include/printable.h"
 #include "quill/rpc_channel.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "basalt/directory.h"
+#include "basalt/directory/directory.h"
 
 namespace lumo {
 

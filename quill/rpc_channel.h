@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "basalt/posix_file.h"
+#include "basalt/files/posix_file.h"
 #include "quill/rpc_frame.h"
 
 namespace lumo {

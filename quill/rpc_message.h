@@ -7,7 +7,7 @@
 #include <variant>
 #include <vector>
 
-#include "basalt/directory.h"
+#include "basalt/directory/directory.h"
 #include "quill/local_rpc_session.h"
 
 namespace lumo {

@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "basalt/lock_file.h"
-#include "basalt/state_folder.h"
+#include "basalt/files/lock_file.h"
+#include "basalt/files/state_folder.h"
 #include "base/include/exceptions.h"
 
 namespace lumo {

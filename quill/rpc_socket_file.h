@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "basalt/posix_file.h"
+#include "basalt/files/posix_file.h"
 
 namespace lumo {
 

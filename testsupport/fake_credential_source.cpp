@@ -5,7 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "basalt/clock.h"
+#include "basalt/process/clock.h"
 #include "base/include/kerb_wrap.h"
 
 namespace testsupport {

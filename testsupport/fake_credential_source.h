@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "basalt/kerberos_credentials.h"
+#include "basalt/kerberos/kerberos_credentials.h"
 
 namespace testsupport {
 

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "basalt/clock.h"
+#include "basalt/process/clock.h"
 
 namespace testsupport {
 

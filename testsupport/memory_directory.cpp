@@ -4,7 +4,7 @@
 #include <iterator>
 #include <set>
 
-#include "basalt/directory_name.h"
+#include "basalt/directory/directory_name.h"
 #include "base/include/exceptions.h"
 #include "base/include/string_helpers.h"
 

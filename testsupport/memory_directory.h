@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "basalt/directory.h"
+#include "basalt/directory/directory.h"
 
 namespace testsupport {
 

@@ -65,7 +65,7 @@ def commands():
 
 
 def auth_types():
-    body = re.search(r"proxyAuthTypes = \{(.*?)\n\};", sources("cloud/curl_object*.cpp"), re.S).group(1)
+    body = re.search(r"proxyAuthTypes = \{(.*?)\n\};", sources("cloud/http/curl_object*.cpp"), re.S).group(1)
     return set(re.findall(r'\{"(\w+)",', body))
 
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "basalt/clock.h"
+#include "basalt/process/clock.h"
 
 namespace testsupport {
 

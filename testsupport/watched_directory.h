@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "basalt/directory.h"
+#include "basalt/directory/directory.h"
 
 namespace testsupport {
 

@@ -28,14 +28,14 @@ GUARDED = [
     (re.compile(r"^curl/"), re.compile(r"^cloud/(include/)?curl_")),
     (re.compile(r"^(ldap|lber)\.h$"), re.compile(r"^basalt/directory")),
     (re.compile(r"^(krb5|gssapi|gssapi/.*|krb5/.*|com_err|et/com_err|profile)(\.h)?$"),
-     re.compile(r"^(base/(include/)?kerb_wrap|basalt/kerberos|cloud/curl_gsssetup)")),
+     re.compile(r"^(base/(include/)?kerb_wrap|basalt/kerberos|cloud/http/curl_gsssetup)")),
     (re.compile(r"^sodium"), re.compile(r"^basalt/(locked_memory|base64)")),
     (re.compile(r"^sasl/"), re.compile(r"^(basalt/directory|cli/cli_ferrogate_sasl)")),
     (re.compile(r"^spdlog/"), re.compile(r"^basalt/log(ging|_sinks)")),
     (re.compile(r"^rapidjson/"), re.compile(r"^(quill|cloud|lab)/")),
 ]
 # Protocol versions know one another by inheritance alone: this file may include that header.
-INHERITANCE = {"cloud/cloud_auth_v1s.h": {"cloud/cloud_auth_v1.h"}}
+INHERITANCE = {"cloud/login/cloud_auth_v1s.h": {"cloud/login/cloud_auth_v1.h"}}
 VERSION = re.compile(r"^cloud/cloud_auth_(v\w+)\.h$")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 

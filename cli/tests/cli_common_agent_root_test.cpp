@@ -10,8 +10,8 @@
 #include <functional>
 #include <thread>
 
-#include "basalt/posix_file.h"
-#include "basalt/settings_store.h"
+#include "basalt/files/posix_file.h"
+#include "basalt/settings/settings_store.h"
 #include "base/include/exceptions.h"
 #include "cli/cli_common.h"
 #include "cli/tests/configured_host.h"

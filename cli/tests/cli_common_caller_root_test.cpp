@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "basalt/settings_store.h"
+#include "basalt/settings/settings_store.h"
 #include "cli/cli_common.h"
 #include "cli/tests/configured_host.h"
 

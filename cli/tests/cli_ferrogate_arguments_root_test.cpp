@@ -9,7 +9,7 @@
 
 #include <thread>
 
-#include "basalt/posix_file.h"
+#include "basalt/files/posix_file.h"
 #include "cli/tests/tool_host.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "basalt/protected_credential.h"
+#include "basalt/kerberos/protected_credential.h"
 #include "cli/cli_ferrogate.h"
 #include "cli/tests/tool_host.h"
 

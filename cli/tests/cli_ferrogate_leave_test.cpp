@@ -7,7 +7,7 @@
 #include <future>
 #include <iostream>
 
-#include "basalt/kerberos_request.h"
+#include "basalt/kerberos/kerberos_request.h"
 #include "base/include/kerb_wrap.h"
 #include "cli/cli_ferrogate.h"
 

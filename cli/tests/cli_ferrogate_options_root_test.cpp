@@ -1,5 +1,5 @@
 // Every row of the option tables through the built tool: what is refused, with which words, in which order.
-#include "basalt/settings_store.h"
+#include "basalt/settings/settings_store.h"
 #include "base/include/exceptions.h"
 #include "base/include/string_helpers.h"
 #include "cli/tests/tool_host.h"

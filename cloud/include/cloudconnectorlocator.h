@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "basalt/directory_object.h"
+#include "basalt/directory/directory_object.h"
 #include "cloud/include/cloud_exceptions.h"
 
 // Proof that the calling thread holds the locator's lock; internal.
@@ -31,7 +31,7 @@ struct CloudConnectorInfo {
 };
 
 // Process-wide. Any thread: one recursive lock guards all of it and is held while the directory is searched, so that
-// every caller may wait for a search; no wait is longer than the time limits of basalt/ad_cache_binding.h. Logs by
+// every caller may wait for a search; no wait is longer than the time limits of basalt/directory/ad_cache_binding.h. Logs by
 // "base.cloudconnector.locator".
 class CloudConnectorLocator {
  public:

@@ -14,7 +14,7 @@
 
 #include "base/include/exceptions.h"
 #include "base/include/shredder.h"
-#include "cloud/curl_gsssetup.h"
+#include "cloud/http/curl_gsssetup.h"
 
 namespace lumo {
 

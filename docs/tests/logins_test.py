@@ -53,14 +53,14 @@ class Logins(unittest.TestCase):
 
     def test_requests_are_those_of_the_code(self):
         path = r"\b(?:security|qrsintegration|iwa)/\w+"
-        code = "\n".join(literals("cloud/cloud_auth*.cpp", "cloud/machine_sign_in.h"))
+        code = "\n".join(literals("cloud/login/cloud_auth*.cpp", "cloud/rest/machine_sign_in.h"))
         self.assertEqual(set(re.findall(path, tree.text(PAGE))), set(re.findall(path, code)))
 
     def test_values_of_replies_are_those_of_the_code(self):
         summaries = re.search(r"^\| `Summary` .*?\n\n", tree.text(PAGE), re.S | re.M).group(0)
         named = set(re.findall(r"`(\w+)`", re.sub(r"\|[^|]*\|\n", "|\n", summaries))) - {"Summary", "Failure"}
         self.assertEqual(len(named), 5)
-        self.assertLessEqual(named | {"ChallengeRequired", "NotConfigured"}, literals("cloud/cloud_auth_v1*.cpp"))
+        self.assertLessEqual(named | {"ChallengeRequired", "NotConfigured"}, literals("cloud/login/cloud_auth_v1*.cpp"))
 
     def test_words_of_failures_are_those_of_the_code(self):
         table = re.search(r"^\| exception and words .*?\n\n", tree.text(PAGE), re.S | re.M).group(0)

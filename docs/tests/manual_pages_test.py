@@ -97,7 +97,7 @@ class Configuration(unittest.TestCase):
         self.assertEqual(set(tree.page_parameters()), tree.parameters())
 
     def test_levels_are_those_of_the_code(self):
-        table = re.search(r"levels\{\{(.*?)\}\}\};", tree.text("basalt/logging.cpp"), re.S).group(1)
+        table = re.search(r"levels\{\{(.*?)\}\}\};", tree.text("basalt/logging/logging.cpp"), re.S).group(1)
         values = {name: value for name, value in re.findall(r'\{"(\w+)", ([\w:]+)', table)}
         off = re.search(r"LogLevel OFF = (\d+);", tree.text("base/include/logger.h")).group(1)
         wanted = [(name, int(off if value == "Logger::OFF" else value)) for name, value in values.items()]
@@ -114,7 +114,7 @@ class Configuration(unittest.TestCase):
         self.assertEqual(listed, named)
 
     def test_certificate_bundles_are_those_of_the_code(self):
-        table = re.search(r"KNOWN_BUNDLES\[\] = \{(.*?)\};", tree.text("cloud/cloud_object_certs.cpp"), re.S).group(1)
+        table = re.search(r"KNOWN_BUNDLES\[\] = \{(.*?)\};", tree.text("cloud/http/cloud_object_certs.cpp"), re.S).group(1)
         wanted = re.findall(r'"([^"]+)"', table)
         bundles = r"/(?:etc|usr)/\S+\.(?:crt|pem)"
         self.assertEqual(re.findall(bundles, tree.section(TOOL, "FILES")), wanted)

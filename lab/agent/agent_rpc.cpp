@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "basalt/ad_agent.h"
-#include "basalt/clock.h"
-#include "basalt/fips.h"
+#include "basalt/process/clock.h"
+#include "basalt/settings/fips.h"
 #include "basalt/run_queue.h"
 #include "base/include/exceptions.h"
 #include "base/include/wipe.h"

@@ -16,10 +16,10 @@
 
 #include "basalt/ad_agent.h"
 #include "basalt/kerberos_abandoned.h"
-#include "basalt/kerberos_names.h"
-#include "basalt/lock_file.h"
+#include "basalt/kerberos/kerberos_names.h"
+#include "basalt/files/lock_file.h"
 #include "basalt/run_queue.h"
-#include "basalt/settings_store.h"
+#include "basalt/settings/settings_store.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"

@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "basalt/properties_text.h"
+#include "basalt/settings/properties_text.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "testsupport/temp_folder.h"

@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "basalt/posix_file.h"
+#include "basalt/files/posix_file.h"
 #include "quill/rpc_frame.h"
 #include "testsupport/temp_folder.h"
 

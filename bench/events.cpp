@@ -27,8 +27,8 @@
 #include "bench/plain_curl.h"
 #include "bench/platform.h"
 #include "bench/rounds.h"
-#include "cloud/rest/json_body.h"
 #include "cloud/events/tests/opx_processor_access.h"
+#include "cloud/rest/json_body.h"
 
 namespace {
 

@@ -26,9 +26,9 @@
 #include "bench/plain_curl.h"
 #include "bench/platform.h"
 #include "bench/rounds.h"
+#include "cloud/include/cloud_object_pool.h"
 #include "cloud/login/cloud_auth_v1.h"
 #include "cloud/login/cloud_auth_v1s.h"
-#include "cloud/include/cloud_object_pool.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <iostream>
 
-#include "basalt/process/child_process.h"
 #include "basalt/files/file_security.h"
+#include "basalt/process/child_process.h"
 #include "base/include/parameter_names.h"
 #include "base/include/printable.h"
 #include "base/include/properties.h"

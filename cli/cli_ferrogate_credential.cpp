@@ -2,8 +2,8 @@
 #include <cstdio>
 #include <string_view>
 
-#include "basalt/process/prompt.h"
 #include "basalt/kerberos/protected_credential.h"
+#include "basalt/process/prompt.h"
 #include "base/include/exceptions.h"
 #include "base/include/printable.h"
 #include "cli/cli_common.h"

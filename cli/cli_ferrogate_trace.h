@@ -24,9 +24,9 @@ std::string maskUrlPassword(const std::string& address);
 // pieces, with other lines in between: the lines of one mark continue one another, so that what is masked does not
 // depend on where the pieces end. A piece of a TLS record, which begins with a control character, continues nothing.
 //
-// What is left can be printed: foreign bytes are escaped (lumo::printable) but for line ends, "\n" and "\r\n". A line end
-// within a piece of a peer's or of libcurl's text is followed by the piece's mark again, so that a peer cannot make lines
-// that look like another's. Of a TLS record or a binary body the first bytes make one line.
+// What is left can be printed: foreign bytes are escaped (lumo::printable) but for line ends, "\n" and "\r\n". A line
+// end within a piece of a peer's or of libcurl's text is followed by the piece's mark again, so that a peer cannot make
+// lines that look like another's. Of a TLS record or a binary body the first bytes make one line.
 //
 // `addresses` are the URL and the proxy as they were given: where a line quotes one that holds a password, it comes out
 // masked.

@@ -4,7 +4,7 @@
 #   NAME_root_test.cpp      label root      uid 0; every test in a private mount and network namespace
 #   NAME_lab_test.cpp       label lab       the private domain; one lab for all tests of the room
 # One executable per room and label, one test of ctest's per suite of it, in the lab one for the whole. LAB_WITH names the
-# extras of the room's lab, "mit" where nothing is said.
+# extras of the room's lab, "mit" where nothing is said. FOLDERS names the folders whose tests/ belong to the room.
 
 set(FERRO_TEST_LABELS "unit;loopback;root;lab" CACHE STRING "Which tests to build, by label")
 
@@ -39,11 +39,15 @@ function(ferro_room_tests room)
   if(NOT FERRO_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "LAB_WITH" "LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "LAB_WITH" "LIBS;FOLDERS" ${ARGN})
   if(NOT ARG_LAB_WITH)
     set(ARG_LAB_WITH mit)
   endif()
-  file(GLOB all CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*_test.cpp")
+  if(NOT ARG_FOLDERS)
+    set(ARG_FOLDERS .)
+  endif()
+  list(TRANSFORM ARG_FOLDERS REPLACE "(.+)" "${CMAKE_CURRENT_SOURCE_DIR}/\\1/tests/*_test.cpp" OUTPUT_VARIABLE patterns)
+  file(GLOB all CONFIGURE_DEPENDS ${patterns})
   if(FERRO_TEST_ONLY_THREADED)
     ferro_keep_fitting(all
       "#include <(thread|future)>|#include \".*(run_queue|agent_in_force|local_rpc_server|kerberos_request).*\"")

@@ -6,9 +6,9 @@
 
 #include "basalt/directory/ad_cache_binding_question.h"
 #include "basalt/directory/canonical_spn.h"
-#include "basalt/process/clock.h"
 #include "basalt/kerberos/kerberos_credentials.h"
 #include "basalt/kerberos/kerberos_machine_cache.h"
+#include "basalt/process/clock.h"
 #include "basalt/settings/settings_store.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"

@@ -5,8 +5,8 @@
 
 #include "basalt/directory/ad_cache_binding.h"
 #include "basalt/directory/ad_cache_binding_question.h"
-#include "basalt/process/clock.h"
 #include "basalt/directory/directory_name.h"
+#include "basalt/process/clock.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/printable.h"

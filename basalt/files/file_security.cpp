@@ -9,8 +9,8 @@
 #include <deque>
 #include <memory>
 
-#include "basalt/process/child_process.h"
 #include "basalt/files/posix_file.h"
+#include "basalt/process/child_process.h"
 #include "base/include/exceptions.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "basalt/logging/first_time.h"
 #include "basalt/kerberos/kerberos_handles.h"
+#include "basalt/logging/first_time.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <tuple>
 
-#include "basalt/logging/first_time.h"
 #include "basalt/kerberos/kerberos_handles.h"
+#include "basalt/logging/first_time.h"
 #include "basalt/settings/settings_store.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"

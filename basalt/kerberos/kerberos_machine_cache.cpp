@@ -10,14 +10,14 @@
 #include <cstring>
 #include <vector>
 
-#include "basalt/process/clock.h"
+#include "basalt/files/posix_file.h"
+#include "basalt/files/secure_file.h"
+#include "basalt/files/state_folder.h"
 #include "basalt/kerberos/kerberos_handles.h"
 #include "basalt/kerberos/kerberos_keytab.h"
 #include "basalt/kerberos/kerberos_machine_account.h"
 #include "basalt/kerberos/kerberos_request.h"
-#include "basalt/files/posix_file.h"
-#include "basalt/files/secure_file.h"
-#include "basalt/files/state_folder.h"
+#include "basalt/process/clock.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
 #include "base/include/printable.h"

@@ -13,8 +13,8 @@
 #include <system_error>
 #include <thread>
 
-#include "basalt/kerberos_abandoned.h"
 #include "basalt/kerberos/kerberos_handles.h"
+#include "basalt/kerberos_abandoned.h"
 #include "base/include/kerb_wrap.h"
 
 namespace lumo {

@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "basalt/logging/first_time.h"
 #include "basalt/kerberos/kerberos_handles.h"
 #include "basalt/kerberos/kerberos_keytab.h"
 #include "basalt/kerberos/kerberos_machine_account.h"
+#include "basalt/logging/first_time.h"
 #include "base/include/kerb_wrap.h"
 #include "base/include/logger.h"
 

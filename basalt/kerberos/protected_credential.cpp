@@ -7,12 +7,12 @@
 #include <utility>
 
 #include "basalt/files/file_security.h"
-#include "basalt/logging/first_time.h"
-#include "basalt/kerberos/kerberos_names.h"
-#include "basalt/kerberos/kerberos_seal.h"
 #include "basalt/files/posix_file.h"
 #include "basalt/files/secure_file.h"
 #include "basalt/files/state_folder.h"
+#include "basalt/kerberos/kerberos_names.h"
+#include "basalt/kerberos/kerberos_seal.h"
+#include "basalt/logging/first_time.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"

@@ -32,9 +32,9 @@ class ArgV {
 // `timeout` is in seconds; any negative number waits without limit. On time-out the child gets TERM and, a second
 // later, KILL; with `newGroup`, which puts it into a process group of its own, all of that group do. What the child
 // leaves running when it ends by itself is left alone. Of the environment the child gets what
-// process_environment.h tells, with a search path of its own. `resetSignals` gives it default signal dispositions and an empty
-// mask. Returns the wait status, or -1 with errno set, ETIMEDOUT on time-out. A child that stopped is ended at once and
-// its stop is the status returned: nobody is there to continue it. No zombie stays. Any thread; SIGCHLD must not be
-// ignored.
+// process_environment.h tells, with a search path of its own. `resetSignals` gives it default signal dispositions and
+// an empty mask. Returns the wait status, or -1 with errno set, ETIMEDOUT on time-out. A child that stopped is ended at
+// once and its stop is the status returned: nobody is there to continue it. No zombie stays. Any thread; SIGCHLD must
+// not be ignored.
 int spawnfv_time(int flags, int fdCount, const int* fds, const char* cmd, char** argv, int timeout, int newGroup,
                  int resetSignals);

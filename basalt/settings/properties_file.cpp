@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "basalt/files/posix_file.h"
-#include "basalt/settings/properties_text.h"
 #include "basalt/files/secure_file.h"
+#include "basalt/settings/properties_text.h"
 #include "base/include/exceptions.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"

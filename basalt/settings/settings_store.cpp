@@ -7,10 +7,10 @@
 #include <optional>
 
 #include "basalt/files/file_security.h"
-#include "basalt/kerberos/kerberos_names.h"
 #include "basalt/files/posix_file.h"
 #include "basalt/files/secure_file.h"
 #include "basalt/files/state_folder.h"
+#include "basalt/kerberos/kerberos_names.h"
 #include "base/include/exceptions.h"
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"

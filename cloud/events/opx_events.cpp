@@ -4,12 +4,12 @@
 
 #include "basalt/process/clock.h"
 #include "base/include/wipe.h"
+#include "cloud/events/opx_handler.h"
 #include "cloud/http/http_status.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
 #include "cloud/rest/json_body.h"
 #include "cloud/rest/machine_sign_in.h"
-#include "cloud/events/opx_handler.h"
 #include "cloud/route/opx_lock.h"
 
 namespace lumo {

@@ -6,12 +6,12 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "base/include/wipe.h"
+#include "cloud/events/opx_handler.h"
 #include "cloud/http/http_status.h"
-#include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx.h"
-#include "cloud/events/opx_handler.h"
+#include "cloud/rest/json_reply.h"
 
 namespace lumo {
 
@@ -80,7 +80,7 @@ void OPXProcessor::cloudSetup() {
 int OPXProcessor::processResult() {
   LUMO_LOG(logger, 1, "HTTP code = %ld", httpCode);
   if (httpCode != HTTP_OK) return 0;
-  return CloudAuth::readReply(logger, responseBody, document);
+  return lumo::readReply(logger, responseBody, document);
 }
 
 }  // namespace lumo

@@ -6,10 +6,10 @@
 #include "base/include/wipe.h"
 #include "cloud/http/cloud_object_certs.h"
 #include "cloud/http/http_status.h"
-#include "cloud/include/cloud_auth.h"
 #include "cloud/include/cloud_exceptions.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
+#include "cloud/rest/json_reply.h"
 #include "cloud/rest/machine_sign_in.h"
 
 namespace lumo {
@@ -48,9 +48,9 @@ bool OPXProcessor::readSiteCheck() {
     return false;
   }
   rapidjson::Document reply;
-  CloudAuth::parseJson(reply, object.text);
+  lumo::parseJson(reply, object.text);
   std::string result;
-  CloudAuth::getJsonString(reply, SITE_CHECK_RESULT, result);
+  lumo::getJsonString(reply, SITE_CHECK_RESULT, result);
   if (result != SITE_CHECK_SUCCESS) {
     LUMO_LOG(logger, 1, "siteCheck: result not success: (%s)", result.c_str());
     return false;
@@ -85,7 +85,7 @@ void OPXProcessor::cloudIWA() {
 void OPXProcessor::cloudSSO() {
   std::string code;
   const WipeAtEnd wipeCode(code);
-  CloudAuth::getJsonString(document, SITE_CHECK_CODE, code);
+  lumo::getJsonString(document, SITE_CHECK_CODE, code);
   const CodeUrl url(platformUrl + SSO_PATH, code);
   const int result = getMasked(url.whole(), url.shown());
   LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);

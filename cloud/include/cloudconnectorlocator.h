@@ -31,8 +31,8 @@ struct CloudConnectorInfo {
 };
 
 // Process-wide. Any thread: one recursive lock guards all of it and is held while the directory is searched, so that
-// every caller may wait for a search; no wait is longer than the time limits of basalt/directory/ad_cache_binding.h. Logs by
-// "base.cloudconnector.locator".
+// every caller may wait for a search; no wait is longer than the time limits of basalt/directory/ad_cache_binding.h.
+// Logs by "base.cloudconnector.locator".
 class CloudConnectorLocator {
  public:
   // The instance, made at the first call with the zone's platform URL, which counts only then, and with the connector

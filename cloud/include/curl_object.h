@@ -86,9 +86,9 @@ class CurlObject {
 
   // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
   // any status counts as success. The body ends at its first zero byte. Throws CurlException "curl error occurred in
-  // curl_easy_perform: %s (%d)", "Not enough memory for curl write buffer" or why a challenge of the peer is not answered
-  // (NTLM that allows weak responses only, Basic in place of something better), lumo::SystemException when the default
-  // Kerberos credential cannot be barred, and what the GSS set-up function throws. Wipes its copy of the body.
+  // curl_easy_perform: %s (%d)", "Not enough memory for curl write buffer" or why a challenge of the peer is not
+  // answered (NTLM that allows weak responses only, Basic in place of something better), lumo::SystemException when the
+  // default Kerberos credential cannot be barred, and what the GSS set-up function throws. Wipes its copy of the body.
   std::pair<long, std::string> perform(const std::string& url, const std::string& body, int post);
 
   // Gives back what the last exchange left in memory: body, header lines, trace. To be called when another user gets

@@ -7,6 +7,7 @@
 #include "base/include/string_helpers.h"
 #include "cloud/http/http_status.h"
 #include "cloud/include/curl_object.h"
+#include "cloud/rest/json_reply.h"
 
 namespace {
 
@@ -50,19 +51,25 @@ int CloudAuth::processResult() {
   return readReply(log, responseBody, document);
 }
 
+// The reading of a reply, under the names that an agent knows.
+
 int CloudAuth::readReply(const boost::shared_ptr<lumo::Logger>& log, const std::string& body,
                          rapidjson::Document& document) {
-  LUMO_LOG(log, 0, "HTTP response: %s", body.c_str());
-  parseJson(document, body);
-  if (member(document, "success").IsTrue()) return 1;
-  const auto read = [&document](const char* key) {
-    std::string value;
-    getJsonStringOptional(document, key, value);
-    return value;
-  };
-  LUMO_LOG(log, 1,
-           "processResult returns false, error information from cloud errorCode = %s, errorId = %s, message = %s, "
-           "messageId = %s.",
-           read("ErrorCode").c_str(), read("ErrorID").c_str(), read("Message").c_str(), read("MessageID").c_str());
-  return 0;
+  return lumo::readReply(log, body, document);
 }
+
+void CloudAuth::getJsonString(const rapidjson::Value& object, std::string_view key, std::string& out) {
+  lumo::getJsonString(object, key, out);
+}
+
+void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, std::string_view key, std::string& out) {
+  lumo::getJsonStringOptional(object, key, out);
+}
+
+const rapidjson::Value& CloudAuth::member(const rapidjson::Value& object, std::string_view key) {
+  return lumo::jsonMember(object, key);
+}
+
+void CloudAuth::parseJson(rapidjson::Document& out, std::string_view text) { lumo::parseJson(out, text); }
+
+void CloudAuth::jsonToString(std::string& out, const rapidjson::Value& object) { lumo::jsonToString(out, object); }

@@ -9,11 +9,11 @@
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
+#include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/include/opx.h"
 #include "cloud/login/cloud_auth_v0.h"
 #include "cloud/login/cloud_auth_v1.h"
 #include "cloud/login/cloud_auth_v1s.h"
-#include "cloud/include/cloudconnectorlocator.h"
-#include "cloud/include/opx.h"
 #include "cloud/login/lookup.h"
 #include "cloud/rest/machine_sign_in.h"
 

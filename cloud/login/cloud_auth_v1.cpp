@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "cloud/rest/json_body.h"
 #include "cloud/login/lookup.h"
+#include "cloud/rest/json_body.h"
 
 namespace {
 

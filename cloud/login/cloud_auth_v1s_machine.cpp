@@ -4,10 +4,10 @@
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "base/include/wipe.h"
-#include "cloud/login/cloud_auth_v1s.h"
 #include "cloud/http/cloud_object_certs.h"
 #include "cloud/http/http_status.h"
 #include "cloud/include/curl_object.h"
+#include "cloud/login/cloud_auth_v1s.h"
 #include "cloud/rest/json_body.h"
 #include "cloud/rest/machine_sign_in.h"
 

@@ -1,12 +1,15 @@
+#include "cloud/rest/json_reply.h"
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <vector>
 
 #include "base/include/printable.h"
+#include "cloud/include/cloud_exceptions.h"
 #include "cloud/rest/json_reader.h"
-#include "cloud/include/cloud_auth.h"
 
+namespace lumo {
 namespace {
 
 using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
@@ -52,7 +55,7 @@ void goOn(JsonWriter& writer, std::vector<Open>& open) {
 
 }  // namespace
 
-const rapidjson::Value& CloudAuth::member(const rapidjson::Value& object, std::string_view key) {
+const rapidjson::Value& jsonMember(const rapidjson::Value& object, std::string_view key) {
   static const rapidjson::Value missing;
   if (!object.IsObject()) return missing;
   for (const auto& one : object.GetObject()) {
@@ -61,17 +64,17 @@ const rapidjson::Value& CloudAuth::member(const rapidjson::Value& object, std::s
   return missing;
 }
 
-void CloudAuth::getJsonString(const rapidjson::Value& object, std::string_view key, std::string& out) {
-  const rapidjson::Value& value = member(object, key);
+void getJsonString(const rapidjson::Value& object, std::string_view key, std::string& out) {
+  const rapidjson::Value& value = jsonMember(object, key);
   if (!value.IsString()) {
-    LUMO_THROW(lumo::CloudException, -1, "Errors in parsing result from Json: '%s' does NOT exist",
+    LUMO_THROW(CloudException, -1, "Errors in parsing result from Json: '%s' does NOT exist",
                lumo::printable(key).c_str());
   }
   out.assign(value.GetString(), value.GetStringLength());
 }
 
-void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, std::string_view key, std::string& out) {
-  const rapidjson::Value& value = member(object, key);
+void getJsonStringOptional(const rapidjson::Value& object, std::string_view key, std::string& out) {
+  const rapidjson::Value& value = jsonMember(object, key);
   if (value.IsString()) {
     out.assign(value.GetString(), value.GetStringLength());
   } else {
@@ -80,9 +83,9 @@ void CloudAuth::getJsonStringOptional(const rapidjson::Value& object, std::strin
 }
 
 // A new one each time: a document only gives its memory back as a whole.
-void CloudAuth::parseJson(rapidjson::Document& out, std::string_view text) { out = readJson(text); }
+void parseJson(rapidjson::Document& out, std::string_view text) { out = readJson(text); }
 
-void CloudAuth::jsonToString(std::string& out, const rapidjson::Value& object) {
+void jsonToString(std::string& out, const rapidjson::Value& object) {
   rapidjson::StringBuffer buffer;
   JsonWriter writer(buffer);
   std::vector<Open> open;
@@ -90,3 +93,21 @@ void CloudAuth::jsonToString(std::string& out, const rapidjson::Value& object) {
   while (!open.empty()) goOn(writer, open);
   out.assign(buffer.GetString(), buffer.GetSize());
 }
+
+int readReply(const boost::shared_ptr<Logger>& log, const std::string& body, rapidjson::Document& document) {
+  LUMO_LOG(log, 0, "HTTP response: %s", body.c_str());
+  parseJson(document, body);
+  if (jsonMember(document, "success").IsTrue()) return 1;
+  const auto read = [&document](const char* key) {
+    std::string value;
+    getJsonStringOptional(document, key, value);
+    return value;
+  };
+  LUMO_LOG(log, 1,
+           "processResult returns false, error information from cloud errorCode = %s, errorId = %s, message = %s, "
+           "messageId = %s.",
+           read("ErrorCode").c_str(), read("ErrorID").c_str(), read("Message").c_str(), read("MessageID").c_str());
+  return 0;
+}
+
+}  // namespace lumo

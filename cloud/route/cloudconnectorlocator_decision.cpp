@@ -2,8 +2,8 @@
 
 #include "basalt/settings/zone_hierarchy.h"
 #include "base/include/logger.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

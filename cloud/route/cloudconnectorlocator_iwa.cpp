@@ -2,8 +2,8 @@
 #include "basalt/directory/computer_object.h"
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
+#include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/route/cloudconnectorlocator_order.h"
 #include "cloud/route/cloudconnectorlocator_record.h"
-#include "cloud/include/cloudconnectorlocator.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <list>
 
 #include "basalt/ad_agent.h"
-#include "basalt/process/clock.h"
 #include "basalt/directory/computer_object.h"
+#include "basalt/process/clock.h"
 #include "base/include/logger.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"

@@ -11,9 +11,9 @@
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloud_object_pool.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

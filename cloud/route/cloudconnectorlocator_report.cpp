@@ -4,8 +4,8 @@
 #include "base/include/logger.h"
 #include "base/include/printable.h"
 #include "base/include/string_helpers.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/route/opx_proxy.h"
 
 namespace {

@@ -8,14 +8,14 @@
 #include <vector>
 
 #include "basalt/ad_agent.h"
-#include "basalt/process/clock.h"
 #include "basalt/directory/computer_object.h"
+#include "basalt/process/clock.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"
 #include "base/include/string_helpers.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "base/include/logger.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include "basalt/settings/zone_hierarchy.h"
 #include "base/include/logger.h"
 #include "base/include/string_helpers.h"
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <utility>
 
-#include "basalt/settings/fips.h"
 #include "basalt/kerberos/protected_credential.h"
+#include "basalt/settings/fips.h"
 #include "base/include/logger.h"
 #include "base/include/parameter_names.h"
 #include "base/include/properties.h"

@@ -12,8 +12,8 @@
 
 #include "basalt/ad_agent.h"
 #include "basalt/process/clock.h"
-#include "basalt/settings/fips.h"
 #include "basalt/run_queue.h"
+#include "basalt/settings/fips.h"
 #include "base/include/exceptions.h"
 #include "base/include/wipe.h"
 #include "cloud/include/cloudconnectorlocator.h"

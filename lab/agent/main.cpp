@@ -15,9 +15,9 @@
 #include <thread>
 
 #include "basalt/ad_agent.h"
-#include "basalt/kerberos_abandoned.h"
-#include "basalt/kerberos/kerberos_names.h"
 #include "basalt/files/lock_file.h"
+#include "basalt/kerberos/kerberos_names.h"
+#include "basalt/kerberos_abandoned.h"
 #include "basalt/run_queue.h"
 #include "basalt/settings/settings_store.h"
 #include "base/include/logger.h"

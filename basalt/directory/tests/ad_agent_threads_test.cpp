@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "basalt/ad_agent.h"
-#include "basalt/process/clock.h"
 #include "basalt/directory/computer_object.h"
+#include "basalt/process/clock.h"
 #include "base/include/exceptions.h"
 #include "testsupport/agent_in_force.h"
 #include "testsupport/memory_directory.h"

@@ -12,8 +12,8 @@
 
 #include "basalt/directory/directory_ping.h"
 #include "basalt/directory/directory_socket.h"
-#include "testsupport/dns_server.h"
 #include "basalt/directory/tests/netlogon_bytes.h"
+#include "testsupport/dns_server.h"
 #include "testsupport/private_host.h"
 #include "testsupport/temp_folder.h"
 

@@ -2,8 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include "testsupport/dns_bytes.h"
 #include "base/include/exceptions.h"
+#include "testsupport/dns_bytes.h"
 
 namespace {
 

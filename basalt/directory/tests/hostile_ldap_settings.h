@@ -12,8 +12,8 @@
 #include "testsupport/temp_folder.h"
 
 // Everything that somebody may write there to keep a connection from coming about, to lead it elsewhere or to have it
-// without protection. Not KEEPALIVE_*: the library itself writes that where it must not (2.5.13), which LDAPNOINIT alone
-// prevents.
+// without protection. Not KEEPALIVE_*: the library itself writes that where it must not (2.5.13), which LDAPNOINIT
+// alone prevents.
 inline constexpr char HOSTILE_LDAP_SETTINGS[] =
     "URI ldap://127.0.0.1:1\n"
     "BASE cn=nobody\n"

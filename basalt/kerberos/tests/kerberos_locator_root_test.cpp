@@ -5,8 +5,8 @@
 #include <filesystem>
 
 #include "basalt/kerberos/kerberos_credentials.h"
-#include "testsupport/dns_server.h"
 #include "base/include/parameter_names.h"
+#include "testsupport/dns_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <thread>
 
-#include "basalt/kerberos_abandoned.h"
 #include "basalt/kerberos/tests/own_kerberos_context.h"
+#include "basalt/kerberos_abandoned.h"
 #include "testsupport/fake_credential_source.h"
 
 namespace {

@@ -6,10 +6,10 @@
 
 #include <filesystem>
 
+#include "basalt/files/state_folder.h"
 #include "basalt/kerberos/kerberos_credentials.h"
 #include "basalt/kerberos/protected_credential.h"
 #include "basalt/settings/settings_store.h"
-#include "basalt/files/state_folder.h"
 #include "base/include/exceptions.h"
 #include "base/include/parameter_names.h"
 #include "testsupport/failure_of.h"

@@ -5,9 +5,9 @@
 #include <thread>
 
 #include "cloud/events/opx_handler.h"
-#include "cloud/http/tests/curl_words.h"
 #include "cloud/events/tests/opx_processor_fixture.h"
 #include "cloud/events/tests/opx_queue.h"
+#include "cloud/http/tests/curl_words.h"
 #include "testsupport/manual_clock.h"
 #include "testsupport/watched_clock.h"
 

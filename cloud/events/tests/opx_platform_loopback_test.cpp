@@ -3,11 +3,11 @@
 #include <map>
 #include <thread>
 
-#include "cloud/include/opx.h"
-#include "cloud/login/tests/cloud_auth_platform.h"
-#include "cloud/http/tests/curl_words.h"
 #include "cloud/events/tests/opx_processor_access.h"
 #include "cloud/events/tests/opx_queue.h"
+#include "cloud/http/tests/curl_words.h"
+#include "cloud/include/opx.h"
+#include "cloud/login/tests/cloud_auth_platform.h"
 #include "testsupport/log_capture.h"
 
 namespace {

@@ -4,9 +4,9 @@
 #include <functional>
 #include <string>
 
+#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/include/opx_processor.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
 
 namespace lumo {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "cloud/include/opx.h"
-#include "cloud/http/tests/curl_object_fixture.h"
 #include "cloud/events/tests/opx_processor_access.h"
+#include "cloud/http/tests/curl_object_fixture.h"
+#include "cloud/include/opx.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/reply_script.h"

@@ -1,6 +1,6 @@
 // The processor of privilege events: how it is had, how its connection is set up, how it signs in.
-#include "cloud/http/tests/curl_words.h"
 #include "cloud/events/tests/opx_processor_fixture.h"
+#include "cloud/http/tests/curl_words.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The processor's connection where the connectors say which platform and which road.
+#include "cloud/events/tests/opx_processor_access.h"
 #include "cloud/include/opx.h"
 #include "cloud/route/tests/cloudconnectorlocator_waiting.h"
-#include "cloud/events/tests/opx_processor_access.h"
 
 namespace {
 

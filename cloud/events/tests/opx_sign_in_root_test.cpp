@@ -2,12 +2,12 @@
 #include <filesystem>
 
 #include "basalt/ad_agent.h"
-#include "cloud/include/opx.h"
-#include "cloud/route/tests/cloudconnectorlocator_access.h"
-#include "cloud/rest/tests/connector_trust.h"
+#include "cloud/events/tests/opx_processor_access.h"
 #include "cloud/http/tests/curl_words.h"
 #include "cloud/http/tests/negotiate_host.h"
-#include "cloud/events/tests/opx_processor_access.h"
+#include "cloud/include/opx.h"
+#include "cloud/rest/tests/connector_trust.h"
+#include "cloud/route/tests/cloudconnectorlocator_access.h"
 #include "lab/platform/platform_simulator.h"
 #include "testsupport/setting.h"
 #include "testsupport/temp_folder.h"

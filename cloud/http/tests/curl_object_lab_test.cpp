@@ -6,9 +6,9 @@
 
 #include "base/include/parameter_names.h"
 #include "base/include/string_helpers.h"
-#include "cloud/include/curl_object.h"
 #include "cloud/http/tests/curl_words.h"
 #include "cloud/http/tests/lab.h"
+#include "cloud/include/curl_object.h"
 #include "testsupport/process.h"
 
 using std::chrono::seconds;

@@ -2,8 +2,8 @@
 // lists.
 #include <ctime>
 
-#include "cloud/login/tests/cloud_auth_bad_reply.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/login/tests/cloud_auth_bad_reply.h"
 #include "testsupport/sanitizers.h"
 
 namespace {

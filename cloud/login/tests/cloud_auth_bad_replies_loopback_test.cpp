@@ -1,6 +1,6 @@
 // Every request of every login meets a reply that does not come, comes damaged or says no.
-#include "cloud/login/tests/cloud_auth_bad_reply.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/login/tests/cloud_auth_bad_reply.h"
 
 namespace {
 

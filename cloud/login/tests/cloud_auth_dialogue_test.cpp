@@ -1,8 +1,8 @@
 // The records of a login: which challenge is open, which is done, by what.
 #include <gmock/gmock.h>
 
-#include "cloud/login/tests/cloud_auth_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/login/tests/cloud_auth_client.h"
 
 namespace {
 

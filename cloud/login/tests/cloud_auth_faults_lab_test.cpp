@@ -1,8 +1,8 @@
 // Logins while something is wrong: clock, ticket, connector, certificate.
 #include <cstdlib>
 
-#include "cloud/login/tests/cloud_auth_lab.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/login/tests/cloud_auth_lab.h"
 #include "testsupport/lab_control.h"
 #include "testsupport/temp_folder.h"
 

@@ -7,10 +7,10 @@
 #include <memory>
 #include <thread>
 
-#include "cloud/login/cloud_auth_v0.h"
-#include "cloud/include/opx.h"
-#include "cloud/login/tests/cloud_auth_v1s_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/include/opx.h"
+#include "cloud/login/cloud_auth_v0.h"
+#include "cloud/login/tests/cloud_auth_v1s_client.h"
 #include "cloud/route/tests/cloudconnectorlocator_waiting.h"
 #include "testsupport/sanitizers.h"
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/include/cloud_auth_handler.h"
 #include "cloud/include/curl_object.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/rest/tests/cloudconnectorlocator_lab.h"
 
 namespace labtest {

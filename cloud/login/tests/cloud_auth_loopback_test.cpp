@@ -1,10 +1,10 @@
 // Replies of every kind through a real HTTPS server.
 #include <gmock/gmock.h>
 
-#include "cloud/include/cloud_auth.h"
-#include "cloud/login/tests/cloud_auth_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/http/tests/curl_object_fixture.h"
+#include "cloud/include/cloud_auth.h"
+#include "cloud/login/tests/cloud_auth_client.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"

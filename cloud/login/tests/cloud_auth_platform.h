@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/http/tests/curl_object_fixture.h"
 #include "cloud/login/tests/cloud_auth_v0_client.h"
 #include "cloud/login/tests/cloud_auth_v1_client.h"
 #include "cloud/login/tests/cloud_auth_v1s_client.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
-#include "cloud/http/tests/curl_object_fixture.h"
 #include "lab/platform/platform_simulator.h"
 #include "testsupport/http_server.h"
 #include "testsupport/temp_folder.h"

@@ -3,9 +3,9 @@
 
 #include <gmock/gmock.h>
 
-#include "cloud/rest/json_reader.h"
-#include "cloud/login/tests/cloud_auth_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/login/tests/cloud_auth_client.h"
+#include "cloud/rest/json_reader.h"
 #include "testsupport/log_capture.h"
 
 namespace {

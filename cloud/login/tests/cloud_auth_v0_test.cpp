@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/login/tests/cloud_auth_records.h"
 #include "cloud/login/tests/cloud_auth_v0_client.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
 
 namespace {
 

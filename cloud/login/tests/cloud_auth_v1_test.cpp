@@ -5,9 +5,9 @@
 #include <ctime>
 #include <set>
 
+#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/login/tests/cloud_auth_records.h"
 #include "cloud/login/tests/cloud_auth_v1_client.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "testsupport/log_capture.h"
 
 namespace {

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "base/include/parameter_names.h"
-#include "cloud/login/tests/cloud_auth_v1s_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/http/tests/curl_object_fixture.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/login/tests/cloud_auth_v1s_client.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/reply_script.h"

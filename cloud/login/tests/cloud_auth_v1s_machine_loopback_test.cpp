@@ -1,6 +1,6 @@
 // The machine's sign-in: what goes to connector and platform, what is logged, what fails how.
-#include "cloud/login/tests/cloud_auth_v1s_machine_sign_in.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/login/tests/cloud_auth_v1s_machine_sign_in.h"
 
 using namespace v1stest;
 using testing::AllOf;

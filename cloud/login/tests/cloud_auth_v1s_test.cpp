@@ -1,8 +1,8 @@
 // The newest login without a platform.
 #include <gmock/gmock.h>
 
-#include "cloud/login/tests/cloud_auth_v1s_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/login/tests/cloud_auth_v1s_client.h"
 
 namespace {
 

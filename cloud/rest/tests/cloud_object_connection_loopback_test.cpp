@@ -1,8 +1,8 @@
 // Whom a connection trusts, at a real TLS server.
 #include "base/include/parameter_names.h"
-#include "cloud/rest/tests/cloud_object_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/http/tests/curl_object_fixture.h"
+#include "cloud/rest/tests/cloud_object_client.h"
 #include "testsupport/http_server.h"
 #include "testsupport/temp_folder.h"
 

@@ -3,9 +3,9 @@
 
 #include <filesystem>
 
-#include "cloud/rest/tests/cloud_object_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/http/tests/curl_object_fixture.h"
+#include "cloud/rest/tests/cloud_object_client.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/temp_folder.h"
 

@@ -3,10 +3,10 @@
 #include <functional>
 
 #include "base/include/parameter_names.h"
-#include "cloud/rest/tests/cloud_object_client.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/http/tests/curl_object_fixture.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/rest/tests/cloud_object_client.h"
 #include "testsupport/log_capture.h"
 
 namespace {

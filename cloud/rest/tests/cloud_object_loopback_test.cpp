@@ -5,10 +5,10 @@
 #include <string>
 
 #include "base/include/parameter_names.h"
-#include "cloud/include/cloud_object.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/http/tests/curl_object_fixture.h"
 #include "cloud/http/tests/curl_words.h"
+#include "cloud/include/cloud_object.h"
 #include "testsupport/http_server.h"
 #include "testsupport/log_capture.h"
 

@@ -1,7 +1,7 @@
 // A connector that fails is given up for the next one: the process's locator over a forest in memory.
+#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/include/opx.h"
 #include "cloud/rest/tests/cloud_object_client.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/route/tests/cloudconnectorlocator_forest.h"
 #include "testsupport/private_host.h"
 

@@ -13,10 +13,10 @@
 #include "basalt/run_queue.h"
 #include "basalt/settings/settings_store.h"
 #include "base/include/parameter_names.h"
+#include "cloud/http/tests/lab.h"
 #include "cloud/include/cloud_object.h"
 #include "cloud/include/opx.h"
 #include "cloud/route/tests/cloudconnectorlocator_access.h"
-#include "cloud/http/tests/lab.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/setting.h"
 

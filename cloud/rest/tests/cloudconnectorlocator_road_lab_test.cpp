@@ -6,9 +6,9 @@
 #include <chrono>
 
 #include "base/include/kerb_wrap.h"
+#include "cloud/http/tests/curl_words.h"
 #include "cloud/include/curl_object.h"
 #include "cloud/rest/tests/cloudconnectorlocator_lab.h"
-#include "cloud/http/tests/curl_words.h"
 #include "testsupport/temp_folder.h"
 
 using std::chrono::seconds;

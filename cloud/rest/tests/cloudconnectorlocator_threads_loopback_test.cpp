@@ -10,9 +10,9 @@
 #include <thread>
 
 #include "basalt/run_queue.h"
+#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/include/opx.h"
 #include "cloud/rest/tests/cloud_object_client.h"
-#include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/route/tests/cloudconnectorlocator_forest.h"
 #include "cloud/route/tests/cloudconnectorlocator_whole_report.h"
 #include "testsupport/fast_clock.h"

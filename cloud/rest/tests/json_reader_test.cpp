@@ -10,13 +10,13 @@
 #include <string_view>
 #include <utility>
 
-#include "cloud/include/cloud_auth.h"
+#include "cloud/rest/json_reply.h"
 
 namespace {
 
 std::string textOf(const rapidjson::Document& document) {
   std::string text;
-  CloudAuth::jsonToString(text, document);
+  lumo::jsonToString(text, document);
   return text;
 }
 

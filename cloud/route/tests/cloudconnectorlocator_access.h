@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "cloud/route/cloudconnectorlocator_record.h"
 #include "cloud/include/cloudconnectorlocator.h"
+#include "cloud/route/cloudconnectorlocator_record.h"
 
 // A locator of the test's own, with its fields and operations. One at a time: the map of keywords is the process's.
 struct CloudConnectorLocatorAccess {

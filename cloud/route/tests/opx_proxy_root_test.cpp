@@ -4,8 +4,8 @@
 
 #include "basalt/kerberos/protected_credential.h"
 #include "base/include/parameter_names.h"
-#include "cloud/include/opx.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/include/opx.h"
 #include "testsupport/keytab.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"

@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 
 #include "base/include/parameter_names.h"
-#include "cloud/include/opx.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/include/opx.h"
 #include "testsupport/log_capture.h"
 
 namespace {

@@ -73,7 +73,7 @@ GUARDED = [
 ]
 # Protocol versions know one another by inheritance alone: this file may include that header.
 INHERITANCE = {"cloud/login/cloud_auth_v1s.h": {"cloud/login/cloud_auth_v1.h"}}
-VERSION = re.compile(r"^cloud/cloud_auth_(v\w+)\.h$")
+VERSION = re.compile(r"^cloud/login/cloud_auth_(v\w+)\.h$")
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 
 

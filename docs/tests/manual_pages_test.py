@@ -108,7 +108,7 @@ class Configuration(unittest.TestCase):
 
     def test_loggers_are_those_of_the_code(self):
         rooms = ("basalt", "quill", "cloud", "cli")
-        code = tree.sources("base/*.cpp", *(f"{room}/*.{end}" for room in rooms for end in ("cpp", "h")))
+        code = tree.sources("base/*.cpp", *(f"{room}/**/*.{end}" for room in rooms for end in ("cpp", "h")))
         named = set(re.findall(r'(?:getLogger\(|LOGGER(?:_NAME)?\[\] = )"([\w.]+)"', code))
         listed = {head[3:] for head, _ in tree.items(tree.section(FILE, "Names"))}
         self.assertEqual(listed, named)

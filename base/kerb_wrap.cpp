@@ -31,7 +31,7 @@ std::optional<std::string> setting(const char* key, const std::string& defaultVa
   try {
     return lumo::Props(false, false).getProperty(key, defaultValue);
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 3, "Cannot read setting %s: %s", key, failure.what());
+    LUMO_LOG(logger(), lumo::level::Warn, "Cannot read setting %s: %s", key, failure.what());
     return std::nullopt;
   }
 }
@@ -44,7 +44,7 @@ void moveAside(const std::string& file) {
   if (access(file.c_str(), F_OK) == 0) unlink(bad.c_str());
   if (std::rename(file.c_str(), bad.c_str()) != 0) {
     const int reason = errno;
-    LUMO_LOG(logger(), 1, "Failed to move bad %s aside(errno=%d)", file.c_str(), reason);
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to move bad %s aside(errno=%d)", file.c_str(), reason);
   }
 }
 
@@ -109,13 +109,15 @@ void KerberosContext::init() {
     m_context = nullptr;
     const std::optional<std::string> file = setting(lumo::PN::KRB5_CONFFILE_NAME, "/etc/krb5.conf");
     if (file) moveAside(*file);
-    LUMO_LOG(logger(), 3, "Kerberos config file format error, reinit kerberos context using empty profile.");
+    LUMO_LOG(logger(), lumo::level::Warn,
+             "Kerberos config file format error, reinit kerberos context using empty profile.");
     rc = initWithEmptyProfile(&m_context);
   }
   if (rc != 0) {
     m_context = nullptr;
     const std::string reason = KerbMessage(rc, "init context");
-    LUMO_LOG(logger(), 4, "Failed to initialize kerberos context (rc=%d), reason=%s", rc, reason.c_str());
+    LUMO_LOG(logger(), lumo::level::Error, "Failed to initialize kerberos context (rc=%d), reason=%s", rc,
+             reason.c_str());
     throw KerberosException(rc, reason.c_str(), __FILE__, __LINE__);
   }
   krb5_allow_weak_crypto(m_context, allowWeakCrypto() ? 1 : 0);

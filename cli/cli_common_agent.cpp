@@ -102,7 +102,7 @@ std::string GetUserUPN(const std::string& user) {
   try {
     return askForUPN(user);
   } catch (...) {
-    LUMO_LOG(getLogger("cli.common", false), 1,
+    LUMO_LOG(getLogger("cli.common", false), lumo::level::Debug,
              "Failed to get UPN for user '%s', maybe ferrod is not running/not available.", user.c_str());
     return "";
   }

@@ -71,23 +71,23 @@ const Command* findCommand(int letter) {
 }
 
 int reportHint() {
-  FERRO_REPORT(4, "Please run with -h option to get the help page.\n");
+  FERRO_REPORT(lumo::level::Error, "Please run with -h option to get the help page.\n");
   return result::Usage;
 }
 
 int reportInvalidCommand() {
-  FERRO_REPORT(4, "Invalid command.\n");
+  FERRO_REPORT(lumo::level::Error, "Invalid command.\n");
   return reportHint();
 }
 
 int reportSecondCommand() {
-  FERRO_REPORT(4, "Only one command may be given.\n");
+  FERRO_REPORT(lumo::level::Error, "Only one command may be given.\n");
   return reportHint();
 }
 
 int reportResult(int code) {
   if (code == result::Usage) return reportHint();
-  FERRO_REPORT(4, VS("ERROR: %s.\n", resultMessage(code).c_str()));
+  FERRO_REPORT(lumo::level::Error, VS("ERROR: %s.\n", resultMessage(code).c_str()));
   return code;
 }
 

@@ -68,7 +68,8 @@ bool promptPassword(CommandOptions& record) {
   const char* const typed = mvd_getpass("Password:");
   if (typed == nullptr) {
     // An empty password in place of the missing one would be stored or sent without anybody having wanted it.
-    FERRO_REPORT(4, "Cannot read the password from the terminal. Supply it with the --password option.\n");
+    FERRO_REPORT(lumo::level::Error,
+                 "Cannot read the password from the terminal. Supply it with the --password option.\n");
     return false;
   }
   record.password = lumo::Shredder2(typed);

@@ -16,7 +16,7 @@ constexpr char WRONG_OPTION[] = "Wrong option.\n";
 constexpr char EMPTY_USER[] = "Username should not be empty.\n";
 
 int refuse(const char* text) {
-  FERRO_REPORT(4, text);
+  FERRO_REPORT(lumo::level::Error, text);
   return result::Usage;
 }
 
@@ -90,7 +90,7 @@ int takeAuthRequired(CommandOptions& record) {
 
 // The weak types against FIPS mode.
 int judgeFips(const std::string& authType) {
-  if (!fipsModeConsistent()) FERRO_REPORT(3, FIPS_INCONSISTENT);
+  if (!fipsModeConsistent()) FERRO_REPORT(lumo::level::Warn, FIPS_INCONSISTENT);
   if (!lumo::FIPSHelper::isStarted()) return result::Success;
   return refuse(VS("Auth Type '%s' is not allowed when FIPS mode is enabled.\n", authType.c_str()).c_str());
 }
@@ -158,7 +158,7 @@ int parseTestCommandOption(int ch, CommandOptions& record) {
     case 'u':
       return takeUser(record, TEST_WORDING);
     default:
-      FERRO_REPORT(4, WRONG_OPTION);
+      FERRO_REPORT(lumo::level::Error, WRONG_OPTION);
       return result::Success;
   }
 }

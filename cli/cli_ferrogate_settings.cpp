@@ -22,7 +22,7 @@ bool namesNoSetting(const CommandOptions& record) {
 int setCredential(CommandOptions& record) {
   if (record.username.empty()) {
     if (namesNoSetting(record)) {
-      FERRO_REPORT(4, "Must provide either of --username, --machine, --server or --authreq option.\n");
+      FERRO_REPORT(lumo::level::Error, "Must provide either of --username, --machine, --server or --authreq option.\n");
       return result::Usage;
     }
     if (record.password.empty()) return result::Success;
@@ -80,7 +80,7 @@ int handleSetCommand(CommandOptions& record) {
   changes.apply(lumo::PN::CLOUD_PROXY_AUTH_TYPE, record.clearAuthType, record.authType);
   settings.saveProperty(lumo::path::CONFIGURATION);
   changes.record();
-  FERRO_REPORT(1,
+  FERRO_REPORT(lumo::level::Debug,
                "Set the HTTP Proxy configuration successfully.\n"
                "You may want to run ferrokick to make the new configuration effective.");
   return result::Success;

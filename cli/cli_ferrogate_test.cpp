@@ -19,7 +19,7 @@ int readSettings(CommandOptions& record) {
   const lumo::Properties& settings = lumo::Props(false, false);
   if (record.server.empty()) record.server = settings.getProperty(lumo::PN::CLOUD_PROXY_SERVER);
   if (record.server.empty()) {
-    FERRO_REPORT(4, "HTTP proxy server is required for testing HTTP proxy credential.");
+    FERRO_REPORT(lumo::level::Error, "HTTP proxy server is required for testing HTTP proxy credential.");
     return result::NoProxyServer;
   }
   record.authRequired = settings.getProperty(lumo::PN::CLOUD_PROXY_AUTH_REQUIRED, "false");
@@ -29,10 +29,10 @@ int readSettings(CommandOptions& record) {
 
 int judgeFips(const CommandOptions& record) {
   if (!lumo::FIPSHelper::bars(record.authType)) return result::Success;
-  if (!fipsModeConsistent()) FERRO_REPORT(3, FIPS_INCONSISTENT);
+  if (!fipsModeConsistent()) FERRO_REPORT(lumo::level::Warn, FIPS_INCONSISTENT);
   if (!lumo::FIPSHelper::isStarted()) return result::Success;
-  FERRO_REPORT(4, VS("Auth type '%s' is configured, which is not allowed when FIPS mode is enabled.\n",
-                     record.authType.c_str()));
+  FERRO_REPORT(lumo::level::Error, VS("Auth type '%s' is configured, which is not allowed when FIPS mode is enabled.\n",
+                                      record.authType.c_str()));
   return result::AuthTypeInvalid;
 }
 
@@ -43,7 +43,8 @@ void warnOfNumericHost(const CommandOptions& record) {
   in_addr address{};
   if (colon == std::string::npos || inet_aton(record.server.substr(0, colon).c_str(), &address) == 0) return;
   if (!usesKerberos(record.authType)) return;
-  FERRO_REPORT(3, "FQDN hostname for proxy server is preferred when authentication type is 'negotiate' or 'anyauth'.");
+  FERRO_REPORT(lumo::level::Warn,
+               "FQDN hostname for proxy server is preferred when authentication type is 'negotiate' or 'anyauth'.");
 }
 
 // User and password from the command line, else the credential file, else the terminal.
@@ -100,7 +101,7 @@ void setUpTrust(CurlObject& connection, const CommandOptions& record) {
   } else if (!trust.bundle.empty()) {
     FERRO_NOTE(record.verbose, "Using cert store: " + lumo::printable(trust.bundle));
   } else if (startsWith(record.opxUrl, "https://", true, false)) {
-    FERRO_REPORT(3, "No valid cert store found, OPX connection might fail!");
+    FERRO_REPORT(lumo::level::Warn, "No valid cert store found, OPX connection might fail!");
   }
 }
 
@@ -132,7 +133,7 @@ int testConnection(const CommandOptions& record) {
 
 int handleTestCommand(CommandOptions& record) {
   if (record.opxUrl.empty()) {
-    FERRO_REPORT(4, "Must provide --opx option.\n");
+    FERRO_REPORT(lumo::level::Error, "Must provide --opx option.\n");
     return result::Usage;
   }
   if (const int code = readSettings(record); code != result::Success) return code;

@@ -270,7 +270,7 @@ class LocalRpcServer::Impl {
       });
     } catch (const std::system_error& failure) {
       m_clients.pop_back();
-      LUMO_LOG(getLogger(LOGGER, false), 4, "Cannot serve a client: %s", failure.what());
+      LUMO_LOG(getLogger(LOGGER, false), lumo::level::Error, "Cannot serve a client: %s", failure.what());
       return false;
     }
     return true;
@@ -282,7 +282,7 @@ class LocalRpcServer::Impl {
     try {
       talk();
     } catch (const std::exception& failure) {
-      LUMO_LOG(getLogger(LOGGER, false), 1, "Conversation ended: %s", failure.what());
+      LUMO_LOG(getLogger(LOGGER, false), lumo::level::Debug, "Conversation ended: %s", failure.what());
     }
   }
 

@@ -66,7 +66,8 @@ void ADAgent::start(const Options& options) {
   const bool domain = agent->m_domain.isHealthy();
   const bool catalogue = agent->m_catalogue.isHealthy();
   const std::string site = domain || catalogue ? agent->siteName() : std::string();
-  LUMO_LOG(logger(), 2, "The agent of the domain '%s' has started: site '%s', controller %s, catalogue %s",
+  LUMO_LOG(logger(), lumo::level::Info,
+           "The agent of the domain '%s' has started: site '%s', controller %s, catalogue %s",
            lumo::printable(agent->m_domain.domain()).c_str(), lumo::printable(site).c_str(),
            domain ? "reached" : "not reached", catalogue ? "reached" : "not reached");
   g_agent.store(agent.release());
@@ -114,7 +115,7 @@ auto ADAgent::inCatalogueOrDomain(const Ask& ask) {
     return ask(m_catalogue);
   } catch (const LDAPException& failure) {
     if (!isServerUnavailable(failure)) throw;
-    LUMO_LOG(logger(), 1, "The catalogue cannot be reached, asking the domain '%s': %s",
+    LUMO_LOG(logger(), lumo::level::Debug, "The catalogue cannot be reached, asking the domain '%s': %s",
              lumo::printable(m_domain.domain()).c_str(), failure.what());
   }
   return ask(m_domain);
@@ -170,7 +171,8 @@ std::string ADAgent::askServiceName(const std::string& spn) {
   try {
     return lumo::canonicalServiceName(spn, m_domain, m_catalogue, &GetAgentDomainBind);
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 3, "The service name %s cannot be looked up: %s", lumo::printable(spn).c_str(), failure.what());
+    LUMO_LOG(logger(), lumo::level::Warn, "The service name %s cannot be looked up: %s", lumo::printable(spn).c_str(),
+             failure.what());
     return {};
   }
 }

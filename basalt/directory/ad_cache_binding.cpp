@@ -119,7 +119,8 @@ std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
       if (fresh || !isConnectionLost(failure)) {
         lose({false, failure.rc(), failure.what()});
       }
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The connection to the directory of '%s' was lost (%s), opening anew",
+      LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug,
+               "The connection to the directory of '%s' was lost (%s), opening anew",
                lumo::printable(m_target.domain).c_str(), failure.what());
     }
     m_connection.reset();
@@ -146,7 +147,7 @@ bool ADCacheBinding::isHealthy() {
     requireConnection();
     return true;
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The directory of '%s' is not there: %s",
+    LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "The directory of '%s' is not there: %s",
              lumo::printable(m_target.domain).c_str(), failure.what());
     return false;
   }

@@ -143,8 +143,8 @@ void ADCacheBinding::prefetchBatch(const Batch& batch, TimePoint end) {
     }
   } catch (const LDAPException& failure) {
     if (isServerUnavailable(failure)) throw;
-    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The directory does not take %zu names at once: %s", batch.names.size(),
-             failure.what());
+    LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "The directory does not take %zu names at once: %s",
+             batch.names.size(), failure.what());
     refused = true;
   }
   missing.rest([&](const std::string& dn, bool none) {
@@ -162,7 +162,7 @@ void ADCacheBinding::prefetchOne(const std::string& dn, const std::vector<std::s
     m_memory.adopt(lumo::questionText(what, 0), searchBefore(end, what));
   } catch (const LDAPException& failure) {
     if (isServerUnavailable(failure)) throw;
-    LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The object '%s' cannot be read ahead: %s", lumo::printable(dn).c_str(),
-             failure.what());
+    LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "The object '%s' cannot be read ahead: %s",
+             lumo::printable(dn).c_str(), failure.what());
   }
 }

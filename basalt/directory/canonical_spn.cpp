@@ -108,8 +108,9 @@ bool CanonicalSpn::canonicalize(std::string& out, ADBind& binding, ADBind& catal
     const auto accounts = catalogue.search(search);
     if (accounts.empty()) continue;
     if (accounts.size() > 1) {
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 3, "The service principal name %s is held by %zu accounts, not by one",
-               printable(name).c_str(), accounts.size());
+      LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Warn,
+               "The service principal name %s is held by %zu accounts, not by one", printable(name).c_str(),
+               accounts.size());
       return false;
     }
     const ADObject& account = *accounts.front();
@@ -138,7 +139,7 @@ std::string canonicalServiceName(const std::string& spn, ADBind& domain, ADBind&
     return canonical;
   } catch (const LUMOException& failure) {
     if (&domain == &catalogue) throw;
-    LUMO_LOG(getLogger(LOGGER_NAME, false), 1,
+    LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug,
              "The catalogue cannot be asked for the service name %s, asking the domain '%s': %s",
              printable(spn).c_str(), printable(domain.domain()).c_str(), failure.what());
   }

@@ -34,8 +34,8 @@ std::string askForest(const std::vector<DirectoryServer>& servers) {
       LdapConnection connection(servers[i], false, {});
       return dnsDomainOf((*connection.rootDse())["rootDomainNamingContext"].toString());
     } catch (const LDAPException& failure) {
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "%s does not tell the forest: %s", printable(servers[i].host).c_str(),
-               failure.what());
+      LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "%s does not tell the forest: %s",
+               printable(servers[i].host).c_str(), failure.what());
     }
   }
   return {};
@@ -57,10 +57,11 @@ class LdapConnector : public DirectoryConnector {
     try {
       const auto reply = m_ping.renew(domainControllers(domain, m_sources), domain);
       if (reply) return reply->clientSite;
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "No controller of '%s' tells the site", printable(domain).c_str());
+      LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "No controller of '%s' tells the site",
+               printable(domain).c_str());
     } catch (const std::exception& failure) {
-      LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "The site in '%s' is not known: %s", printable(domain).c_str(),
-               failure.what());
+      LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "The site in '%s' is not known: %s",
+               printable(domain).c_str(), failure.what());
     }
     return {};
   }
@@ -79,11 +80,12 @@ class LdapConnector : public DirectoryConnector {
       try {
         auto connection = std::make_unique<LdapConnection>(server, target.globalCatalog, LdapLimits{});
         connection->bind(target.ccacheName);
-        LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "Signed in to the directory server %s", textOf(server).c_str());
+        LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug, "Signed in to the directory server %s",
+                 textOf(server).c_str());
         return connection;
       } catch (const LDAPException& failure) {
-        LUMO_LOG(getLogger(LOGGER_NAME, false), 3, "The directory server %s is of no use: %s", textOf(server).c_str(),
-                 failure.what());
+        LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Warn, "The directory server %s is of no use: %s",
+                 textOf(server).c_str(), failure.what());
         tried.push_back({textOf(server), failure.what()});
         if (isRefusal(failure) && refusal == 0) refusal = failure.rc();
       }

@@ -97,8 +97,9 @@ std::vector<DirectoryServer> locateServers(const DirectoryConnector::Target& tar
   std::optional<NetlogonReply> reply;
   if (target.site.empty() || target.globalCatalog) reply = sources.ping(ofDomain, target.domain);
   const std::string site = !target.site.empty() ? target.site : reply ? reply->clientSite : std::string();
-  LUMO_LOG(getLogger(LOGGER_NAME, false), 1, "Domain '%s' has %zu directory servers, this host's site is '%s'",
-           printable(target.domain).c_str(), ofDomain.size(), printable(site).c_str());
+  LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug,
+           "Domain '%s' has %zu directory servers, this host's site is '%s'", printable(target.domain).c_str(),
+           ofDomain.size(), printable(site).c_str());
   std::vector<DirectoryServer> servers;
   if (!target.globalCatalog) {
     append(servers, ofSite("_ldap._tcp.", site, "._sites.dc._msdcs." + target.domain, sources));

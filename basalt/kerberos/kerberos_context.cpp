@@ -16,7 +16,8 @@ std::string joinedRealm() {
   try {
     return upper(lumo::loadSetting(SETTING_DOMAIN_NAME, false, false));
   } catch (const LUMOException& failure) {
-    LUMO_LOG(getLogger("base.kerberos.wrap", false), 3, "Cannot read the joined domain: %s", failure.what());
+    LUMO_LOG(getLogger("base.kerberos.wrap", false), lumo::level::Warn, "Cannot read the joined domain: %s",
+             failure.what());
     return std::string();
   }
 }
@@ -62,11 +63,11 @@ void mvd_krb5_trace_cb(krb5_context, const krb5_trace_info* info, void*) {
   if (info == nullptr) return;  // the context is being freed
   try {
     const auto logger = getLogger("base.kerberos.wrap", false);
-    if (!logger->isLevelEnabled(1)) return;
+    if (!logger->isLevelEnabled(lumo::level::Debug)) return;
     std::string line = info->message;
     if (tellsOfAKey(line)) return;
     while (!line.empty() && line.back() == '\n') line.pop_back();
-    LUMO_LOG(logger, 1, "%s", lumo::printable(line, LONGEST_TRACE_LINE).c_str());
+    LUMO_LOG(logger, lumo::level::Debug, "%s", lumo::printable(line, LONGEST_TRACE_LINE).c_str());
   } catch (...) {
     // No exception may cross the library's frames; the line is lost.
   }

@@ -36,7 +36,7 @@ gss_cred_id_t GSSCredential::acquireCred(const char* ccacheName) {
   releaseCred();
   const auto logger = getLogger("base.kerberos.wrap", false);
   if (ccacheName == nullptr || ccacheName[0] == '\0') {
-    LUMO_LOG(logger, 1, "No credential cache to make a GSS credential from.");
+    LUMO_LOG(logger, lumo::level::Debug, "No credential cache to make a GSS credential from.");
     return m_handle;
   }
   gss_key_value_element_desc element = {"ccache", ccacheName};
@@ -48,8 +48,8 @@ gss_cred_id_t GSSCredential::acquireCred(const char* ccacheName) {
   if (major != GSS_S_COMPLETE) {
     releaseCred();
     const std::string reason = statusText(major, GSS_C_GSS_CODE) + ": " + statusText(minor, GSS_C_MECH_CODE);
-    LUMO_LOG(logger, 3, "Cannot make a GSS credential from %s: %s", printable(ccacheName, LONGEST_WORDS).c_str(),
-             printable(reason, LONGEST_WORDS).c_str());
+    LUMO_LOG(logger, lumo::level::Warn, "Cannot make a GSS credential from %s: %s",
+             printable(ccacheName, LONGEST_WORDS).c_str(), printable(reason, LONGEST_WORDS).c_str());
   }
   return m_handle;
 }

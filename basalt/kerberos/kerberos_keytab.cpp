@@ -40,7 +40,8 @@ void reportIfOpen(const std::string& path, const struct stat& status) {
     text = exceptionMessage("The keytab %s belongs to user %u, not to root; run: chown root '%s'", path.c_str(),
                             status.st_uid, path.c_str());
   }
-  if (!text.empty() && isFirstTime(text)) LUMO_LOG(getLogger("base.kerberos.wrap", false), 3, "%s", text.c_str());
+  if (!text.empty() && isFirstTime(text))
+    LUMO_LOG(getLogger("base.kerberos.wrap", false), lumo::level::Warn, "%s", text.c_str());
 }
 
 // The library would wait at a pipe in the keytab's place.

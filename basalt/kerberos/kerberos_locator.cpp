@@ -53,11 +53,11 @@ OM_uint32 gss_init_server_locator(OM_uint32* minor, void*, void*, void* locator,
     const std::string realm = upper(lumo::loadSetting(SETTING_DOMAIN_NAME, false, false));
     std::vector<KdcAddress> found;
     if (find(realm.c_str(), &found) != 0) {
-      LUMO_LOG(getLogger("base.kerberos.wrap", false), 1, "No KDC of realm '%s' is known to the name service",
-               realm.c_str());
+      LUMO_LOG(getLogger("base.kerberos.wrap", false), lumo::level::Debug,
+               "No KDC of realm '%s' is known to the name service", realm.c_str());
     }
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger("base.kerberos.wrap", false), 1, "Cannot look for a KDC: %s", failure.what());
+    LUMO_LOG(getLogger("base.kerberos.wrap", false), lumo::level::Debug, "Cannot look for a KDC: %s", failure.what());
   }
   return GSS_S_COMPLETE;
 }

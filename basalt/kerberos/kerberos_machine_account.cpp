@@ -68,7 +68,7 @@ void report(const MachineKey& chosen, const AccountHints& hints) {
   const std::string text = "The keytab holds keys of several machine accounts; " + printable(chosen.principal(), 512) +
                            " is used (host name '" + printable(hints.host, 256) + "', default realm '" +
                            printable(hints.realm, 256) + "')";
-  if (isFirstTime(text)) LUMO_LOG(getLogger("base.kerberos.wrap", false), 3, "%s", text.c_str());
+  if (isFirstTime(text)) LUMO_LOG(getLogger("base.kerberos.wrap", false), lumo::level::Warn, "%s", text.c_str());
 }
 
 }  // namespace

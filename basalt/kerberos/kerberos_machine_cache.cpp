@@ -203,8 +203,9 @@ std::string machineCredentialCache(const std::string& keytabPath, const std::str
     renew(account, keytabPath, cachePath);
   } catch (const LUMOException& failure) {
     if (left < MACHINE_CACHE_MINIMUM) throw;
-    LUMO_LOG(getLogger("base.kerberos.wrap", false), 3, "Using the machine's ticket for its last %lld seconds: %s",
-             static_cast<long long>(left.count()), failure.what());
+    LUMO_LOG(getLogger("base.kerberos.wrap", false), lumo::level::Warn,
+             "Using the machine's ticket for its last %lld seconds: %s", static_cast<long long>(left.count()),
+             failure.what());
   }
   return name;
 }

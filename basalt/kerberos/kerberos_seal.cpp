@@ -86,7 +86,7 @@ LockedBytes headerBytes(const MachineKey& key) {
 // One sentence for whoever asked, as none of the causes can be mended in another way; the log has the cause, once.
 [[noreturn]] void throwDamaged(const std::string& cause) {
   const std::string text = "The stored credential cannot be opened: " + cause;
-  if (isFirstTime(text)) LUMO_LOG(getLogger("base.credential", false), 3, "%s", text.c_str());
+  if (isFirstTime(text)) LUMO_LOG(getLogger("base.credential", false), lumo::level::Warn, "%s", text.c_str());
   LUMO_THROW(BadDataException, -1, "The stored credential is damaged or another machine's; store the credential again");
 }
 

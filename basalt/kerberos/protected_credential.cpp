@@ -22,7 +22,7 @@ namespace lumo {
 namespace {
 
 void report(const std::string& text) {
-  if (isFirstTime(text)) LUMO_LOG(getLogger("base.credential", false), 3, "%s", text.c_str());
+  if (isFirstTime(text)) LUMO_LOG(getLogger("base.credential", false), lumo::level::Warn, "%s", text.c_str());
 }
 
 void reportWeak(const std::string& path, int encType) {

@@ -32,7 +32,7 @@ void requireLocked(void* memory, std::size_t size) {
   if (raiseLimit() && mlock(memory, size) == 0) return;
   static std::atomic<bool> told{false};
   if (told.exchange(true)) return;
-  LUMO_LOG(getLogger("base.memory", false), 3,
+  LUMO_LOG(getLogger("base.memory", false), lumo::level::Warn,
            "No more memory can be locked (ulimit -l): secrets of this process may reach the swap space");
 }
 

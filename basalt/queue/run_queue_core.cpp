@@ -53,9 +53,9 @@ void attempt(const std::string& id, Step step) {
   try {
     step();
   } catch (const std::exception& failure) {
-    LUMO_LOG(logger(), 4, "Queue item '%s' failed: %s", id.c_str(), failure.what());
+    LUMO_LOG(logger(), lumo::level::Error, "Queue item '%s' failed: %s", id.c_str(), failure.what());
   } catch (...) {
-    LUMO_LOG(logger(), 4, "Queue item '%s' failed: an exception of an unknown kind", id.c_str());
+    LUMO_LOG(logger(), lumo::level::Error, "Queue item '%s' failed: an exception of an unknown kind", id.c_str());
   }
 }
 

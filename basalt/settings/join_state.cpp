@@ -10,7 +10,8 @@ bool joined() {
   try {
     return !loadSetting(SETTING_DOMAIN_NAME, false, false).empty();
   } catch (const LUMOException& failure) {
-    LUMO_LOG(getLogger("base.settings", false), 4, "Whether this machine is joined cannot be told: %s", failure.what());
+    LUMO_LOG(getLogger("base.settings", false), lumo::level::Error, "Whether this machine is joined cannot be told: %s",
+             failure.what());
     return false;
   }
 }

@@ -65,6 +65,16 @@ class Logger {
   boost::shared_ptr<Logger> m_parent;
 };
 
+// The levels by name, as LUMO_LOG and isLevelEnabled take them.
+namespace level {
+inline constexpr Logger::LogLevel Trace = 0;  // whole response bodies
+inline constexpr Logger::LogLevel Debug = 1;  // debug and progress
+inline constexpr Logger::LogLevel Info = 2;
+inline constexpr Logger::LogLevel Warn = 3;  // a warning, or a failure that names a user
+inline constexpr Logger::LogLevel Error = 4;
+inline constexpr Logger::LogLevel Fatal = 5;  // what an administrator must see
+}  // namespace level
+
 }  // namespace lumo
 
 // The calling thread's logger of that name; with diag true the name gets "diag." in front.

@@ -68,12 +68,12 @@ void OPXProcessor::handleLogPrivEvent(const Event& event) {
     const auto queue = RunQueue::getRunQueue(OPX_RUN_QUEUE, false, 0);
     if (!queue) return;
     queue->enqueue(boost::make_shared<OPXHandler>(secondsNow()));
-    LUMO_LOG(log, 1, "Send out LogPrivEvent message to OPX handler");
+    LUMO_LOG(log, lumo::level::Debug, "Send out LogPrivEvent message to OPX handler");
   } catch (const EndOfFileException&) {
     // The queue is shutting down.
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger(OPX_LOGGER, false), 4, "Failed to send out LogPrivEvent message to OPX handler: %s",
-             failure.what());
+    LUMO_LOG(getLogger(OPX_LOGGER, false), lumo::level::Error,
+             "Failed to send out LogPrivEvent message to OPX handler: %s", failure.what());
   }
 }
 
@@ -89,10 +89,10 @@ void OPXProcessor::dropEvents() {
 }
 
 void OPXProcessor::postLogPrivEvent() {
-  LUMO_LOG(logger, 1, "postLogPrivEvent() runs...");
+  LUMO_LOG(logger, lumo::level::Debug, "postLogPrivEvent() runs...");
   if (waitingEvents() == 0) return;
   if (machineCookie.empty()) {
-    LUMO_LOG(logger, 1, "Machine cookie not ready, will fetch");
+    LUMO_LOG(logger, lumo::level::Debug, "Machine cookie not ready, will fetch");
     // A copy: initProc stores what it is given there.
     initProc(std::string(platformUrl));
   }
@@ -105,7 +105,7 @@ void OPXProcessor::postLogPrivEvent() {
 
 void OPXProcessor::cloudLogPrivEvent() {
   const std::string url = platformUrl + "qrsintegration/LogPrivEvent";
-  LUMO_LOG(logger, 1, "process a privilege event");
+  LUMO_LOG(logger, lumo::level::Debug, "process a privilege event");
   const EventsInHand events;
   if (events.all().empty()) return;
   useSession(heldCurl(), machineCookie);
@@ -113,14 +113,14 @@ void OPXProcessor::cloudLogPrivEvent() {
     // An agent that ends does not wait for a slow platform and all of them.
     RunQueue::throwIfEnding();
     const int result = post(url, jsonOf(event));
-    LUMO_LOG(logger, 1, "LogPrivEvent: result = %d, httpCode = %ld", result, httpCode);
+    LUMO_LOG(logger, lumo::level::Debug, "LogPrivEvent: result = %d, httpCode = %ld", result, httpCode);
     if (result != 0) continue;
     wipe(machineCookie);
     if (httpCode != HTTP_UNAUTHORIZED) {
-      LUMO_LOG(logger, 1, "LogPrivEvent: unknown failure, give up such sending.");
+      LUMO_LOG(logger, lumo::level::Debug, "LogPrivEvent: unknown failure, give up such sending.");
       return;
     }
-    LUMO_LOG(logger, 1, "LogPrivEvent: machine cookie expired, will refetch");
+    LUMO_LOG(logger, lumo::level::Debug, "LogPrivEvent: machine cookie expired, will refetch");
     cloudSSO();
   }
 }

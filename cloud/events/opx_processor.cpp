@@ -67,18 +67,18 @@ void OPXProcessor::cloudSetup() {
   webProxy = getCloudHttpProxy(platformUrl);
   if (webProxy.proxyServer.empty()) {
     LUMO_LOG(
-        logger, 1, "%s",
+        logger, lumo::level::Debug, "%s",
         isDirect ? "Ferrod is connecting to cloud server directly." : "Cloud web proxy is not configured correctly.");
     curl->clearProxy(false);
   } else {
-    LUMO_LOG(logger, 1, "Set CURL web proxy to: '%s' with auth: '%s'.", webProxy.proxyServer.c_str(),
+    LUMO_LOG(logger, lumo::level::Debug, "Set CURL web proxy to: '%s' with auth: '%s'.", webProxy.proxyServer.c_str(),
              webProxy.proxyAuth.c_str());
     curl->setProxy(webProxy.proxyServer, webProxy.proxyAuth, webProxy.proxyUser, webProxy.proxyPassword);
   }
 }
 
 int OPXProcessor::processResult() {
-  LUMO_LOG(logger, 1, "HTTP code = %ld", httpCode);
+  LUMO_LOG(logger, lumo::level::Debug, "HTTP code = %ld", httpCode);
   if (httpCode != HTTP_OK) return 0;
   return lumo::readReply(logger, responseBody, document);
 }

@@ -22,29 +22,30 @@ void OPXProcessor::initProc(const std::string& url) {
     cloudIWA();
     cloudSSO();
   });
-  LUMO_LOG(logger, 1, "OPXProcessor: initProc completes");
+  LUMO_LOG(logger, lumo::level::Debug, "OPXProcessor: initProc completes");
 }
 
 void OPXProcessor::guarded(const std::function<void()>& work) {
   try {
     work();
   } catch (const CloudIwaException& failure) {
-    LUMO_LOG(logger, 1, "Got IWA exception: %s", failure.what());
+    LUMO_LOG(logger, lumo::level::Debug, "Got IWA exception: %s", failure.what());
   } catch (const CurlException& failure) {
-    LUMO_LOG(logger, 1, "Got CURL exception: %s", failure.what());
+    LUMO_LOG(logger, lumo::level::Debug, "Got CURL exception: %s", failure.what());
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger, 1, "Got exception: %s", failure.what());
+    LUMO_LOG(logger, lumo::level::Debug, "Got exception: %s", failure.what());
   }
 }
 
 bool OPXProcessor::readSiteCheck() {
   if (httpCode != HTTP_OK) {
-    LUMO_LOG(logger, 1, "siteCheck: httpCode not OK : %ld", httpCode);
+    LUMO_LOG(logger, lumo::level::Debug, "siteCheck: httpCode not OK : %ld", httpCode);
     return false;
   }
   const EmbeddedObject object = findEmbeddedObject(responseBody);
   if (object.missing != '\0') {
-    LUMO_LOG(logger, 1, "siteCheck: no valid json string in SiteCheck response. Can't find '{' or '}'.");
+    LUMO_LOG(logger, lumo::level::Debug,
+             "siteCheck: no valid json string in SiteCheck response. Can't find '{' or '}'.");
     return false;
   }
   rapidjson::Document reply;
@@ -52,7 +53,7 @@ bool OPXProcessor::readSiteCheck() {
   std::string result;
   lumo::getJsonString(reply, SITE_CHECK_RESULT, result);
   if (result != SITE_CHECK_SUCCESS) {
-    LUMO_LOG(logger, 1, "siteCheck: result not success: (%s)", result.c_str());
+    LUMO_LOG(logger, lumo::level::Debug, "siteCheck: result not success: (%s)", result.c_str());
     return false;
   }
   document = std::move(reply);
@@ -73,13 +74,14 @@ void OPXProcessor::cloudIWA() {
   std::string spn;
   const std::string url = findIwaUrl(platformUrl, spn) + SITE_CHECK_PATH;
   keep(visit.ask(url, spn));
-  LUMO_LOG(logger, 1, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", url.c_str(), spn.c_str(), httpCode);
+  LUMO_LOG(logger, lumo::level::Debug, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", url.c_str(), spn.c_str(),
+           httpCode);
   if (!readSiteCheck()) return;
-  LUMO_LOG(logger, 1, "Set CURL web proxy to: '%s' with auth: '%s'.", webProxy.proxyServer.c_str(),
+  LUMO_LOG(logger, lumo::level::Debug, "Set CURL web proxy to: '%s' with auth: '%s'.", webProxy.proxyServer.c_str(),
            webProxy.proxyAuth.c_str());
   visit.putBack(webProxy);
   trustPlatform();
-  LUMO_LOG(logger, 1, "siteCheck: complete successfully");
+  LUMO_LOG(logger, lumo::level::Debug, "siteCheck: complete successfully");
 }
 
 void OPXProcessor::cloudSSO() {
@@ -88,7 +90,7 @@ void OPXProcessor::cloudSSO() {
   lumo::getJsonString(document, SITE_CHECK_CODE, code);
   const CodeUrl url(platformUrl + SSO_PATH, code);
   const int result = getMasked(url.whole(), url.shown());
-  LUMO_LOG(logger, 1, "sso: result = %d, httpCode = %ld", result, httpCode);
+  LUMO_LOG(logger, lumo::level::Debug, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return;
   wipe(machineCookie);
   machineCookie = curl->cookie(CurlObject::SESSION_COOKIE, platformUrl);

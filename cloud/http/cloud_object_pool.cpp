@@ -40,8 +40,8 @@ std::int32_t connectionLimit() {
   if (text.empty()) text = settings.getProperty(lumo::PN::FERROD_CLOUD_AUTH_TOKEN_MAX);
   const std::int32_t value = text.empty() ? DEFAULT_CONNECTIONS : wholeNumber(text);
   if (value >= 0 && value <= bound) return value;
-  LUMO_LOG(logger(), 4, "Illegal value for %s: %d. Using %d.", lumo::PN::FERROD_CLOUD_AUTH_CONN_MAX, value,
-           DEFAULT_CONNECTIONS);
+  LUMO_LOG(logger(), lumo::level::Error, "Illegal value for %s: %d. Using %d.", lumo::PN::FERROD_CLOUD_AUTH_CONN_MAX,
+           value, DEFAULT_CONNECTIONS);
   return DEFAULT_CONNECTIONS;
 }
 
@@ -52,8 +52,8 @@ std::int32_t occupationLimit() {
   const std::string text = settings.getProperty(lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT);
   if (text.rfind('-', 0) == 0 && wholeNumber(text) < 0) value = wholeNumber(text);
   if (value >= 0) return value;
-  LUMO_LOG(logger(), 4, "Illegal value for %s: %d. Using %d", lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT, value,
-           DEFAULT_TIMEOUT);
+  LUMO_LOG(logger(), lumo::level::Error, "Illegal value for %s: %d. Using %d", lumo::PN::LUMOD_CLIENT_IDLE_TIMEOUT,
+           value, DEFAULT_TIMEOUT);
   return DEFAULT_TIMEOUT;
 }
 
@@ -109,11 +109,11 @@ void CloudCurlPool::setConnProps() {
   const lumo::Lock lock(poolMutex);
   if (maxConnections == 0) {
     maxConnections = static_cast<std::uint64_t>(connectionLimit());
-    LUMO_LOG(logger(), 1, "Set max CURL connections number to: %d.", static_cast<int>(maxConnections));
+    LUMO_LOG(logger(), lumo::level::Debug, "Set max CURL connections number to: %d.", static_cast<int>(maxConnections));
   }
   if (occupiedTimeout == 0) {
     occupiedTimeout = occupationLimit();
-    LUMO_LOG(logger(), 1, "Set max CURL connection occupied timeout to : %d(s).", occupiedTimeout);
+    LUMO_LOG(logger(), lumo::level::Debug, "Set max CURL connection occupied timeout to : %d(s).", occupiedTimeout);
   }
 }
 
@@ -136,14 +136,14 @@ CloudCurlPool::HandOut CloudCurlPool::occupy(const std::string& userName, const 
   const lumo::Lock lock(poolMutex);
   const auto log = logger();
   setConnProps();
-  LUMO_LOG(log, 1, "Getting CURL connection for cloud auth.");
+  LUMO_LOG(log, lumo::level::Debug, "Getting CURL connection for cloud auth.");
   if (occupiedCount >= maxConnections) reapCurls();
   if (occupiedCount >= maxConnections) {
     LUMO_THROW(lumo::CloudConnException, -1, "Failed to get CURL handle for connection: connections exceeded.");
   }
   const time_t current = now();
   HandOut handOut{nullptr, timeZoneOffset(current), getProxy(), proxyChanges};
-  LUMO_LOG(log, 1, "Getting CURL connection with timezone offset: '%s' ", handOut.offset.c_str());
+  LUMO_LOG(log, lumo::level::Debug, "Getting CURL connection with timezone offset: '%s' ", handOut.offset.c_str());
   const CloudConnEntry entry{true, current, userName, programName};
   handOut.curl = occupyIdle(entry);
   if (handOut.curl == nullptr) handOut.curl = occupyNew(entry);
@@ -160,14 +160,15 @@ CurlObject* CloudCurlPool::occupyIdle(const CloudConnEntry& entry) {
     LUMO_THROW(lumo::CloudConnException, -1, "Failed to get CURL handle for connection: data corrupted.");
   }
   free->second = entry;
-  LUMO_LOG(logger(), 1, "Got CURL connection:(%d) for cloud auth.",
+  LUMO_LOG(logger(), lumo::level::Debug, "Got CURL connection:(%d) for cloud auth.",
            static_cast<int>(std::distance(connections.begin(), free)));
   return free->first;
 }
 
 CurlObject* CloudCurlPool::occupyNew(const CloudConnEntry& entry) {
   auto curl = std::make_unique<CurlObject>();
-  LUMO_LOG(logger(), 1, "Allocated new CURL connection:(%d) for cloud auth.", static_cast<int>(connections.size()));
+  LUMO_LOG(logger(), lumo::level::Debug, "Allocated new CURL connection:(%d) for cloud auth.",
+           static_cast<int>(connections.size()));
   curl->headers["Content-Type"] = "application/json";
   curl->headers["X-MORVANE-NATIVE-CLIENT"] = "1";
   curl->headers["X-MRV-SRC"] = "QRS";
@@ -177,7 +178,7 @@ CurlObject* CloudCurlPool::occupyNew(const CloudConnEntry& entry) {
 
 // Without the lock: the directory may be asked for the proxy's service name, the KDC for a ticket.
 void CloudCurlPool::applyProxy(CurlObject& curl, const CloudProxyInfo& proxy) {
-  LUMO_LOG(logger(), 1, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
+  LUMO_LOG(logger(), lumo::level::Debug, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
            proxy.proxyAuth.c_str());
   curl.setProxy(proxy.proxyServer, proxy.proxyAuth, proxy.proxyUser, proxy.proxyPassword);
 }
@@ -217,7 +218,7 @@ void CloudCurlPool::releaseCurl(CurlObject* curl) {
     drop(curl);
     throw;
   }
-  LUMO_LOG(logger(), 1, "Release CURL connection:(%d) after cloud auth using.",
+  LUMO_LOG(logger(), lumo::level::Debug, "Release CURL connection:(%d) after cloud auth using.",
            static_cast<int>(std::distance(connections.begin(), found)));
   found->second.occupied = false;
   --occupiedCount;
@@ -226,14 +227,15 @@ void CloudCurlPool::releaseCurl(CurlObject* curl) {
 void CloudCurlPool::reapCurls() {
   const lumo::Lock lock(poolMutex);
   const auto log = logger();
-  LUMO_LOG(log, 1, "Free CURL connections now.");
+  LUMO_LOG(log, lumo::level::Debug, "Free CURL connections now.");
   for (auto one = connections.begin(); one != connections.end();) {
     const CloudConnEntry& entry = one->second;
     if (entry.occupied && now() - entry.timestamp <= occupiedTimeout) {
       ++one;
       continue;
     }
-    LUMO_LOG(log, 1, "Freed idle/expired CURL connection with timestamp: (%d)", static_cast<int>(entry.timestamp));
+    LUMO_LOG(log, lumo::level::Debug, "Freed idle/expired CURL connection with timestamp: (%d)",
+             static_cast<int>(entry.timestamp));
     std::unique_ptr<CurlObject> curl(one->first);
     if (entry.occupied) {
       --occupiedCount;
@@ -256,7 +258,8 @@ void CloudCurlPool::setProxy(const CloudProxyInfo& proxy) {
   proxyUser = std::move(copy.proxyUser);
   proxyPassword = std::move(copy.proxyPassword);
   proxyUsable = copy.proxyUsable;
-  LUMO_LOG(logger(), 1, "Set cloud web proxy to: '%s' with auth: '%s'.", proxyServer.c_str(), proxyAuth.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "Set cloud web proxy to: '%s' with auth: '%s'.", proxyServer.c_str(),
+           proxyAuth.c_str());
 }
 
 CloudProxyInfo CloudCurlPool::getProxy() const {

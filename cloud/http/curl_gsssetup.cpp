@@ -69,8 +69,8 @@ bool connectBoth(ADBinding& domain, ADBinding& catalogue) {
   std::future<void> beside = std::async(open, &catalogue);  // its destructor waits
   open(&domain);
   const auto tell = [](const LUMOException& failure) {
-    LUMO_LOG(logger(), 1, "The controller is asked for service names, since the catalogue is not there: %s",
-             failure.what());
+    LUMO_LOG(logger(), lumo::level::Debug,
+             "The controller is asked for service names, since the catalogue is not there: %s", failure.what());
     return false;
   };
   try {
@@ -84,7 +84,7 @@ bool connectBoth(ADBinding& domain, ADBinding& catalogue) {
 }
 
 void logNoCredential(const std::exception& failure) {
-  LUMO_LOG(logger(), 4,
+  LUMO_LOG(logger(), lumo::level::Error,
            "Failed to get/store kerberos credential to access Http Proxy Server (Error:%s). Use of Http Proxy Server "
            "might fail!",
            lumo::printable(failure.what(), LONGEST_WORDS).c_str());
@@ -139,7 +139,7 @@ void CurlProxyNegotiateHelper::setCredentials(const std::string& newUser, const 
 
 void CurlProxyNegotiateHelper::clearGSSCredential(bool clearUserCache) {
   if (gssCredential.get() != GSS_C_NO_CREDENTIAL) {
-    LUMO_LOG(logger(), 1, "Release GSS credential handler.\n");
+    LUMO_LOG(logger(), lumo::level::Debug, "Release GSS credential handler.\n");
     gssCredential.releaseCred();
   }
   if (clearUserCache) clearUserKrb5CCache();
@@ -147,7 +147,7 @@ void CurlProxyNegotiateHelper::clearGSSCredential(bool clearUserCache) {
 
 void CurlProxyNegotiateHelper::clearUserKrb5CCache() {
   if (userCCache != nullptr) {
-    LUMO_LOG(logger(), 1, "Clear Krb5CCache '%s'.\n", ccacheName.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "Clear Krb5CCache '%s'.\n", ccacheName.c_str());
     delete userCCache;
     userCCache = nullptr;
   }
@@ -166,7 +166,7 @@ std::string CurlProxyNegotiateHelper::createUserCCache() {
     delete userCCache;
     userCCache = nullptr;
   }
-  LUMO_LOG(logger(), 1, "Created User CCache '%s'\n", name.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "Created User CCache '%s'\n", name.c_str());
   return name;
 }
 
@@ -178,12 +178,12 @@ std::string CurlProxyNegotiateHelper::requestTicket() {
   const krb5_error_code rc = getCredentials(krbContext, principal.get(), lumo::Shredder(password), &ticket.creds,
                                             &errorText, nullptr, nullptr, realm, TICKET_LIFETIME, nullptr);
   if (rc != 0) {
-    LUMO_LOG(logger(), 4,
+    LUMO_LOG(logger(), lumo::level::Error,
              "Failed to get kerberos credential to access Http Proxy Server for user=%s, rc=%d. Use of Http Proxy "
              "Server might fail!",
              lumo::printable(user, LONGEST_WORDS).c_str(), static_cast<int>(rc));
-    LUMO_LOG(logger(), 3, "The KDC's answer for user=%s: %s", lumo::printable(user, LONGEST_WORDS).c_str(),
-             lumo::printable(errorText, LONGEST_WORDS).c_str());
+    LUMO_LOG(logger(), lumo::level::Warn, "The KDC's answer for user=%s: %s",
+             lumo::printable(user, LONGEST_WORDS).c_str(), lumo::printable(errorText, LONGEST_WORDS).c_str());
     return std::string();
   }
   userCCache = new MemoryCCache(krbContext, principal.get());
@@ -193,7 +193,7 @@ std::string CurlProxyNegotiateHelper::requestTicket() {
 
 bool CurlProxyNegotiateHelper::initKrb5CCache() {
   if (!ccacheName.empty()) {
-    LUMO_LOG(logger(), 1, "KRB5 CCache exists as '%s'.\n", ccacheName.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "KRB5 CCache exists as '%s'.\n", ccacheName.c_str());
     return true;
   }
   ccacheName = user == MACHINE_MARKER ? machineCacheName() : createUserCCache();
@@ -202,9 +202,9 @@ bool CurlProxyNegotiateHelper::initKrb5CCache() {
 
 void CurlProxyNegotiateHelper::initGSSCredential() {
   initKrb5CCache();
-  LUMO_LOG(logger(), 1, "initGSSCredential with KRB5 CCache '%s'.", ccacheName.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "initGSSCredential with KRB5 CCache '%s'.", ccacheName.c_str());
   if (gssCredential.acquireCred(ccacheName.c_str()) == GSS_C_NO_CREDENTIAL) {
-    LUMO_LOG(logger(), 1, "Failed to get gss credential.");
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to get gss credential.");
   }
   callbacks = ProxyGssCallbacks();
   if (ADAgent::GetADAgent(false, true) != nullptr) {
@@ -214,19 +214,21 @@ void CurlProxyNegotiateHelper::initGSSCredential() {
 
 bool CurlProxyNegotiateHelper::handleKrb5CCache(const std::vector<std::string>& headerLines) {
   if (user.empty()) {
-    LUMO_LOG(logger(), 1, "Username not available/set. Username must be provided to create krb5 ccache!");
+    LUMO_LOG(logger(), lumo::level::Debug,
+             "Username not available/set. Username must be provided to create krb5 ccache!");
     return false;
   }
-  LUMO_LOG(logger(), 1, "HEADER size = %d\n", static_cast<int>(headerLines.size()));
+  LUMO_LOG(logger(), lumo::level::Debug, "HEADER size = %d\n", static_cast<int>(headerLines.size()));
   bool saw407 = false;
   for (const std::string& raw : headerLines) {
     const std::string line = trimWhiteSpace(raw);
-    LUMO_LOG(logger(), 1, "HEADER %s\n", line.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "HEADER %s\n", line.c_str());
     if (startsWith(line, "HTTP/", false, false)) {
       if (!contains(line, "407 Proxy Authentication Required")) return false;
       saw407 = true;
     } else if (saw407 && startsWith(line, "Proxy-Authenticate:", false, false) && contains(line, " Negotiate")) {
-      LUMO_LOG(logger(), 1, "'negotiate' proxy authentication failed, Refresh krb5 credential cache file.\n");
+      LUMO_LOG(logger(), lumo::level::Debug,
+               "'negotiate' proxy authentication failed, Refresh krb5 credential cache file.\n");
       return initKrb5CCache();
     }
   }
@@ -236,7 +238,7 @@ bool CurlProxyNegotiateHelper::handleKrb5CCache(const std::vector<std::string>& 
 void CurlProxyNegotiateHelper::setAllowableEtypes(const std::string& name) {
   const std::string::size_type at = name.rfind('@');
   const std::string realm = at == std::string::npos ? std::string() : name.substr(at + 1);
-  LUMO_LOG(logger(), 0, "CurlProxyNegotiateHelper::setAllowableEtypes for realm '%s'", realm.c_str());
+  LUMO_LOG(logger(), lumo::level::Trace, "CurlProxyNegotiateHelper::setAllowableEtypes for realm '%s'", realm.c_str());
   const unsigned capacity = krb5_enctypes_length() + 1;
   std::vector<int> list(capacity);
   const unsigned count = getKrb5EncList(list.data(), capacity, realm);
@@ -273,7 +275,8 @@ void CurlProxyNegotiateHelper::setSpnLooker() {
     spnBinding = binding.release();
     spnGcBinding = hasCatalogue ? catalogue.release() : spnBinding;
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 1, "Failed to set bindng and lookup function to canonicalize SPN: %s", failure.what());
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to set bindng and lookup function to canonicalize SPN: %s",
+             failure.what());
     throw;
   }
 }
@@ -288,7 +291,8 @@ std::string CurlProxyNegotiateHelper::canonicalizeSpn(const std::string& spn) {
   try {
     return lumo::canonicalServiceName(spn, *spnBinding, *spnGcBinding, spnLookup);
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 3, "The service name %s cannot be looked up: %s", lumo::printable(spn).c_str(), failure.what());
+    LUMO_LOG(logger(), lumo::level::Warn, "The service name %s cannot be looked up: %s", lumo::printable(spn).c_str(),
+             failure.what());
     // A server closes a connection that was idle for long; the next look-up begins with new ones.
     releaseSpnBindings();
     return {};

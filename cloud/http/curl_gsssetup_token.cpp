@@ -73,7 +73,7 @@ gss_name_t importName(const std::string& serviceName) {
   const OM_uint32 major =
       gss_import_name(&minor, &view, principal ? GSS_KRB5_NT_PRINCIPAL_NAME : GSS_C_NT_HOSTBASED_SERVICE, &name);
   if (GSS_ERROR(major)) {
-    LUMO_LOG(logger(), 3, "The service name '%s' is not usable: %s",
+    LUMO_LOG(logger(), lumo::level::Warn, "The service name '%s' is not usable: %s",
              lumo::printable(serviceName, LONGEST_WORDS).c_str(),
              lumo::printable(statusText(major, minor), LONGEST_WORDS).c_str());
     return GSS_C_NO_NAME;
@@ -128,7 +128,7 @@ bool NegotiateExchange::step(const std::string& input, std::string& output) {
       gss_init_sec_context(&minor, m_credential, &m_context, m_name, &spnegoMechanism, WANTED_FLAGS, 0,
                            GSS_C_NO_CHANNEL_BINDINGS, &view, nullptr, &token.buffer, nullptr, nullptr);
   if (GSS_ERROR(major)) {
-    LUMO_LOG(logger(), 3, "Negotiate exchange failed: %s (service name '%s')",
+    LUMO_LOG(logger(), lumo::level::Warn, "Negotiate exchange failed: %s (service name '%s')",
              lumo::printable(statusText(major, minor), LONGEST_WORDS).c_str(),
              lumo::printable(m_serviceName, LONGEST_WORDS).c_str());
     return false;

@@ -142,7 +142,7 @@ bool NegotiateLayer::mayAnswer(std::string_view headerLine) {
 
 void NegotiateLayer::throwRefusal() const {
   if (guard.refusal().empty()) return;
-  LUMO_LOG(logger(), 4, "%s", guard.refusal().c_str());
+  LUMO_LOG(logger(), lumo::level::Error, "%s", guard.refusal().c_str());
   LUMO_THROW(lumo::CurlException, -1, "%s", guard.refusal().c_str());
 }
 
@@ -191,11 +191,11 @@ std::string NegotiateLayer::freshToken() {
   const auto name = told.names.find(CURLOPT_PROXY_GSS_SPN);
   const char* text = name == told.names.end() ? nullptr : name->second.c_str();
   if (setup != nullptr && GSS_ERROR(static_cast<OM_uint32>(setup(nullptr, text, nullptr, nullptr, setupData)))) {
-    LUMO_LOG(logger(), 1, "The set-up of the Negotiate exchange failed.");
+    LUMO_LOG(logger(), lumo::level::Debug, "The set-up of the Negotiate exchange failed.");
     return std::string();
   }
   if (text == nullptr) {
-    LUMO_LOG(logger(), 1, "No service name is set for the Negotiate exchange.");
+    LUMO_LOG(logger(), lumo::level::Debug, "No service name is set for the Negotiate exchange.");
     return std::string();
   }
   running = std::make_unique<NegotiateExchange>(text, credential);
@@ -259,7 +259,7 @@ bool NegotiateLayer::continueAtServer() {
     const std::optional<std::string> token = negotiateChallenge(line, "WWW-Authenticate");
     if (!token || token->empty()) continue;
     const bool fits = running->proceed(*token, serverLine);
-    if (!fits) LUMO_LOG(logger(), 3, "The web server's Negotiate token does not fit the exchange.");
+    if (!fits) LUMO_LOG(logger(), lumo::level::Warn, "The web server's Negotiate token does not fit the exchange.");
     return fits && status == 401 && !serverLine.empty();
   }
   return false;
@@ -273,7 +273,7 @@ void NegotiateLayer::checkProxyReply() {
     if (!token || token->empty()) continue;
     std::string answer;
     if (!running->proceed(*token, answer)) {
-      LUMO_LOG(logger(), 3, "The proxy's Negotiate token does not fit the exchange.");
+      LUMO_LOG(logger(), lumo::level::Warn, "The proxy's Negotiate token does not fit the exchange.");
     }
     return;
   }

@@ -43,7 +43,7 @@ void noteUnknownType(const std::string& authType) {
     if (noted == authType) return;
     noted = authType;
   }
-  LUMO_LOG(getLogger("cloud.proxy.gss", false), 3,
+  LUMO_LOG(getLogger("cloud.proxy.gss", false), lumo::level::Warn,
            "The proxy authentication type '%s' is unknown and counts as 'anyauth'.", lumo::printable(authType).c_str());
 }
 

@@ -27,10 +27,10 @@ void requireHostName(std::string_view name) {
 
 void CloudAuth::dumpMrvHeader() {
   const auto log = logger();
-  LUMO_LOG(log, 1, "Dumping X-MRV-* headers:");
-  if (curl == nullptr || !log->isLevelEnabled(1)) return;
+  LUMO_LOG(log, lumo::level::Debug, "Dumping X-MRV-* headers:");
+  if (curl == nullptr || !log->isLevelEnabled(lumo::level::Debug)) return;
   for (const std::string& line : curl->lastHeaderLines()) {
-    if (contains(line, "X-MRV-")) LUMO_LOG(log, 1, "%s", line.c_str());
+    if (contains(line, "X-MRV-")) LUMO_LOG(log, lumo::level::Debug, "%s", line.c_str());
   }
 }
 
@@ -45,7 +45,7 @@ bool CloudAuth::turnToPod() {
 
 int CloudAuth::processResult() {
   const auto log = logger();
-  LUMO_LOG(log, 1, "HTTP code = %ld", httpCode);
+  LUMO_LOG(log, lumo::level::Debug, "HTTP code = %ld", httpCode);
   dumpMrvHeader();
   if (httpCode != HTTP_OK) return 0;
   return readReply(log, responseBody, document);

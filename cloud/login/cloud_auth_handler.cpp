@@ -59,7 +59,7 @@ boost::shared_ptr<lumo::Logger> logger() { return getLogger("cloud.object", fals
 std::string urlOfConnectors() {
   CloudConnectorLocator::getInstance(std::string())->getCloudConnector();
   std::string url = CloudConnectorLocator::getInstance(std::string())->cloudUrl();
-  LUMO_LOG(logger(), 1, "Cloud url is: %s.", url.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "Cloud url is: %s.", url.c_str());
   return url;
 }
 
@@ -80,10 +80,10 @@ CloudAuth* getHandler(const std::string& cloudUrl, const std::string& userName, 
   const bool isDirect = settings.getBool(lumo::PN::CLOUD_DIRECT_CONNECTION, false);
   const CloudProxyInfo proxy = getCloudHttpProxy(url);
   const std::string version = settings.getProperty(lumo::PN::CLOUD_REST_VERSION);
-  LUMO_LOG(logger(), 1, "The cloud REST API version is: %s.", version.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "The cloud REST API version is: %s.", version.c_str());
   std::string spn;
   const std::string iwaUrl = findIwaUrl(url, spn);
-  LUMO_LOG(logger(), 1, "IWA URL is: %s. SPN = %s.", iwaUrl.c_str(), spn.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "IWA URL is: %s. SPN = %s.", iwaUrl.c_str(), spn.c_str());
   Client client = makeClient({url, version, userName, uuid, iwaUrl, spn, authProfileType});
   if (proxy.proxyServer.empty() && !isDirect) {
     LUMO_THROW(lumo::CloudConnectorException, -1, "Cloud web proxy is not configured correctly.");

@@ -111,7 +111,8 @@ std::string finished(std::string_view prompt, std::int32_t answerType) {
 std::string CloudAuthV1::getSelectText(const std::string& name, const Value& mechanism) {
   std::string text(optionalText(mechanism, "PromptSelectMech"));
   if (!text.empty() || usualText(SELECT_TEXTS, name, mechanism, text)) return text;
-  LUMO_LOG(logger(), 1, "No select text is available for mechanism(%s) in parsing mechanism select text", name.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug,
+           "No select text is available for mechanism(%s) in parsing mechanism select text", name.c_str());
   return name;
 }
 
@@ -120,7 +121,8 @@ std::string CloudAuthV1::getAnswerPrompt(const std::string& name, const Value& m
   if (!given.empty()) return finished(given, answerTypeOf(name, mechanism));
   std::string text;
   if (usualText(ANSWER_PROMPTS, name, mechanism, text)) return text;
-  LUMO_LOG(logger(), 1, "No answer prompt is available for mechanism(%s) in parsing answer prompt", name.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "No answer prompt is available for mechanism(%s) in parsing answer prompt",
+           name.c_str());
   return "Sorry. This mechanism is not supported.";
 }
 

@@ -87,13 +87,14 @@ int CloudAuthV1S::startAuthentication(const Payload* newPayload) {
     std::string errorId;
     std::string reason;
     if (startMfa(status, errorId, reason, false, newPayload) != 0) {
-      LUMO_LOG(logger(), 1, "startAuthentication: after starting endpoint, no need to authenticate.");
+      LUMO_LOG(logger(), lumo::level::Debug, "startAuthentication: after starting endpoint, no need to authenticate.");
       return AUTH_DONE;
     }
     if (status == HTTP_OK) return decide(errorId, reason);
     if (status != HTTP_UNAUTHORIZED) return AUTH_FAILED;
     if (isNew) {
-      LUMO_LOG(logger(), 1, "startAuthentication: user cookie is updated but still got HTTP Unauthorized.");
+      LUMO_LOG(logger(), lumo::level::Debug,
+               "startAuthentication: user cookie is updated but still got HTTP Unauthorized.");
       return AUTH_FAILED;
     }
     wipe(userCookie);
@@ -107,20 +108,21 @@ bool CloudAuthV1S::makeUserCookie() {
   }
   if (getMachineAuthToken() == 0) return false;
   if (startImpersonate() != 0) return true;
-  LUMO_LOG(logger(), 5, NO_RIGHT);
+  LUMO_LOG(logger(), lumo::level::Fatal, NO_RIGHT);
   return false;
 }
 
 int CloudAuthV1S::decide(const std::string& errorId, const std::string& reason) {
-  LUMO_LOG(logger(), 1, "startAuthentication: after starting endpoint, errorId = %s, challengeId = %s, reason = %s.",
+  LUMO_LOG(logger(), lumo::level::Debug,
+           "startAuthentication: after starting endpoint, errorId = %s, challengeId = %s, reason = %s.",
            errorId.c_str(), challengeId.c_str(), reason.c_str());
   if (wantsProof(errorId)) return startChallenge();
   const ProfileTexts& texts = authProfileType == PROFILE_ELEVATION ? ELEVATION_TEXTS : LOGIN_TEXTS;
   if (reason == "NotConfigured") {
-    LUMO_LOG(logger(), 5, "%s", texts.notConfigured);
+    LUMO_LOG(logger(), lumo::level::Fatal, "%s", texts.notConfigured);
     return AUTH_NOT_CONFIGURED;
   }
-  LUMO_LOG(logger(), 3, texts.unusable, userName.c_str());
+  LUMO_LOG(logger(), lumo::level::Warn, texts.unusable, userName.c_str());
   return AUTH_FAILED;
 }
 
@@ -146,14 +148,15 @@ int CloudAuthV1S::startMfa(int& status, std::string& errorId, std::string& reaso
   }
   if (visitEndpoint(withChallenge, maySend && !payload.empty()) != 0) return 1;
   status = static_cast<int>(getHttpCode());
-  LUMO_LOG(logger(), 1, "startMfa: authProfileType = %d, success = %d, httpCode = %d", authProfileType, 0, status);
+  LUMO_LOG(logger(), lumo::level::Debug, "startMfa: authProfileType = %d, success = %d, httpCode = %d", authProfileType,
+           0, status);
   if (status != HTTP_OK) return 0;
   const rapidjson::Value& result = member(document, "Result");
   getJsonStringOptional(document, "ErrorID", errorId);
   getJsonStringOptional(result, "ChallengeId", challengeId);
   getJsonStringOptional(result, "Reason", reason);
-  LUMO_LOG(logger(), 1, "startMfa: errorId = %s, challengeId = %s, reason = %s", errorId.c_str(), challengeId.c_str(),
-           reason.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "startMfa: errorId = %s, challengeId = %s, reason = %s", errorId.c_str(),
+           challengeId.c_str(), reason.c_str());
   return 0;
 }
 
@@ -162,9 +165,9 @@ int CloudAuthV1S::startChallenge() {
   JsonBody body;
   body.set("ChallengeStateId", challengeId).set("Version", "1.0");
   const int result = post(startChallengeUrl, body.text());
-  LUMO_LOG(logger(), 1, "startChallenge: result = %d, httpCode = %ld", result, httpCode);
+  LUMO_LOG(logger(), lumo::level::Debug, "startChallenge: result = %d, httpCode = %ld", result, httpCode);
   if (result != 0) return parsePolicy();
-  LUMO_LOG(logger(), 3, NO_CHALLENGES, userName.c_str());
+  LUMO_LOG(logger(), lumo::level::Warn, NO_CHALLENGES, userName.c_str());
   return AUTH_REQUEST_FAILED;
 }
 
@@ -178,10 +181,10 @@ int CloudAuthV1S::advanceAuthentication(const std::string& mechanismId, const in
   std::string reason;
   if (startMfa(status, errorId, reason, true, nullptr) != 0) return AUTH_DONE;
   if (status == HTTP_OK && wantsProof(errorId)) {
-    LUMO_LOG(logger(), 1, "advanceAuthentication: need to authenticate again.");
+    LUMO_LOG(logger(), lumo::level::Debug, "advanceAuthentication: need to authenticate again.");
     return startChallenge();
   }
-  LUMO_LOG(logger(), 1,
+  LUMO_LOG(logger(), lumo::level::Debug,
            "advanceAuthentication: revisit the endpoint(ferrosuexecute/mfalogin) failed; httpCode = %d, errorId = %s, "
            "reason = %s.",
            status, errorId.c_str(), reason.c_str());

@@ -45,10 +45,11 @@ int CloudAuthV1S::siteCheck(std::string& otc, std::string& errorMessage) {
   ConnectorVisit visit(heldCurl());
   keep(visit.ask(siteCheckUrl, spn));
   const CloudProxyInfo proxy = CloudCurlPool::getInstance().getProxy();
-  LUMO_LOG(logger(), 1, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
+  LUMO_LOG(logger(), lumo::level::Debug, "Set CURL web proxy to: '%s' with auth: '%s'.", proxy.proxyServer.c_str(),
            proxy.proxyAuth.c_str());
   visit.putBack(proxy);
-  LUMO_LOG(logger(), 1, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", siteCheckUrl.c_str(), spn.c_str(), httpCode);
+  LUMO_LOG(logger(), lumo::level::Debug, "siteCheck: URL = %s, SPN = %s, httpCode = %ld", siteCheckUrl.c_str(),
+           spn.c_str(), httpCode);
   setTrust(*curl, {verifies(lumo::PN::FERROD_CLOUD_SKIP_CERT_VERIFICATION), certStore, {}});
   return readCode(otc, errorMessage);
 }
@@ -70,7 +71,7 @@ int CloudAuthV1S::readCode(std::string& otc, std::string& errorMessage) {
     errorMessage = VS("SiteCheck result is not 'success'(%s).", lumo::printable(result).c_str());
     return 0;
   }
-  LUMO_LOG(logger(), 1, "siteCheck: complete successfully");
+  LUMO_LOG(logger(), lumo::level::Debug, "siteCheck: complete successfully");
   getJsonString(document, SITE_CHECK_CODE, otc);
   return 1;
 }
@@ -78,11 +79,11 @@ int CloudAuthV1S::readCode(std::string& otc, std::string& errorMessage) {
 int CloudAuthV1S::sso(const std::string& otc) {
   const CodeUrl url(ssoUrl, otc);
   const int result = getMasked(url.whole(), url.shown());
-  LUMO_LOG(logger(), 1, "sso: result = %d, httpCode = %ld", result, httpCode);
+  LUMO_LOG(logger(), lumo::level::Debug, "sso: result = %d, httpCode = %ld", result, httpCode);
   if (result == 0) return 0;
   wipe(machineCookie);
   machineCookie = curl->cookie(CurlObject::SESSION_COOKIE, ssoUrl);
-  LUMO_LOG(logger(), 1, "sso: cookieExist = %d", machineCookie.empty() ? 0 : 1);
+  LUMO_LOG(logger(), lumo::level::Debug, "sso: cookieExist = %d", machineCookie.empty() ? 0 : 1);
   return 1;
 }
 
@@ -101,8 +102,8 @@ int CloudAuthV1S::startImpersonate() {
     wipe(userCookie);
     userCookie = curl->cookie(CurlObject::SESSION_COOKIE, startImpersonateUrl);
   }
-  LUMO_LOG(logger(), 1, "startImpersonate: result = %d, httpCode = %ld, cookieExist = %d", result, httpCode,
-           userCookie.empty() ? 0 : 1);
+  LUMO_LOG(logger(), lumo::level::Debug, "startImpersonate: result = %d, httpCode = %ld, cookieExist = %d", result,
+           httpCode, userCookie.empty() ? 0 : 1);
   return result;
 }
 
@@ -112,10 +113,10 @@ int CloudAuthV1S::askConnector(std::string& otc, std::string& errorMessage) {
   } catch (const lumo::CloudIwaException&) {
     throw;
   } catch (const lumo::CurlException& failure) {
-    LUMO_LOG(logger(), 5, NO_CONNECTOR);
+    LUMO_LOG(logger(), lumo::level::Fatal, NO_CONNECTOR);
     passOn(failure);
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 5, NO_CODE);
+    LUMO_LOG(logger(), lumo::level::Fatal, NO_CODE);
     LUMO_THROW(lumo::CloudIwaException, SIGN_IN_FAILED, "Internal error. Error message: %s", failure.what());
   }
 }
@@ -125,7 +126,7 @@ int CloudAuthV1S::getMachineAuthToken() {
   const WipeAtEnd wipeCode(otc);
   std::string errorMessage;
   if (askConnector(otc, errorMessage) == 0) {
-    LUMO_LOG(logger(), 5, NO_CODE);
+    LUMO_LOG(logger(), lumo::level::Fatal, NO_CODE);
     LUMO_THROW(lumo::CloudIwaException, SIGN_IN_FAILED, "%s", errorMessage.c_str());
   }
   try {
@@ -133,6 +134,6 @@ int CloudAuthV1S::getMachineAuthToken() {
   } catch (const lumo::CurlException& failure) {
     passOn(failure);
   }
-  LUMO_LOG(logger(), 5, NO_MACHINE_SESSION);
+  LUMO_LOG(logger(), lumo::level::Fatal, NO_MACHINE_SESSION);
   return 0;
 }

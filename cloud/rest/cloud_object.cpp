@@ -43,26 +43,26 @@ int CloudBase::exchange(const std::string& url, const std::string& content, bool
 }
 
 int CloudBase::post(const std::string& url, const std::string& content) {
-  LUMO_LOG(logger(), 1, "HTTP post URL = %s. with content", url.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "HTTP post URL = %s. with content", url.c_str());
   return exchange(url, content, true);
 }
 
 int CloudBase::post(const std::string& url, const Parameters& params, const std::string& content) {
   const std::string whole = url + "?" + encode(params);
-  LUMO_LOG(logger(), 1, "HTTP post with params URL = %s. content: (hidden)", url.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "HTTP post with params URL = %s. content: (hidden)", url.c_str());
   return exchange(whole, content, true);
 }
 
 int CloudBase::get(const std::string& url) { return getMasked(url, url); }
 
 int CloudBase::getMasked(const std::string& url, const std::string& masked) {
-  LUMO_LOG(logger(), 1, "HTTP get URL = %s", masked.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "HTTP get URL = %s", masked.c_str());
   return exchange(url, std::string(), false);
 }
 
 int CloudBase::get(const std::string& url, const Parameters& params) {
   const std::string whole = url + "?" + encode(params);
-  LUMO_LOG(logger(), 1, "HTTP get with params URL = %s", url.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "HTTP get with params URL = %s", url.c_str());
   return exchange(whole, std::string(), false);
 }
 

@@ -23,11 +23,11 @@ void trustPlatform(CurlObject& curl, std::string& certStore) {
   setTrust(curl, trust);
   if (!trust.verifies) return;
   if (certStore.empty()) {
-    LUMO_LOG(logger(), 4,
+    LUMO_LOG(logger(), lumo::level::Error,
              "Cloud cert verification is enabled yet no valid cert store found.Cloud connections may fail");
     return;
   }
-  LUMO_LOG(logger(), 1, "Will use cert store : '%s' for cloud cert verification.", certStore.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "Will use cert store : '%s' for cloud cert verification.", certStore.c_str());
 }
 
 }  // namespace
@@ -37,7 +37,7 @@ CloudBase::~CloudBase() {
   try {
     releaseCurl();
   } catch (const std::exception& failure) {
-    LUMO_LOG(logger(), 3, "A connection could not be given back: %s", failure.what());
+    LUMO_LOG(logger(), lumo::level::Warn, "A connection could not be given back: %s", failure.what());
   }
 }
 
@@ -60,7 +60,7 @@ void CloudBase::setProxy(const CloudProxyInfo& proxy) { CloudCurlPool::getInstan
 
 void CloudBase::resetProxy() {
   const bool isDirect = lumo::Props(false, false).getBool(lumo::PN::CLOUD_DIRECT_CONNECTION, false);
-  LUMO_LOG(logger(), 1, "Reset cloud web proxy...");
+  LUMO_LOG(logger(), lumo::level::Debug, "Reset cloud web proxy...");
   if (isDirect) return;
   CloudConnectorLocator::getInstance(cloudUrl)->discardCurrentCloudConnector();
   setProxy(getCloudHttpProxy(cloudUrl));

@@ -95,7 +95,7 @@ void jsonToString(std::string& out, const rapidjson::Value& object) {
 }
 
 int readReply(const boost::shared_ptr<Logger>& log, const std::string& body, rapidjson::Document& document) {
-  LUMO_LOG(log, 0, "HTTP response: %s", body.c_str());
+  LUMO_LOG(log, lumo::level::Trace, "HTTP response: %s", body.c_str());
   parseJson(document, body);
   if (jsonMember(document, "success").IsTrue()) return 1;
   const auto read = [&document](const char* key) {
@@ -103,7 +103,7 @@ int readReply(const boost::shared_ptr<Logger>& log, const std::string& body, rap
     getJsonStringOptional(document, key, value);
     return value;
   };
-  LUMO_LOG(log, 1,
+  LUMO_LOG(log, lumo::level::Debug,
            "processResult returns false, error information from cloud errorCode = %s, errorId = %s, message = %s, "
            "messageId = %s.",
            read("ErrorCode").c_str(), read("ErrorID").c_str(), read("Message").c_str(), read("MessageID").c_str());

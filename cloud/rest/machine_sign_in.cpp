@@ -28,7 +28,8 @@ ConnectorVisit::~ConnectorVisit() {
   try {
     m_connection.forgetSession();
   } catch (const LUMOException& failure) {
-    LUMO_LOG(getLogger("cloud.object", false), 3, "A connector's cookies could not be dropped: %s", failure.what());
+    LUMO_LOG(getLogger("cloud.object", false), lumo::level::Warn, "A connector's cookies could not be dropped: %s",
+             failure.what());
   }
 }
 

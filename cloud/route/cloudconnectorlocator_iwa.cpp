@@ -31,26 +31,26 @@ ADObjectPtr CloudConnectorLocator::fetchCloudConnectorObject(const LocatorLock&,
   const ADObjectPtr& connector = m_connectors[fqdn];
   if (lumo::ADObject::isValid(connector)) return connector;
   SetRefresh(RETRY_SECONDS);
-  LUMO_LOG(logger(), 1, "fetchCloudConnectorObject: Can't fetch cloud connector object in AD");
+  LUMO_LOG(logger(), lumo::level::Debug, "fetchCloudConnectorObject: Can't fetch cloud connector object in AD");
   return ADObjectPtr();
 }
 
 std::string CloudConnectorLocator::getIwaUrl(std::string& spn) {
   if (!m_iwaRequired) {
-    LUMO_LOG(logger(), 1, "getIwaUrl: IWA is not required");
+    LUMO_LOG(logger(), lumo::level::Debug, "getIwaUrl: IWA is not required");
     return std::string();
   }
   const LocatorLock held;
   if (m_currentConnector.empty()) {
     recover(held);
-    LUMO_LOG(logger(), 1, "getIwaUrl: no valid connectors in try list");
+    LUMO_LOG(logger(), lumo::level::Debug, "getIwaUrl: no valid connectors in try list");
     return std::string();
   }
-  LUMO_LOG(logger(), 1, "getIwaUrl: current cloud connector FQDN=%s", m_currentConnector.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "getIwaUrl: current cloud connector FQDN=%s", m_currentConnector.c_str());
   const ADObjectPtr connector = fetchCloudConnectorObject(held, m_currentConnector);
   if (!isAvailableConnector(connector)) {
     discardCurrentCloudConnector();
-    LUMO_LOG(logger(), 1, "getIwaUrl: Can't get a valid cloud connector for this time");
+    LUMO_LOG(logger(), lumo::level::Debug, "getIwaUrl: Can't get a valid cloud connector for this time");
     return std::string();
   }
   m_iwaHttpsPort = connector->getString(LUMO_CLOUD_CONNECTOR_IWA_HTTPS_PORT, "");
@@ -62,8 +62,8 @@ std::string CloudConnectorLocator::getIwaUrl(std::string& spn) {
     spn = spnOf(m_connectorFqdn, connector);
   } catch (const LUMOException& failure) {
     // What was remembered from the last process has no name in the directory.
-    LUMO_LOG(logger(), 1, "getIwaUrl: fail to get SPN due to exception; err_msg '%s'. Try to get SPN from IWA URL.",
-             failure.what());
+    LUMO_LOG(logger(), lumo::level::Debug,
+             "getIwaUrl: fail to get SPN due to exception; err_msg '%s'. Try to get SPN from IWA URL.", failure.what());
     spn = GetSPNFromIwaURL(url);
   }
   return url;
@@ -73,23 +73,24 @@ std::string GetSPNFromIwaURL(const std::string& url) {
   const std::string fqdn = getFqdnFromUrl(url);
   ADAgent* const agent = agentOfProcess();
   if (agent == nullptr) {
-    LUMO_LOG(logger(), 1, "GetSPNFromIwaURL failed: can't retrieve adagent");
+    LUMO_LOG(logger(), lumo::level::Debug, "GetSPNFromIwaURL failed: can't retrieve adagent");
     return std::string();
   }
   if (fqdn.empty()) {
-    LUMO_LOG(logger(), 1, "GetSPNFromIwaURL failed: retrieve empty FQDN from url = %s", url.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "GetSPNFromIwaURL failed: retrieve empty FQDN from url = %s", url.c_str());
     return std::string();
   }
   const std::string filter = computerFilter(fqdn);
-  LUMO_LOG(logger(), 1, "GetSPNFromIwaURL searches with filter '%s'", filter.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "GetSPNFromIwaURL searches with filter '%s'", filter.c_str());
   const char* const* const attributes = lumo::ComputerObjectHelper::getComputerAttributes();
   const auto found = agent->searchGCorDC(filter, "", attributes, attributes, CACHE_READ | CACHE_STORE | CACHE_MISSES);
   if (!found || found->empty()) {
-    LUMO_LOG(logger(), 1, "GetSPNFromIwaURL failed: can't find any computer objects");
+    LUMO_LOG(logger(), lumo::level::Debug, "GetSPNFromIwaURL failed: can't find any computer objects");
     return std::string();
   }
   if (found->size() > 1) {
-    LUMO_LOG(logger(), 1, "GetSPNFromIwaURL: more than 1 computer objects(%d) are found. Will use the first one",
+    LUMO_LOG(logger(), lumo::level::Debug,
+             "GetSPNFromIwaURL: more than 1 computer objects(%d) are found. Will use the first one",
              static_cast<int>(found->size()));
   }
   return spnOf(fqdn, found->front());

@@ -32,7 +32,7 @@ Entries takeOf(Entries& entries, const std::string& url) {
 // A URL that is the configured one but for its beginning or end was probably meant to be it.
 void warnOfNearMatch(const std::string& fqdn, const std::string& url, const std::string& configured) {
   if (url.size() == configured.size() || !(contains(url, configured) || contains(configured, url))) return;
-  LUMO_LOG(logger(), 3,
+  LUMO_LOG(logger(), lumo::level::Warn,
            "Morvane Connector '%s' is associated with Morvane Identity Platform specified by URL '%s', which is "
            "different from the URL '%s' configured in the zone property page in Zone Console. Please verify the "
            "settings of the Morvane Connector.",
@@ -71,7 +71,7 @@ void CloudConnectorLocator::inserIntoUnusedList(const LocatorLock&, Entries curr
   const auto insert = [this](Entries from, Entries& to, const char* text) {
     for (RandomOrder<ConnectorEntry> order(std::move(from)); !order.empty();) {
       const auto& [url, fqdn] = to.emplace_back(order.next());
-      LUMO_LOG(logger(), 1, text, fqdn.c_str(), url.c_str());
+      LUMO_LOG(logger(), lumo::level::Debug, text, fqdn.c_str(), url.c_str());
       warnOfNearMatch(fqdn, url, m_cloudUrl);
     }
   };
@@ -90,7 +90,7 @@ void CloudConnectorLocator::inserIntoTryList(const LocatorLock& held, Entries cu
       if (!m_overrideHost.empty() && m_overrideHost == fqdn) continue;
       const bool available = isAvailableConnector(connector);
       LUMO_LOG(
-          logger(), 1,
+          logger(), lumo::level::Debug,
           available ? text : "insertIntoTryList: push in FQDN %s of cloud connector in temporarily unavailable list",
           fqdn.c_str());
       (available ? to : m_discardedList).push_back(std::move(fqdn));
@@ -102,10 +102,11 @@ void CloudConnectorLocator::inserIntoTryList(const LocatorLock& held, Entries cu
   if (!m_currentSiteTryList.empty()) {
     m_currentConnector = m_currentSiteTryList.front();
   } else if (!m_otherSiteTryList.empty()) {
-    LUMO_LOG(logger(), 1, "insertIntoTryList: no cloud connectors in current site. Use one in other sites.");
+    LUMO_LOG(logger(), lumo::level::Debug,
+             "insertIntoTryList: no cloud connectors in current site. Use one in other sites.");
     m_currentConnector = m_otherSiteTryList.front();
   } else {
-    LUMO_LOG(logger(), 1, "insertIntoTryList: no cloud connectors in current site or in other sites.");
+    LUMO_LOG(logger(), lumo::level::Debug, "insertIntoTryList: no cloud connectors in current site or in other sites.");
   }
 }
 
@@ -117,14 +118,14 @@ void CloudConnectorLocator::rebuildTryList(const LocatorLock& held) {
   for (const auto& fqdn : m_discardedList) {
     const ADObjectPtr connector = fetchCloudConnectorObject(held, fqdn);
     if (!isAvailableConnector(connector)) {
-      LUMO_LOG(logger(), 1, "rebuildTryList: no need to insert %s into try list", fqdn.c_str());
+      LUMO_LOG(logger(), lumo::level::Debug, "rebuildTryList: no need to insert %s into try list", fqdn.c_str());
       unavailable.push_back(fqdn);
     } else if (lower(connector->getString(LUMO_CLOUD_CONNECTOR_SITE, "")) == ownSite) {
       m_currentSiteTryList.push_back(fqdn);
-      LUMO_LOG(logger(), 1, "rebuildTryList: insert %s into site try list", fqdn.c_str());
+      LUMO_LOG(logger(), lumo::level::Debug, "rebuildTryList: insert %s into site try list", fqdn.c_str());
     } else {
       m_otherSiteTryList.push_back(fqdn);
-      LUMO_LOG(logger(), 1, "rebuildTryList: insert %s into other site try list", fqdn.c_str());
+      LUMO_LOG(logger(), lumo::level::Debug, "rebuildTryList: insert %s into other site try list", fqdn.c_str());
     }
   }
   m_discardedList.swap(unavailable);

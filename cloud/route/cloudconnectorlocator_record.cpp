@@ -71,11 +71,11 @@ void loadKeyword(const LocatorLock& held, lumo::ADObject& connector, const std::
   std::string value = colon == std::string::npos ? keyword : keyword.substr(colon + 1);
   const std::string setting = keywordToSetting(held, name);
   if (setting.empty()) {
-    LUMO_LOG(logger(), 1, "loadAttributes: unexpected keyword '%s'", name.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "loadAttributes: unexpected keyword '%s'", name.c_str());
     return;
   }
-  LUMO_LOG(logger(), 1, "loadAttributes: keyname = '%s', mvdName = '%s', mvdValue = '%s'", name.c_str(),
-           setting.c_str(), value.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "loadAttributes: keyname = '%s', mvdName = '%s', mvdValue = '%s'",
+           name.c_str(), setting.c_str(), value.c_str());
   if (setting == LUMO_CLOUD_PROXY_FQDN) value = getFqdnFromUrl(value);
   if (!value.empty()) connector[setting] = value;
 }
@@ -93,8 +93,8 @@ void alignWebProxy(const ADObjectPtr& connector) {
     const std::string webProxy =
         textOf(connector, LUMO_CLOUD_PROXY_FQDN) + ":" + textOf(connector, LUMO_CLOUD_CONNECTOR_PORT);
     record[LUMO_CLOUD_WEB_PROXY] = webProxy;
-    LUMO_LOG(logger(), 1, "loadAttributes: compose mvdName = '%s', mvdValue = '%s'", LUMO_CLOUD_WEB_PROXY,
-             webProxy.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "loadAttributes: compose mvdName = '%s', mvdValue = '%s'",
+             LUMO_CLOUD_WEB_PROXY, webProxy.c_str());
   }
 }
 
@@ -186,17 +186,18 @@ std::string getFqdnFromUrl(const std::string& url) {
 
 void CloudConnectorLocator::loadAttributes(const LocatorLock& held, const ADObjectPtr& connector) {
   if (!lumo::ADObject::isValid(connector)) {
-    LUMO_LOG(logger(), 1, "loadAttributes: connector object is null");
+    LUMO_LOG(logger(), lumo::level::Debug, "loadAttributes: connector object is null");
     return;
   }
   if (!has(connector, AD_KEYWORDS)) {
-    LUMO_LOG(logger(), 1, "loadAttributes: 'keywords' is empty for cloud connector object(GUID=%s)",
+    LUMO_LOG(logger(), lumo::level::Debug, "loadAttributes: 'keywords' is empty for cloud connector object(GUID=%s)",
              connector->guid().toString().c_str());
     return;
   }
   const lumo::ADAttribute keywords = (*connector)[AD_KEYWORDS];
   if (keywords.isNull()) {
-    LUMO_LOG(logger(), 1, "loadAttributes: get cram attributes error for cloud connector object(GUID=%s)",
+    LUMO_LOG(logger(), lumo::level::Debug,
+             "loadAttributes: get cram attributes error for cloud connector object(GUID=%s)",
              connector->guid().toString().c_str());
     return;
   }
@@ -204,7 +205,7 @@ void CloudConnectorLocator::loadAttributes(const LocatorLock& held, const ADObje
   alignWebProxy(connector);
   const std::string fqdn = getConnectorFqdn(held, connector);
   if (fqdn.empty()) return;
-  LUMO_LOG(logger(), 1, "got FQDN from parent object: %s", fqdn.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "got FQDN from parent object: %s", fqdn.c_str());
   (*connector)[LUMO_CLOUD_PROXY_FQDN] = fqdn;
 }
 
@@ -219,7 +220,7 @@ std::string CloudConnectorLocator::getConnectorFqdn(const LocatorLock&, const AD
                    ? agent->find(parent, attributes, CACHE_READ | CACHE_STORE | CACHE_MISSES)
                    : agent->recall(parent, attributes).value_or(nullptr);
   } catch (const LUMOException&) {
-    LUMO_LOG(logger(), 1, "Failed to fetch DC object in AD");
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to fetch DC object in AD");
   }
   return lumo::ADObject::isValid(computer) ? computer->getString(AD_DNS_NAME, "") : std::string();
 }
@@ -253,11 +254,11 @@ bool CloudConnectorLocator::isAvailableConnector(const ADObjectPtr& connector) c
   if ((services & (iwaRequired ? SERVICE_IWA : SERVICE_WEB_PROXY)) != 0) return true;
   const std::string fqdn = textOf(connector, LUMO_CLOUD_PROXY_FQDN);
   if (iwaRequired) {
-    LUMO_LOG(logger(), 1,
+    LUMO_LOG(logger(), lumo::level::Debug,
              "Cloud connector '%s' is unavailable: IWA is required, but IWA is not configured correctly. sevices = %d",
              fqdn.c_str(), services);
   } else {
-    LUMO_LOG(logger(), 1,
+    LUMO_LOG(logger(), lumo::level::Debug,
              "Cloud connector '%s' is unavailable for web proxy is not configured correctly. services = %d",
              fqdn.c_str(), services);
   }
@@ -276,7 +277,7 @@ void CloudConnectorLocator::logUnavailableConnector(const ADObjectPtr& connector
     }
   }
   incorrect.splice(incorrect.end(), unsafeKeywords(connector));
-  LUMO_LOG(logger(), 3,
+  LUMO_LOG(logger(), lumo::level::Warn,
            "Morvane Agent will not use Morvane Connector '%s' to provide connectivity to Morvane Identity Platform "
            "URL '%s' because %s.",
            textOf(connector, LUMO_CLOUD_PROXY_FQDN).c_str(), textOf(connector, LUMO_CLOUD_URL).c_str(),

@@ -28,7 +28,7 @@ void enqueueRefresh(Queue& queue, long due, const char* failureText) {
     queue.enqueue(boost::make_shared<lumo::CloudConnectorsRefresh>(due));
   } catch (const lumo::EndOfFileException&) {
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 4, failureText, failure.what());
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Error, failureText, failure.what());
   }
 }
 
@@ -40,7 +40,7 @@ void queueNextRefresh() {
   // Beyond the end of time lies the past: searches would follow each other without a pause.
   const long interval = std::min(configured, static_cast<long>(INT_MAX));
   if (interval == 0) {
-    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 3,
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Warn,
              "Background task of refreshing Morvane Connectors has been suspended due to the interval being set to 0.");
     return;
   }
@@ -55,8 +55,8 @@ void SetRefresh(unsigned seconds) {
   const auto queue = lumo::RunQueue::getRunQueue(lumo::MAIN_RUN_QUEUE, false, 0);
   if (!queue) return;
   const long due = secondsNow() + static_cast<long>(seconds);
-  LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "SetRefresh: refresh task is scheduled to execute in %d seconds",
-           static_cast<int>(seconds));
+  LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Debug,
+           "SetRefresh: refresh task is scheduled to execute in %d seconds", static_cast<int>(seconds));
   enqueueRefresh(*queue, due, "SetRefresh failed: %s");
 }
 
@@ -66,14 +66,14 @@ bool RefreshCloudConnectorsInfo() {
     const std::string version = lumo::Props(false, false).getProperty(lumo::PN::CLOUD_REST_VERSION);
     const bool iwaRequired = version != "0" && version != "1.0";
     const std::string url = lumo::ZoneHierarchy::GetZoneHierarchy()->getCloudUrl();
-    LUMO_LOG(logger, 1, "Refresh cloud connector information for cloudurl '%s' with IWA %s", url.c_str(),
-             iwaRequired ? "enabled" : "disabled");
+    LUMO_LOG(logger, lumo::level::Debug, "Refresh cloud connector information for cloudurl '%s' with IWA %s",
+             url.c_str(), iwaRequired ? "enabled" : "disabled");
     CloudConnectorLocator::getInstance(url)->searchCloudConnetors(url, iwaRequired);
-    LUMO_LOG(logger, 1, "Refresh cloud connectors info done");
+    LUMO_LOG(logger, lumo::level::Debug, "Refresh cloud connectors info done");
     CloudCurlPool::getInstance().reapCurls();
     return true;
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger, 4, "Fail to refresh Morvane Connector information: %s", failure.what());
+    LUMO_LOG(logger, lumo::level::Error, "Fail to refresh Morvane Connector information: %s", failure.what());
     return false;
   }
 }

@@ -33,7 +33,8 @@ std::string CloudConnectorLocator::dump() {
   try {
     appendReport(held, out);
   } catch (const std::exception& failure) {
-    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 3, "Fail to dump Morvane Connector information: %s", failure.what());
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Warn, "Fail to dump Morvane Connector information: %s",
+             failure.what());
   }
   return out;
 }

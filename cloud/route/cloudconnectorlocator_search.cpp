@@ -40,20 +40,20 @@ boost::shared_ptr<ADObjectList> searchForest(ADAgent& agent, const char* const* 
   } catch (const LDAPException& failure) {
     if (!LDAPBinding::isServerUnavailableException(failure)) {
       SetRefresh(RETRY_SECONDS);
-      LUMO_LOG(logger(), 1, "Failed to search cloud connectors in GC due to LDAP exception");
+      LUMO_LOG(logger(), lumo::level::Debug, "Failed to search cloud connectors in GC due to LDAP exception");
       LUMO_THROW(lumo::CloudConnectorException, -1, "Failed to search Morvane Connectors in GC due to LDAP exception");
     }
   } catch (const LUMOException&) {
     SetRefresh(RETRY_SECONDS);
-    LUMO_LOG(logger(), 1, "Failed to search cloud connectors in GC");
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to search cloud connectors in GC");
     LUMO_THROW(lumo::CloudConnectorException, -1, "Failed to search Morvane Connectors in GC");
   }
-  LUMO_LOG(logger(), 1, "Failed to search cloud connectors in GC, trying DC");
+  LUMO_LOG(logger(), lumo::level::Debug, "Failed to search cloud connectors in GC, trying DC");
   try {
     return searchConnectors(*agent.dcBinding(), attributes);
   } catch (const LUMOException&) {
     SetRefresh(RETRY_SECONDS);
-    LUMO_LOG(logger(), 1, "Failed to search cloud connectors in AD");
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to search cloud connectors in AD");
     LUMO_THROW(lumo::CloudConnectorException, -1, "Failed to search Morvane Connectors in AD");
   }
 }
@@ -70,8 +70,8 @@ void readComputersAhead(ADAgent& agent, const ADObjectList& connectors) {
   try {
     agent.prefetch(computers, lumo::ComputerObjectHelper::getAttributes());
   } catch (const LUMOException& failure) {
-    LUMO_LOG(logger(), 1, "Failed to read the computers of %zu cloud connectors ahead: %s", computers.size(),
-             failure.what());
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to read the computers of %zu cloud connectors ahead: %s",
+             computers.size(), failure.what());
   }
 }
 
@@ -109,14 +109,14 @@ void CloudConnectorLocator::searchCloudConnetors(const std::string& cloudUrl, bo
   m_iwaRequired = iwaRequired;
   ADAgent* const agent = g_adAgent.load();
   if (agent == nullptr || !agent->isConnected() || agent->dcBinding() == nullptr || !agent->dcBinding()->isHealthy()) {
-    LUMO_LOG(logger(), 1, "Connection healthy check failed.");
+    LUMO_LOG(logger(), lumo::level::Debug, "Connection healthy check failed.");
     SetRefresh(static_cast<unsigned>(getRecoverInterval()));
     return;
   }
   const auto found = searchForest(*agent, getSearchAttributes());
   if (!found || found->empty()) {
     if (!cloudUrl.empty()) SetRefresh(RETRY_SECONDS);
-    LUMO_LOG(logger(), 1, "Failed to search cloud connectors in GC or DC");
+    LUMO_LOG(logger(), lumo::level::Debug, "Failed to search cloud connectors in GC or DC");
     return;
   }
   m_zoneCloudUrl = cloudUrl;
@@ -142,7 +142,7 @@ void CloudConnectorLocator::processList(const LocatorLock& held, const boost::sh
   m_currentConnector.clear();
   tryOverrideFirst(held);
   for (const auto& url : m_cloudUrls) {
-    LUMO_LOG(logger(), 1, "Inserting cloud connectors for cloudurl: %s", url.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "Inserting cloud connectors for cloudurl: %s", url.c_str());
     auto& group = sorted.byUrl[url];
     insertCloudConnectors(held, group.currentSite, group.otherSites, url);
   }
@@ -155,14 +155,14 @@ void CloudConnectorLocator::sortConnector(const LocatorLock& held, const ADObjec
   loadAttributes(held, record);
   const std::string fqdn = record->getString(LUMO_CLOUD_PROXY_FQDN, "");
   if (fqdn.empty()) {
-    LUMO_LOG(logger(), 1, "Invalid cloud connector SCP for cloudUrl: fqdn is empty");
+    LUMO_LOG(logger(), lumo::level::Debug, "Invalid cloud connector SCP for cloudUrl: fqdn is empty");
     return;
   }
   m_connectors[fqdn] = record;
   const std::string url = record->getString(LUMO_CLOUD_URL, "");
   if (getConnectorServices(record) == 0) {
     m_invalidList.emplace_back(url, fqdn);
-    LUMO_LOG(logger(), 1, "Invalid cloud connector SCP for cloudUrl: %s", url.c_str());
+    LUMO_LOG(logger(), lumo::level::Debug, "Invalid cloud connector SCP for cloudUrl: %s", url.c_str());
     logUnavailableConnector(record);
     return;
   }
@@ -190,9 +190,11 @@ void CloudConnectorLocator::tryOverrideFirst(const LocatorLock&) {
   } else if (const std::string name = hostNameOf(address); !name.empty()) {
     m_overrideHost = name;
   } else {
-    LUMO_LOG(logger(), 3, "Cannot get the host name from the address: %s will not use it", host.c_str());
+    LUMO_LOG(logger(), lumo::level::Warn, "Cannot get the host name from the address: %s will not use it",
+             host.c_str());
   }
-  LUMO_LOG(logger(), 1, "Set cloud connectors from ferrod.cloud.connector parameter as: %s", m_overrideHost.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "Set cloud connectors from ferrod.cloud.connector parameter as: %s",
+           m_overrideHost.c_str());
   // A host that has no name here stands on the list all the same, as it was known before or empty.
   m_currentSiteTryList.push_back(m_overrideHost);
 }

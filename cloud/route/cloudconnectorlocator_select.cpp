@@ -12,14 +12,15 @@ std::string CloudConnectorLocator::getCloudConnector() {
   const LocatorLock held;
   if (m_currentConnector.empty()) {
     recover(held);
-    LUMO_LOG(logger(), 1, "getCloudConnector:  no valid connectors in try list");
+    LUMO_LOG(logger(), lumo::level::Debug, "getCloudConnector:  no valid connectors in try list");
     return std::string();
   }
-  LUMO_LOG(logger(), 1, "getCloudConnector: current cloud connector host DC FQDN=%s", m_currentConnector.c_str());
+  LUMO_LOG(logger(), lumo::level::Debug, "getCloudConnector: current cloud connector host DC FQDN=%s",
+           m_currentConnector.c_str());
   const ADObjectPtr connector = fetchCloudConnectorObject(held, m_currentConnector);
   if (!isAvailableConnector(connector)) {
     discardCurrentCloudConnector();
-    LUMO_LOG(logger(), 1, "getCloudConnector: Can't get a valid cloud connector for this time");
+    LUMO_LOG(logger(), lumo::level::Debug, "getCloudConnector: Can't get a valid cloud connector for this time");
     return std::string();
   }
   m_connectorPort = connector->getString(LUMO_CLOUD_CONNECTOR_PORT, "");
@@ -39,7 +40,7 @@ void CloudConnectorLocator::discardCurrentCloudConnector() {
     updateKsetFile(held);
   } catch (const LUMOException& failure) {
     // The next connector serves all the same; only the next process would begin with another one.
-    LUMO_LOG(logger(), 4, "The connectors cannot be remembered: %s", failure.what());
+    LUMO_LOG(logger(), lumo::level::Error, "The connectors cannot be remembered: %s", failure.what());
   }
 }
 
@@ -50,19 +51,20 @@ bool CloudConnectorLocator::takeNextConnector(const LocatorLock& held) {
     near.erase(near.begin());
     if (!near.empty()) {
       m_currentConnector = near.front();
-      LUMO_LOG(logger(), 1, "Connector(host DC FQDN=%s) in current site will be tried.", m_currentConnector.c_str());
+      LUMO_LOG(logger(), lumo::level::Debug, "Connector(host DC FQDN=%s) in current site will be tried.",
+               m_currentConnector.c_str());
       return true;
     }
     if (!far.empty()) {
       m_currentConnector = far.front();
-      LUMO_LOG(logger(), 1,
+      LUMO_LOG(logger(), lumo::level::Debug,
                "All connectors are tried in current site try list and connector(host DC FQDN=%s) in other sites will "
                "be tried.",
                m_currentConnector.c_str());
       return true;
     }
     recover(held);
-    LUMO_LOG(logger(), 1,
+    LUMO_LOG(logger(), lumo::level::Debug,
              "All connectors are tried in current site try list and there's no connectors in other sites. Will search "
              "AD and re-select again next time.");
     return false;
@@ -71,17 +73,18 @@ bool CloudConnectorLocator::takeNextConnector(const LocatorLock& held) {
     far.erase(far.begin());
     if (!far.empty()) {
       m_currentConnector = far.front();
-      LUMO_LOG(logger(), 1, "Connector(host DC FQDN=%s) in other site will be tried.", m_currentConnector.c_str());
+      LUMO_LOG(logger(), lumo::level::Debug, "Connector(host DC FQDN=%s) in other site will be tried.",
+               m_currentConnector.c_str());
       return true;
     }
     recover(held);
-    LUMO_LOG(logger(), 1,
+    LUMO_LOG(logger(), lumo::level::Debug,
              "All connectors are tried in current site try list and other sites' try list. Will search AD and "
              "re-select again next time.");
     return false;
   }
   recover(held);
-  LUMO_LOG(logger(), 1,
+  LUMO_LOG(logger(), lumo::level::Debug,
            "No connectors in current site try list or other sites' try list. Will search AD and re-select again next "
            "time.");
   return false;

@@ -72,7 +72,7 @@ ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUr
     }
   }
   if (passedOver != 0) {
-    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1,
+    LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Debug,
              "%zu remembered connectors are passed over: of another platform, or with values that no search keeps",
              passedOver);
   }
@@ -104,7 +104,7 @@ void CloudConnectorLocator::appendKsetLine(std::string& out, const ADObjectPtr& 
 }
 
 void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
-  LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, "Update cloud connectors kset file.");
+  LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Debug, "Update cloud connectors kset file.");
   std::string state;
   const auto append = [&](const Names& names, const char* failure) {
     for (const std::string& fqdn : names) {
@@ -113,7 +113,7 @@ void CloudConnectorLocator::updateKsetFile(const LocatorLock& held) {
       if (lumo::ADObject::isValid(connector) && unsafeValues(connector).empty()) {
         appendKsetLine(state, connector);
       } else {
-        LUMO_LOG(getLogger(LOCATOR_LOGGER, false), 1, failure, fqdn.c_str());
+        LUMO_LOG(getLogger(LOCATOR_LOGGER, false), lumo::level::Debug, failure, fqdn.c_str());
       }
     }
   };
@@ -132,18 +132,18 @@ void CloudConnectorLocator::readKset(const LocatorLock&) {
     if (!state.empty()) zoneUrl = lumo::ZoneHierarchy::GetZoneHierarchy()->getCloudUrl();
   } catch (const LUMOException& failure) {
     // What was remembered is a help, not a condition: a search finds it all again.
-    LUMO_LOG(logger, 4, "The remembered connectors cannot be read: %s", failure.what());
+    LUMO_LOG(logger, lumo::level::Error, "The remembered connectors cannot be read: %s", failure.what());
     state.clear();
   }
   if (state.empty()) return;
-  LUMO_LOG(logger, 1, "Get cloud connectors info from kset.");
+  LUMO_LOG(logger, lumo::level::Debug, "Get cloud connectors info from kset.");
   const ADObjectPtr connector = connectorOfState(state, zoneUrl);
   if (!connector) return;
   const std::string url = connector->getString(LUMO_CLOUD_URL, std::string());
   const std::string fqdn = connector->getString(LUMO_CLOUD_PROXY_FQDN, std::string());
-  LUMO_LOG(logger, 1, "Getting preferred connector");
-  LUMO_LOG(logger, 1, "Current cloud URL is : %s", url.c_str());
-  LUMO_LOG(logger, 1, "Current cloud connector is : %s", fqdn.c_str());
+  LUMO_LOG(logger, lumo::level::Debug, "Getting preferred connector");
+  LUMO_LOG(logger, lumo::level::Debug, "Current cloud URL is : %s", url.c_str());
+  LUMO_LOG(logger, lumo::level::Debug, "Current cloud connector is : %s", fqdn.c_str());
   m_cloudUrl = url;
   m_currentConnector = fqdn;
   m_connectors.clear();

@@ -30,7 +30,7 @@ bool isNumeric(const std::string& host) {
 }
 
 void logCredentialFailure(const char* why) {
-  LUMO_LOG(logger(), 4, "Failed to get proxy credential, %sUse of Http Proxy Server might fail!", why);
+  LUMO_LOG(logger(), lumo::level::Error, "Failed to get proxy credential, %sUse of Http Proxy Server might fail!", why);
 }
 
 void fillCredential(CloudProxyInfo& proxy) {
@@ -43,7 +43,7 @@ void fillCredential(CloudProxyInfo& proxy) {
     }
     proxy.proxyUser = credential.getUser();
     if (proxy.proxyUser == MACHINE_MARKER) {
-      LUMO_LOG(logger(), 1, "Force authtype to 'negotiate' when using machine credential.");
+      LUMO_LOG(logger(), lumo::level::Debug, "Force authtype to 'negotiate' when using machine credential.");
       proxy.proxyAuth = "negotiate";
     } else {
       credential.getSecret(proxy.proxyPassword);
@@ -56,12 +56,13 @@ void fillCredential(CloudProxyInfo& proxy) {
 void fillAuthentication(CloudProxyInfo& proxy, bool hostIsName) {
   proxy.proxyAuth = lower(lumo::Props(false, false).getProperty(lumo::PN::CLOUD_PROXY_AUTH_TYPE, "AnyAuth"));
   if (lumo::FIPSHelper::bars(proxy.proxyAuth) && lumo::FIPSHelper::isStarted()) {
-    LUMO_LOG(logger(), 4, "Auth Type '%s' is not allowed when FIPS mode is enabled.", proxy.proxyAuth.c_str());
+    LUMO_LOG(logger(), lumo::level::Error, "Auth Type '%s' is not allowed when FIPS mode is enabled.",
+             proxy.proxyAuth.c_str());
     proxy.proxyUsable = false;
   }
   fillCredential(proxy);
   if (!hostIsName && (proxy.proxyAuth == "negotiate" || proxy.proxyAuth == "anyauth")) {
-    LUMO_LOG(logger(), 4,
+    LUMO_LOG(logger(), lumo::level::Error,
              "FQDN hostname should be specified when using 'negotiate' or 'anyauth' in proxy authentication, "
              "authentication to proxy might fail.");
   }
@@ -91,7 +92,7 @@ CloudProxyInfo configuredProxy() {
 void UpdateCloudHttpProxy() {
   const lumo::Lock lock(opxLock);
   cloudHttpProxy = readConfiguration();
-  LUMO_LOG(logger(), 1, "The http proxy setting from config is proxy: '%s', auth: '%s'.",
+  LUMO_LOG(logger(), lumo::level::Debug, "The http proxy setting from config is proxy: '%s', auth: '%s'.",
            cloudHttpProxy.proxyServer.c_str(), cloudHttpProxy.proxyAuth.c_str());
 }
 

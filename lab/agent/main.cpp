@@ -76,7 +76,7 @@ class AgentLock {
   void write(const std::string& text) const {
     // For people alone: nothing reads it.
     if (ftruncate(m_handle, 0) != 0 || ::pwrite(m_handle, text.data(), text.size(), 0) < 0) {
-      LUMO_LOG(logger(), 3, "Cannot write %s: %s", lumo::path::AGENT_LOCK, std::strerror(errno));
+      LUMO_LOG(logger(), lumo::level::Warn, "Cannot write %s: %s", lumo::path::AGENT_LOCK, std::strerror(errno));
     }
   }
 
@@ -108,7 +108,7 @@ void storeHostSid(const std::string& keytab) try {
   const std::string sid = lumo::SID::ofBytes((*found->front())[AD_OBJECT_SID].toString()).toString();
   if (lumo::loadSetting(SETTING_HOSTSID, false, false) != sid) lumo::saveSetting(SETTING_HOSTSID, sid);
 } catch (const LUMOException& failure) {
-  LUMO_LOG(logger(), 4, "This host's object is not found: %s", failure.what());
+  LUMO_LOG(logger(), lumo::level::Error, "This host's object is not found: %s", failure.what());
 }
 
 void readSettings(bool again) {
@@ -119,11 +119,11 @@ void readSettings(bool again) {
 void reload() {
   readSettings(true);
   SetRefresh(0);  // other connectors may be the right ones now
-  LUMO_LOG(logger(), 2, "The settings are read anew");
+  LUMO_LOG(logger(), lumo::level::Info, "The settings are read anew");
 }
 
 void reloadAtSignal() try { reload(); } catch (const LUMOException& failure) {
-  LUMO_LOG(logger(), 4, "The settings cannot be read anew: %s", failure.what());
+  LUMO_LOG(logger(), lumo::level::Error, "The settings cannot be read anew: %s", failure.what());
 }
 
 void printReports() try {

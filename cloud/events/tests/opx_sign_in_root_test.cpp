@@ -3,10 +3,10 @@
 
 #include "basalt/ad_agent.h"
 #include "cloud/events/tests/opx_processor_access.h"
+#include "cloud/http/tests/connector_trust.h"
 #include "cloud/http/tests/curl_words.h"
 #include "cloud/http/tests/negotiate_host.h"
 #include "cloud/include/opx.h"
-#include "cloud/rest/tests/connector_trust.h"
 #include "cloud/route/tests/cloudconnectorlocator_access.h"
 #include "lab/platform/platform_simulator.h"
 #include "testsupport/setting.h"

@@ -2,7 +2,7 @@
 #include <filesystem>
 
 #include "cloud/http/cloud_object_certs.h"
-#include "cloud/rest/tests/connector_trust.h"
+#include "cloud/http/tests/connector_trust.h"
 #include "cloud/http/tests/curl_object_fixture.h"
 #include "testsupport/private_host.h"
 

@@ -2,10 +2,10 @@
 #include <filesystem>
 
 #include "cloud/http/tests/cloud_object_pool_access.h"
+#include "cloud/http/tests/connector_trust.h"
 #include "cloud/http/tests/curl_words.h"
 #include "cloud/http/tests/negotiate_host.h"
 #include "cloud/login/tests/cloud_auth_v1s_client.h"
-#include "cloud/rest/tests/connector_trust.h"
 #include "testsupport/setting.h"
 #include "testsupport/temp_folder.h"
 

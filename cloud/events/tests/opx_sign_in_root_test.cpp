@@ -89,6 +89,7 @@ TEST_F(OpxSignInRoot, MachineProvesItselfToTheConnectorAndReportsItsEvents) {
   lumo::OPXProcessor::handleLogPrivEvent({{"User", "alice"}, {"Command", "/bin/id"}});
   access.processor.postLogPrivEvent();
   EXPECT_THAT(platform.events(), ElementsAre(R"({"User":"alice","Command":"/bin/id"})"));
+  ASSERT_THAT(platform.requests(), Not(IsEmpty()));
   for (const auto& request : platform.requests()) EXPECT_EQ(request.status, 200) << request.endpoint;
   EXPECT_EQ(platform.requests().back().cookie, access.machineCookie);
   EXPECT_THAT(platform.surprises(), IsEmpty());

@@ -30,7 +30,10 @@ class ResetProxy : public testing::Test {
     UpdateCloudHttpProxy();
     CloudConnectorLocator::getInstance(POD)->searchCloudConnetors(POD, false);
   }
-  ~ResetProxy() override { CloudConnectorLocator::getInstance(POD)->resetState(); }
+  ~ResetProxy() override {
+    CloudConnectorLocator::getInstance(POD)->resetState();
+    CloudConnectorLocatorAccess::resetProcess();  // it keeps its URLs
+  }
 
   testsupport::FakeCredentialSource credentials;
   testsupport::MemoryDirectory directory{"forest.test"};

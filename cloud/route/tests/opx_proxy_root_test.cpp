@@ -6,6 +6,7 @@
 #include "base/include/parameter_names.h"
 #include "cloud/http/tests/cloud_object_pool_access.h"
 #include "cloud/include/opx.h"
+#include "cloud/route/tests/cloudconnectorlocator_access.h"
 #include "testsupport/keytab.h"
 #include "testsupport/log_capture.h"
 #include "testsupport/private_host.h"
@@ -36,7 +37,10 @@ class OpxCredential : public testing::Test {
     testsupport::cleanPrivateHost();
     testsupport::writeKeytab(lumo::path::MACHINE_KEYTAB, {{"HOST1$@CORP.EXAMPLE.TEST"}});
   }
-  ~OpxCredential() override { UpdateCloudHttpProxy(); }
+  ~OpxCredential() override {
+    UpdateCloudHttpProxy();
+    CloudConnectorLocatorAccess::resetProcess();
+  }
 
   static void store(const std::string& user, const std::string& secret) {
     lumo::ProtectedCredential credential("httpproxy");

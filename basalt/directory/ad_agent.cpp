@@ -162,7 +162,7 @@ std::string ADAgent::canonicalServiceName(const std::string& spn) {
   const lumo::Lock lock(m_serviceNameMutex);
   // Whoever was waited for may have asked for the same.
   if (auto known = m_serviceNames.read(spn)) return std::move(*known);
-  const std::string canonical = askServiceName(spn);
+  std::string canonical = askServiceName(spn);
   m_serviceNames.store(spn, canonical);
   return canonical;
 }

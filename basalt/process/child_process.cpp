@@ -114,6 +114,7 @@ class SpawnPlan {
   int start(const char* cmd, char** argv, pid_t& pid) {
     std::vector<std::string> variables = childEnvironment();
     std::vector<char*> pointers;
+    pointers.reserve(variables.size() + 1);
     for (std::string& variable : variables) pointers.push_back(variable.data());
     pointers.push_back(nullptr);
     return posix_spawn(&pid, cmd, &m_actions, &m_attributes, argv, pointers.data());

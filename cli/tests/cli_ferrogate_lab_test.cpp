@@ -1,8 +1,10 @@
 // --test against real proxies in the private domain, as a user and as the machine.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "base/include/string_helpers.h"
@@ -241,6 +243,38 @@ TEST_F(Lab, TicketOfTheCallerIsNeverUsed) {
     EXPECT_EQ(log.text().find(lab("ADMIN")), std::string::npos) << log.text();
   }
   testsupport::run({"kdestroy"});
+}
+
+// The folder is whoever's root happens to stand in, the home whoever's root came from.
+TEST_F(Lab, SettingsOfTheLdapLibraryAreNotRead) {
+  require("Negotiate");
+  struct Row {
+    const char* what;
+    std::function<void(const std::string& path)> make;
+  };
+  const auto file = [](const char* text) {
+    return [text](const std::string& path) { testsupport::writeFile(path, text); };
+  };
+  const Row rows[] = {
+      {"pipe without a writer", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0) << path; }},
+      {"connection without protection", file("SASL_SECPROPS maxssf=0\n")},
+      {"what crashes the library while it begins", file("KEEPALIVE_IDLE 1\n")},
+  };
+  for (const Row& row : rows) {
+    unlink(LOG);
+    const testsupport::TempFolder folder, home;
+    for (const std::string& path : {folder.file("ldaprc"), home.file("ldaprc"), home.file(".ldaprc")}) row.make(path);
+    const auto result =
+        testsupport::run({"env", "--chdir=" + folder.path(), "HOME=" + home.path(), testsupport::toolPath(), "-T", "-c",
+                          lab("PLATFORM_URL"), "-s", lab("PROXY_NEGOTIATE"), "-m"});
+    EXPECT_FALSE(result.timedOut) << row.what;
+    EXPECT_EQ((Outcome{result.status, result.out, result.err}), passed("NEGOTIATE", "negotiate", "Machine Credential"))
+        << row.what;
+    const std::string log = testsupport::exists(LOG) ? testsupport::readFile(LOG) : "";
+    EXPECT_NE(log.find(" base.directory: Signed in to the directory server "), std::string::npos)
+        << row.what << ": the directory was not asked\n"
+        << log;
+  }
 }
 
 TEST_F(Lab, CertificatesOfThePlatformDecide) {

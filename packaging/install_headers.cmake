@@ -3,7 +3,8 @@
 cmake_policy(VERSION 3.25)
 
 file(GLOB open RELATIVE "${FERRO_SOURCES}" "${FERRO_SOURCES}/cloud/include/*.h")
-list(APPEND open basalt/ad_agent.h basalt/kerberos_abandoned.h basalt/run_queue.h base/include/logger.h)
+list(APPEND open basalt/ad_agent.h basalt/kerberos_abandoned.h basalt/run_queue.h base/include/logger.h
+     base/include/printable.h)
 set(headers)
 while(open)
   list(POP_FRONT open header)

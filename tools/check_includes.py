@@ -59,7 +59,8 @@ AGAINST = {
 # What serves tests and benchmarks alone: the rooms that are not installed may know it.
 FOR_TESTS = {"testsupport", "lab"}
 # The public headers, beside those that they include: what an example may include.
-PUBLIC = re.compile(r"^(cloud/include/\w+|basalt/(ad_agent|kerberos_abandoned|run_queue)|base/include/logger)\.h$")
+PUBLIC = re.compile(r"^(cloud/include/\w+|basalt/(ad_agent|kerberos_abandoned|run_queue)|"
+                    r"base/include/(logger|printable))\.h$")
 # What a room's code may not know, told by the header's name: the files that may.
 GUARDED = [
     (re.compile(r"^curl/"), re.compile(r"^cloud/(http/|include/curl_)")),

@@ -30,7 +30,8 @@ BELOW = {
     "share/man/man8": ANY, "share/man/man8/ferrogate.8": FILE,
 }
 # What the programmer of an agent includes, beside all of cloud/include.
-AGENT = ["basalt/ad_agent.h", "basalt/kerberos_abandoned.h", "basalt/run_queue.h", "base/include/logger.h"]
+AGENT = ["basalt/ad_agent.h", "basalt/kerberos_abandoned.h", "basalt/run_queue.h", "base/include/logger.h",
+         "base/include/printable.h"]
 
 
 def cached(name):

@@ -65,6 +65,10 @@ class HttpServer::Stream {
   Stream& operator=(const Stream&) = delete;
 
   bool isTls() const { return m_tls != nullptr; }
+  bool isStopped() const {
+    pollfd stop{m_stop, POLLIN, 0};
+    return poll(&stop, 1, 0) > 0;
+  }
 
   bool startTls(SSL_CTX* context) {
     m_tls.reset(SSL_new(context));
@@ -253,6 +257,11 @@ bool HttpServer::answer(Stream& stream, HttpRequest& request) {
   }
   m_changed.notify_all();
   if (!stream.send(reply.bytes)) return false;
+  if (reply.more) {
+    for (std::string piece = reply.more(); !piece.empty(); piece = reply.more()) {
+      if (stream.isStopped() || !stream.send(piece)) return false;
+    }
+  }
   switch (reply.then) {
     case HttpReply::KeepOpen:
       return true;

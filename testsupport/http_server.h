@@ -31,6 +31,9 @@ struct HttpReply {
   enum Then { KeepOpen, Close, StartTls, Silence };
   std::string bytes;     // sent as they stand; the handler writes status line, headers and body
   Then then = KeepOpen;  // Silence: nothing more is read or sent until the client hangs up or the server goes
+  // Where there is one: gives what is sent behind `bytes`, piece after piece, until it gives nothing, the client hangs
+  // up or the server goes. Called on the connection's thread.
+  std::function<std::string()> more = {};
 };
 
 // "HTTP/1.1 STATUS\r\n", the header lines, a Content-Length and the body.

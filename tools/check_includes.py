@@ -38,6 +38,7 @@ PLACED = {
     "cloud/include/cloud_exceptions.h": "cloud/http",
     "cloud/include/cloud_object_pool.h": "cloud/http",
     "cloud/include/curl_object.h": "cloud/http",
+    "cloud/include/exchange_stop.h": "cloud/http",
     "cloud/include/process_start.h": "cloud/http",
     "cloud/include/transport_start.h": "cloud/http",
     "cloud/include/cloudconnectorlocator.h": "cloud/route",

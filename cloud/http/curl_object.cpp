@@ -2,6 +2,7 @@
 
 #include "cloud/http/curl_object_internal.h"
 #include "cloud/http/curl_object_layer.h"
+#include "cloud/http/exchange_limits.h"
 #include "cloud/include/transport_start.h"
 
 const std::map<std::string, long> proxyAuthTypes = {
@@ -13,6 +14,12 @@ const std::map<std::string, long> proxyAuthTypes = {
 namespace {
 
 constexpr long TRANSFER_SECONDS = 30;
+
+// Two options, one limit of time: the later one counts, as with libcurl.
+void noteTime(ExchangeLimits& limits, int option, long value) {
+  if (option == CURLOPT_TIMEOUT) limits.setTime(std::chrono::seconds(value));
+  if (option == CURLOPT_TIMEOUT_MS) limits.setTime(std::chrono::milliseconds(value));
+}
 
 }  // namespace
 
@@ -29,7 +36,7 @@ void requireNtlm(long mask, int features) {
   }
 }
 
-CurlObject::CurlObject() : layer(std::make_unique<NegotiateLayer>(*this)) {
+CurlObject::CurlObject() : limits(std::make_unique<ExchangeLimits>()), layer(std::make_unique<NegotiateLayer>(*this)) {
   lumo::startTransport();
   CurlHandle created(curl_easy_init());
   if (!created) LUMO_THROW(lumo::CurlException, -1, "Failed to create curl context");
@@ -68,6 +75,7 @@ void CurlObject::setOpt(int option, long value) {
   setCurl(handle, option, layer->maskForCurl(option, value));
   if (const int ofProxy = verificationOfProxy(option); ofProxy != 0) setCurl(handle, ofProxy, value);
   layer->keep(option, value);
+  noteTime(*limits, option, value);
   options.insert(option);
 }
 
@@ -119,6 +127,7 @@ void CurlObject::clearOpt(int option) {
   if (recorded == options.end()) return;
   options.erase(recorded);
   layer->forget(option);
+  noteTime(*limits, option, 0);
   if (NegotiateLayer::owns(option)) return;
   if (namesTrust(option)) return setTrustSource(option, nullptr);
   const CURLcode code = curl_easy_setopt(handle, static_cast<CURLoption>(option), nullptr);

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "cloud/http/curl_object_layer.h"
+#include "cloud/http/exchange_limits.h"
 
 namespace {
 
@@ -41,6 +43,15 @@ char* grow(char* buffer, size_t& capacity, size_t needed) {
     }
   }
   return nullptr;
+}
+
+// To be called once memory was given back, of which the exception needs some.
+std::exception_ptr noMemoryFor(const char* what) noexcept {
+  try {
+    LUMO_THROW(lumo::CurlException, -1, "Not enough memory for curl %s", what);
+  } catch (...) {
+    return std::current_exception();
+  }
 }
 
 }  // namespace
@@ -95,8 +106,16 @@ size_t CurlCallbacks::header(char* data, size_t size, size_t count, void* object
   if (data == nullptr || self == nullptr) return length;
   self->noteCookie({data, length});
   try {
+    if (!self->limits->takeHeader(length)) {
+      LUMO_THROW(lumo::CurlException, -1, "The header lines of the reply are longer than %zu bytes together.",
+                 ExchangeLimits::MAX_HEADER_BYTES);
+    }
     if (length <= MAX_HEADER_LINE) self->headerLines.emplace_back(data, length);
     return self->layer->mayAnswer({data, length}) ? length : 0;
+  } catch (const std::bad_alloc&) {
+    self->dropHeaders();
+    self->callbackFailure = noMemoryFor("header lines");
+    return 0;
   } catch (...) {
     // A challenge that nobody has judged is not to be answered.
     self->callbackFailure = std::current_exception();
@@ -110,13 +129,25 @@ int CurlObject::debugCallback(CURL*, curl_infotype type, char* data, size_t size
   if (self == nullptr || data == nullptr || mark == 0) return 0;
   try {
     const size_t length = strnlen(data, size);
+    if (self->limits->isTraceFull()) return 0;
+    if (!self->limits->takeTrace(length + 1)) {
+      self->debugLines.emplace_back("*The trace ends here: it has reached its limit.\n");
+      return 0;
+    }
     std::string line;
     line.reserve(length + 1);  // growing would leave a piece of a credential on the heap
     line += mark;
     line.append(data, length);
     self->debugLines.push_back(std::move(line));
   } catch (...) {
-    self->callbackFailure = std::current_exception();
+    // Nothing but memory can be missing here.
+    self->forgetTrace();
+    self->callbackFailure = noMemoryFor("trace");
   }
   return 0;
+}
+
+int CurlCallbacks::progress(void* object, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
+  auto* self = static_cast<CurlObject*>(object);
+  return self->callbackFailure != nullptr || self->limits->isOver() ? 1 : 0;
 }

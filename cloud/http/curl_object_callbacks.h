@@ -13,7 +13,13 @@ struct CurlCallbacks {
   static curl_socket_t openSocket(void* object, curlsocktype purpose, curl_sockaddr* address) noexcept;
   // Appends to the response buffer.
   static size_t write(char* data, size_t size, size_t count, void* object) noexcept;
-  // Keeps a header line with its line ending; one longer than 102400 bytes is dropped. Ends the transfer,
-  // by a short count, only where the answer to the line would reveal the password or the line cannot be judged.
+  // Keeps a header line with its line ending; one longer than 102400 bytes is dropped. libcurl itself takes no such
+  // line: one of 102400 bytes or more ends the transfer, with CURLE_OUT_OF_MEMORY (27) or, since version 8.6,
+  // CURLE_TOO_LARGE (100). Ends the transfer, by a short count, where the answer to the line would reveal the password,
+  // the line cannot be judged, memory ends, or the header lines of the exchange exceed their limit together.
   static size_t header(char* data, size_t size, size_t count, void* object) noexcept;
+  // Ends the transfer, by a result that is not 0, when its limits say so or a callback has failed: that of the trace
+  // cannot end it itself. libcurl calls it for each piece that it reads, also of what it throws away, and about once a
+  // second when nothing happens.
+  static int progress(void* object, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept;
 };

@@ -236,7 +236,7 @@ CURLcode NegotiateLayer::exchange() {
 CURLcode NegotiateLayer::performBarred() {
   const DefaultCredentialBar bar;
   if (!isActiveAt(CURLOPT_HTTPAUTH)) {
-    const CURLcode code = curl_easy_perform(owner.handle);
+    const CURLcode code = owner.transfer();
     if (code == CURLE_OK && running) checkProxyReply();
     return code;
   }
@@ -244,7 +244,7 @@ CURLcode NegotiateLayer::performBarred() {
   for (int round = 1;; ++round) {
     serverLine = token.empty() ? std::string() : "Authorization: Negotiate " + token;
     owner.buildHeaderList();
-    const CURLcode code = curl_easy_perform(owner.handle);
+    const CURLcode code = owner.transfer();
     if (code != CURLE_OK || !running || round == MAX_SERVER_ROUNDS || !continueAtServer()) return code;
     token = serverLine;
     owner.rewindAttempt();

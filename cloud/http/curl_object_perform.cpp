@@ -4,6 +4,7 @@
 #include "cloud/http/curl_object_callbacks.h"
 #include "cloud/http/curl_object_internal.h"
 #include "cloud/http/curl_object_layer.h"
+#include "cloud/http/exchange_limits.h"
 
 namespace {
 
@@ -12,6 +13,9 @@ constexpr size_t EXPECT_THRESHOLD = size_t{1024} * 1024;
 
 // A reply has about so many header lines.
 constexpr size_t USUAL_HEADER_LINES = 16;
+
+// Its time is over, or it was stopped: a second attempt would take as long again, or would be stopped as well.
+bool isFinal(CURLcode code) { return code == CURLE_OPERATION_TIMEDOUT || code == CURLE_ABORTED_BY_CALLBACK; }
 
 }  // namespace
 
@@ -52,6 +56,7 @@ void CurlObject::forgetExchange() noexcept {
 void CurlObject::forgetTrace() {
   for (std::string& line : debugLines) wipe(line);
   debugLines.clear();
+  limits->beginTrace();
 }
 
 void CurlObject::buildHeaderList() {
@@ -95,6 +100,7 @@ void CurlObject::prepareAttempt(const std::string& url, const std::string& body,
   setOpt(CURLOPT_WRITEDATA, static_cast<void*>(this));
   setAttemptDefaults();
   buildHeaderList();
+  limits->begin();
 }
 
 // Not in the ledger, like those of each attempt: nobody takes these away, and later code must not find options that it
@@ -112,6 +118,9 @@ void CurlObject::setTransportDefaults() {
   setCurl(handle, CURLOPT_OPENSOCKETFUNCTION, &CurlCallbacks::openSocket);
   // After a time-out libcurl does not wait for its thread that still asks DNS.
   setCurl(handle, CURLOPT_QUICK_EXIT, 1L);
+  setCurl(handle, CURLOPT_XFERINFOFUNCTION, &CurlCallbacks::progress);
+  setCurl(handle, CURLOPT_XFERINFODATA, static_cast<void*>(this));
+  setCurl(handle, CURLOPT_NOPROGRESS, 0L);
 }
 
 void CurlObject::setAttemptDefaults() {
@@ -121,6 +130,11 @@ void CurlObject::setAttemptDefaults() {
   if (options.count(CURLOPT_NOPROXY) == 0) {
     setCurl(handle, CURLOPT_NOPROXY, options.count(CURLOPT_PROXY) == 0 ? "*" : "");
   }
+}
+
+CURLcode CurlObject::transfer() {
+  const bool isOver = limits->isOver();
+  return limits->codeFor(isOver ? CURLE_ABORTED_BY_CALLBACK : curl_easy_perform(handle));
 }
 
 std::pair<long, std::string> CurlObject::perform(const std::string& url, const std::string& body, int post) {
@@ -140,7 +154,7 @@ std::pair<long, std::string> CurlObject::perform(const std::string& url, const s
       responseBody = writeBuffer == nullptr ? "" : writeBuffer;
       return {status, responseBody};
     }
-    if (options.count(CURLOPT_PROXYAUTH) == 0 || !first || !negotiate.handleKrb5CCache(headerLines)) {
+    if (isFinal(code) || options.count(CURLOPT_PROXYAUTH) == 0 || !first || !negotiate.handleKrb5CCache(headerLines)) {
       layer->throwRefusal();
       LUMO_THROW(lumo::CurlException, -1, "curl error occurred in curl_easy_perform: %s (%d)", curl_easy_strerror(code),
                  static_cast<int>(code));

@@ -35,6 +35,7 @@ inline constexpr int CURLOPT_PROXY_GSS_SETUP_DATA = 10067;
 // "basic" 1, "anyauth" -17. Never changes; any thread.
 extern const std::map<std::string, long> proxyAuthTypes;
 
+class ExchangeLimits;
 class NegotiateLayer;
 struct CurlCallbacks;
 
@@ -47,9 +48,9 @@ class CurlObject {
   using ReadFunction = size_t (*)(char*, size_t, size_t, void*);
   using DebugFunction = int (*)(CURL*, curl_infotype, char*, size_t, void*);
 
-  // Cookie engine on, no signals, certificate checks on, 30 seconds for a transfer. No certificate is trusted until a
-  // bundle (CURLOPT_CAINFO) or a folder (CURLOPT_CAPATH) is named: what is built into libcurl does not count. Throws
-  // CurlException "Failed to create curl context".
+  // Cookie engine on, no signals, certificate checks on, 30 seconds (CURLOPT_TIMEOUT) for an exchange. No certificate
+  // is trusted until a bundle (CURLOPT_CAINFO) or a folder (CURLOPT_CAPATH) is named: what is built into libcurl does
+  // not count. Throws CurlException "Failed to create curl context".
   CurlObject();
   ~CurlObject();
   CurlObject(const CurlObject&) = delete;
@@ -85,10 +86,14 @@ class CurlObject {
   void clearProxy(bool clearUserCache);
 
   // One exchange, repeated once when a Negotiate proxy asked again. `post` is 0 for GET. Returns HTTP status and body;
-  // any status counts as success. The body ends at its first zero byte. Throws CurlException "curl error occurred in
-  // curl_easy_perform: %s (%d)", "Not enough memory for curl write buffer" or why a challenge of the peer is not
-  // answered (NTLM that allows weak responses only, Basic in place of something better), lumo::SystemException when the
-  // default Kerberos credential cannot be barred, and what the GSS set-up function throws. Wipes its copy of the body.
+  // any status counts as success. The body ends at its first zero byte.
+  // CURLOPT_TIMEOUT, or CURLOPT_TIMEOUT_MS, is the time for each attempt with all its connections and replies, whatever
+  // a peer sends; 0 is none. An attempt that ends by it, or by lumo::stopExchanges, is not repeated.
+  // Throws CurlException "curl error occurred in curl_easy_perform: %s (%d)", "Not enough memory for curl write buffer"
+  // (or "header lines", "trace"), "The header lines of the reply are longer than 2097152 bytes together." or why a
+  // challenge of the peer is not answered (NTLM that allows weak responses only, Basic in place of something better),
+  // lumo::SystemException when the default Kerberos credential cannot be barred, and what the GSS set-up function
+  // throws. Wipes its copy of the body.
   std::pair<long, std::string> perform(const std::string& url, const std::string& body, int post);
 
   // Gives back what the last exchange left in memory: body, header lines, trace. To be called when another user gets
@@ -120,7 +125,7 @@ class CurlObject {
   // Name -> value, sent with every request to a server, not to a proxy; perform adds Content-Length.
   std::map<std::string, std::string> headers;
   // What the debug callback was given since the last perform began, credentials in headers included; wiped by the next
-  // perform and with the object.
+  // perform and with the object. About 8 MiB at the most; one that is cut says so in its last line.
   std::vector<std::string> debugLines;
 
  private:
@@ -144,6 +149,8 @@ class CurlObject {
   void setTransportDefaults();
   void setAttemptDefaults();
   void buildHeaderList();
+  // curl_easy_perform within the limits of the exchange.
+  CURLcode transfer();
 
   std::set<int> options;
   std::string requestBody;
@@ -165,6 +172,7 @@ class CurlObject {
  private:
   // What a callback threw; carried past libcurl's frames and rethrown after the transfer.
   std::exception_ptr callbackFailure;
+  const std::unique_ptr<ExchangeLimits> limits;
   // What the cookie engine may hold: a session since it was forgotten last, any other cookie. libcurl writes all of its
   // cookies out to tell.
   bool hasSession = false;

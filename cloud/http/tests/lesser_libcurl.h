@@ -31,6 +31,10 @@ Function* original(const char* name) {
 
 }  // namespace lessercurl
 
+// libcurl fixes these types: an enumeration stands in front of the dots, which clang warns of in C++.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs"
+
 // libcurl takes the schemes that it does not have out of a mask, without a word.
 extern "C" CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
   static auto* const real = lessercurl::original<decltype(curl_easy_setopt)>("curl_easy_setopt");
@@ -52,3 +56,5 @@ extern "C" CURLcode curl_easy_getinfo(CURL* handle, CURLINFO info, ...) {
   if (info == CURLINFO_PROXYAUTH_AVAIL && code == CURLE_OK) *static_cast<long*>(result) &= ~lessercurl::missing.load();
   return code;
 }
+
+#pragma GCC diagnostic pop

@@ -157,6 +157,7 @@ void ConnectorThreads::exchange(std::size_t self, std::mt19937& random) {
   }
   require(++holders <= LIMIT, "more connections are out than allowed");
   try {
+    client.connection()->setOpt(CURLOPT_TIMEOUT, 30 * testsupport::FastClock::FACTOR);
     client.get(pod + "path");
     require(client.getResult() == std::make_pair(200L, std::string(BODY)),
             "the reply is '" + client.getResult().second + "'");

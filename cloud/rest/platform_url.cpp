@@ -19,11 +19,14 @@ constexpr std::size_t SHOWN_BYTES = 200;
 
 bool hasScheme(const std::string& url) { return url.find(SCHEME_END) != std::string::npos; }
 
+// Libcurl takes "http:/host" for "http://host".
+bool mayHaveScheme(const std::string& url) { return url.find(":/") != std::string::npos; }
+
 bool hasTls(const std::string& url) { return lower(url.substr(0, sizeof TLS - 1)) == TLS; }
 
 // Where the host and the port of a URL begin and end, a user's name among them.
 std::pair<std::size_t, std::size_t> authorityOf(const std::string& url) {
-  const std::size_t begin = url.find(SCHEME_END) + sizeof SCHEME_END - 1;
+  const std::size_t begin = hasScheme(url) ? url.find(SCHEME_END) + sizeof SCHEME_END - 1 : 0;
   return {begin, std::min(url.find_first_of("/?#", begin), url.size())};
 }
 
@@ -62,7 +65,7 @@ void requirePlatformUrl(const std::string& url) {
 }
 
 void requireSignInUrl(const std::string& url) {
-  if (!hasScheme(url) || hasTls(url)) return;
+  if (!mayHaveScheme(url) || hasTls(url)) return;
   if (isBelow(url, lumo::Props(false, false).getProperty(lumo::PN::CLOUD_IWA_URL_OVERRIDE))) return;
   LUMO_THROW(lumo::CloudException, -1,
              "The URL of the sign-in has no TLS: nothing is sent to %s unless %s names that very URL",

@@ -10,5 +10,5 @@
 void requirePlatformUrl(const std::string& url);
 
 // The same for the page where this machine signs in: "The URL of the sign-in has no TLS: ...", unless it lies below
-// `ferrod.cloud.iwa.url`. One without a scheme passes: it has no host that could be asked.
+// `ferrod.cloud.iwa.url`. One without a scheme passes: it is asked with TLS.
 void requireSignInUrl(const std::string& url);

@@ -24,6 +24,8 @@ constexpr Row ROWS[] = {
     {"", "HTTP://pod.test/", false},
     {"", "ftp://pod.test/", false},
     {"", " https://pod.test/", false},
+    {"", "http:/pod.test/", false},
+    {"http:/pod.test/", "http:/pod.test/", false},
     {"", "x://y/?https://pod.test/", false},
     {"http://pod.test/", "http://pod.test/", true},
     {"http://pod.test/", "http://pod.test/security/sso?OneTimePass=1", true},
@@ -85,6 +87,9 @@ TEST(PlatformUrl, MessageNamesHostAndPortAlone) {
   }
   EXPECT_EQ(failureOf([] { requireSignInUrl("http://evil.test/iwa/SiteCheck"); }),
             "CloudException -1 The URL of the sign-in has no TLS: nothing is sent to http://evil.test unless "
+            "ferrod.cloud.iwa.url names that very URL");
+  EXPECT_EQ(failureOf([] { requireSignInUrl("http:/evil.test/iwa/SiteCheck"); }),
+            "CloudException -1 The URL of the sign-in has no TLS: nothing is sent to http: unless "
             "ferrod.cloud.iwa.url names that very URL");
 }
 

@@ -55,7 +55,7 @@ TEST(RpcMessage, RequestsHaveTheirExactText) {
   user.name = "jdoe";
   EXPECT_EQ(encodeRequest(user),
             R"({"jsonrpc":"2.0","id":2,"method":"getUserObj","params":{"name":"jdoe","lookup":"unix"}})");
-  user.lookup = static_cast<UserLookup>(2);
+  user.lookup = static_cast<UserLookup>(0);  // the only other value that the type can hold
   EXPECT_THROW(encodeRequest(user), BadDataException);
   RpcRequest fetch = request(RpcMethod::LdapFetch, 3);
   fetch.dn = "CN=h,DC=corp";

@@ -76,8 +76,9 @@ std::string unsafeValues(const ADObjectPtr& connector);
 std::string stateLineOf(const ADObjectPtr& connector);
 
 // The record of the first line of a state file that counts: at least seven fields, none empty, with values that a
-// search keeps (unsafeValues), and the platform URL `zoneUrl` unless that is empty. What follows the seventh field is
-// ignored. Null where there is none. Lines that have all fields and are passed over are counted in the log at level 1.
+// search keeps (lumo::printable changes none), and the platform URL `zoneUrl` unless that is empty. What follows the
+// seventh field is ignored. Null where there is none. Lines that have all fields and are passed over are counted in the
+// log at level 1.
 ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUrl = std::string());
 
 // The ports of a record; another text for what is not enabled, by default that of state and report.

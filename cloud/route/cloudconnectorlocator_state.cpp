@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "basalt/settings/settings_store.h"
 #include "basalt/settings/zone_hierarchy.h"
 #include "base/include/logger.h"
+#include "base/include/printable.h"
 #include "base/include/string_helpers.h"
 #include "cloud/include/cloudconnectorlocator.h"
 #include "cloud/route/cloudconnectorlocator_record.h"
@@ -21,6 +23,12 @@ std::vector<std::string> fieldsOf(const std::string& line) {
   for (const std::string& field : fields) whole = whole && !field.empty();
   if (!whole) fields.clear();
   return fields;
+}
+
+// A search keeps no value with bytes that would be escaped, not even one that has no effect.
+bool isKeptBySearches(const std::vector<std::string>& fields) {
+  return std::all_of(fields.begin(), fields.begin() + FIELDS,
+                     [](const std::string& field) { return lumo::printable(field) == field; });
 }
 
 bool isOn(const lumo::ADObject& record, const char* setting) { return record[setting].toBool(); }
@@ -64,9 +72,8 @@ ADObjectPtr connectorOfState(const std::string& state, const std::string& zoneUr
   for (auto line = lines.begin(); line != lines.end() && !connector; ++line) {
     const std::vector<std::string> fields = fieldsOf(*line);
     if (fields.empty()) continue;
-    ADObjectPtr record = recordOf(fields);
-    if ((zoneUrl.empty() || fields.front() == zoneUrl) && unsafeValues(record).empty()) {
-      connector = std::move(record);
+    if ((zoneUrl.empty() || fields.front() == zoneUrl) && isKeptBySearches(fields)) {
+      connector = recordOf(fields);
     } else {
       ++passedOver;
     }

@@ -84,6 +84,7 @@ TEST(ConnectorState, LineWithAValueThatNoSearchKeepsIsPassedOver) {
            std::string("u|s|n0|t\0|1|2|3", 16),
            "u\xE2\x80\xAE|s|n0|t|1|2|3",  // turns the direction of writing
            "u|s|n0\xff|t|1|2|3",          // no UTF-8
+           "u|s|n0|t|8080|-|\xff",        // the same in a port that has no effect
        }) {
     log.texts();
     const ADObjectPtr record = connectorOfState(line + "\n" + good + "\n");

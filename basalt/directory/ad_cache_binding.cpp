@@ -120,7 +120,7 @@ std::vector<ADObjectPtr> ADCacheBinding::search(const DirectorySearch& what) {
         lose({false, failure.rc(), failure.what()});
       }
       LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Debug,
-               "The connection to the directory of '%s' was lost (%s), opening anew",
+               "The connection to the directory of '%s' was lost (%s), connecting again",
                lumo::printable(m_target.domain).c_str(), failure.what());
     }
     m_connection.reset();

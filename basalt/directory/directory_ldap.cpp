@@ -84,7 +84,7 @@ class LdapConnector : public DirectoryConnector {
                  textOf(server).c_str());
         return connection;
       } catch (const LDAPException& failure) {
-        LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Warn, "The directory server %s is of no use: %s",
+        LUMO_LOG(getLogger(LOGGER_NAME, false), lumo::level::Warn, "The directory server %s cannot be used: %s",
                  textOf(server).c_str(), failure.what());
         tried.push_back({textOf(server), failure.what()});
         if (isRefusal(failure) && refusal == 0) refusal = failure.rc();

@@ -34,6 +34,7 @@ TEST(Printable, BytesThatAreNotUtf8AreEscaped) {
   EXPECT_EQ(printable("\xE2\x82"), "\\xe2\\x82");
   EXPECT_EQ(printable("\xC0\x8A"), "\\xc0\\x8a");
   EXPECT_EQ(printable("\xE0\x80\x8A"), "\\xe0\\x80\\x8a");
+  EXPECT_EQ(printable("\xF0\x80\x80\x8A"), "\\xf0\\x80\\x80\\x8a");
   EXPECT_EQ(printable("\xED\xA0\x80"), "\\xed\\xa0\\x80");
   EXPECT_EQ(printable("\xF4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
 }

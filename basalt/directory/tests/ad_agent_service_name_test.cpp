@@ -89,7 +89,7 @@ TEST_F(AgentsServiceName, IsTheControllersWhereTheCatalogueIsAway) {
                                     "the domain 'corp.test': "));
 }
 
-// A directory that cannot be asked is no failure, and not asked at each hand-out of a connection.
+// A directory that cannot be asked gives an empty name, and is not asked again at each hand-out of a connection.
 TEST_F(AgentsServiceName, IsNoneWhereNobodyCanBeAsked) {
   const testsupport::LogCapture log;
   m_directory.failSearch({Failure::Kind::Server, 53, "not\nnow"});

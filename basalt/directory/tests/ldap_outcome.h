@@ -1,4 +1,4 @@
-// What comes of work with an LDAP server that misbehaves.
+// The outcome of a request to an LDAP server that misbehaves, as text.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 // For servers that answer, which may take them a while on a busy machine, and for those that fall silent.
 inline constexpr lumo::LdapLimits LONG{std::chrono::minutes(1), std::chrono::minutes(1)};
 inline constexpr lumo::LdapLimits SHORT{std::chrono::minutes(1), std::chrono::milliseconds(300)};
-// Far above SHORT, below the limits of whoever sets none.
+// Far above SHORT, below the default limits.
 inline constexpr std::chrono::milliseconds SOON{10000};
 
 // Number of the message, its second inner element.
